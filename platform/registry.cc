@@ -29,6 +29,7 @@ struct RegistryValue {
 
 struct RegistryKey {
   std::u16string name;  // as first written
+  size_t depth = 0;     // levels below \REGISTRY
   // Sub keys by upper-cased name: this is also the order the registry lists them in.
   std::map<std::u16string, std::shared_ptr<RegistryKey>> children;
   std::vector<RegistryValue> values;
@@ -53,6 +54,7 @@ std::shared_ptr<RegistryKey> MakeEmptyTree() {
   root->name = u"REGISTRY";
   auto machine = std::make_shared<RegistryKey>();
   machine->name = u"MACHINE";
+  machine->depth = 1;
   root->children[u"MACHINE"] = machine;
   return root;
 }
@@ -146,11 +148,13 @@ NTSTATUS SplitAbsolutePath(std::u16string_view path, std::vector<std::u16string_
 }
 
 // Walks `levels` down from `key`, creating what is missing when `create` is
-// set. Returns null when a level is missing and nothing may be created.
+// set. Returns null when a level is missing and nothing may be created, or
+// when the path would go deeper than RegistryMaxKeyDepth.
 std::shared_ptr<RegistryKey> WalkKeyPath(std::shared_ptr<RegistryKey> key,
                                          const std::vector<std::u16string_view>& levels,
                                          bool create, bool* createdLast) {
   if (createdLast != nullptr) *createdLast = false;
+  if (key->depth + levels.size() > RegistryMaxKeyDepth) return nullptr;
   for (std::u16string_view level : levels) {
     std::u16string folded = FoldName(level);
     auto it = key->children.find(folded);
@@ -162,6 +166,7 @@ std::shared_ptr<RegistryKey> WalkKeyPath(std::shared_ptr<RegistryKey> key,
     if (!create) return nullptr;
     auto child = std::make_shared<RegistryKey>();
     child->name = std::u16string(level);
+    child->depth = key->depth + 1;
     key->children.emplace(std::move(folded), child);
     key = std::move(child);
     if (createdLast != nullptr) *createdLast = true;
@@ -292,6 +297,7 @@ NTSTATUS ZwCreateKey(HANDLE* keyHandle, ACCESS_MASK desiredAccess, OBJECT_ATTRIB
 
   bool created = false;
   std::shared_ptr<RegistryKey> key = WalkKeyPath(std::move(start), levels, true, &created);
+  if (key == nullptr) return STATUS_OBJECT_NAME_INVALID;
   *keyHandle = OpenKeyHandle(std::move(key));
   if (disposition != nullptr) *disposition = created ? REG_CREATED_NEW_KEY : REG_OPENED_EXISTING_KEY;
   return STATUS_SUCCESS;
@@ -375,6 +381,7 @@ NTSTATUS RtlWriteRegistryValue(ULONG relativeTo, const WCHAR* path, const WCHAR*
   status = SplitAbsolutePath(std::u16string_view(path, TerminatedLength(path)), &levels);
   if (!NT_SUCCESS(status)) return status;
   std::shared_ptr<RegistryKey> key = WalkKeyPath(state.root, levels, true, nullptr);
+  if (key == nullptr) return STATUS_OBJECT_NAME_INVALID;
   StoreValue(*key, name, valueType, static_cast<const uint8_t*>(valueData), valueLength);
   return STATUS_SUCCESS;
 }

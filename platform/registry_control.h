@@ -22,6 +22,8 @@ inline constexpr char16_t ServiceKeyPath[] =
 
 // Longest name of one key level, in characters.
 constexpr size_t RegistryMaxKeyNameChars = 255;
+// Deepest key, in levels below \REGISTRY (\REGISTRY\MACHINE is level 1).
+constexpr size_t RegistryMaxKeyDepth = 512;
 // Longest value name, in characters, and largest value, in bytes.
 constexpr size_t RegistryMaxValueNameChars = 16383;
 constexpr size_t RegistryMaxValueBytes = 1024 * 1024;

@@ -101,6 +101,9 @@ TEST_F(RegistryKeys, CreateMakesEveryMissingLevelAndReportsTheLastOne) {
     std::vector<std::u16string> baseChildren;
   };
   const std::u16string longName(255, u'k');
+  // kBase is three levels below \REGISTRY.
+  std::u16string deepest = u"d";
+  for (size_t level = 4; level < RegistryMaxKeyDepth; ++level) deepest += u"\\d";
   const Case cases[] = {
       {"absolute, three new levels", {}, false, kBase + u"\\a\\b\\c", STATUS_SUCCESS,
        REG_CREATED_NEW_KEY, {u"a", u"a\\b", u"a\\b\\c"}, {u"a"}},
@@ -118,6 +121,8 @@ TEST_F(RegistryKeys, CreateMakesEveryMissingLevelAndReportsTheLastOne) {
       {"longest name", {}, true, longName, STATUS_SUCCESS, REG_CREATED_NEW_KEY, {longName},
        {longName}},
       {"name over 255 characters", {}, true, longName + u"k", STATUS_OBJECT_NAME_INVALID, 0, {}, {}},
+      {"deepest key", {}, true, deepest, STATUS_SUCCESS, REG_CREATED_NEW_KEY, {deepest}, {u"d"}},
+      {"one level deeper", {}, true, deepest + u"\\d", STATUS_OBJECT_NAME_INVALID, 0, {}, {}},
       {"empty level", {}, true, u"a\\\\b", STATUS_OBJECT_NAME_INVALID, 0, {}, {}},
       {"trailing backslash", {}, true, u"a\\", STATUS_OBJECT_NAME_INVALID, 0, {}, {}},
       {"leading backslash on a relative path", {}, true, u"\\a", STATUS_OBJECT_NAME_INVALID, 0, {},
