@@ -1,0 +1,398 @@
+// The format-conversion library: Bayer to YUYV (same size and resampled),
+// YUYV to the bottom-up RGB24 frame and to I420, checked against a
+// floating-point BT.601 studio-range reference; the vector rows against the
+// portable ones; the handle's pool accounting.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <random>
+#include <vector>
+
+#include "companions/func_rows.h"
+#include "core/companions.h"
+#include "platform/kernel_control.h"
+
+namespace {
+
+struct Rgb8 {
+  int R, G, B;
+};
+
+// BT.601, studio range, in floating point.
+struct YuvRef {
+  double Y, Cb, Cr;
+};
+YuvRef ReferenceYuv(double r, double g, double b) {
+  double ey = 0.299 * r + 0.587 * g + 0.114 * b;
+  return {16 + 219 * ey / 255, 128 + 224 * (b - ey) / (1.772 * 255),
+          128 + 224 * (r - ey) / (1.402 * 255)};
+}
+double Clamp255(double v) { return v < 0 ? 0 : (v > 255 ? 255 : v); }
+Rgb8 ReferenceRgb(int y, int cb, int cr) {
+  double ey = (y - 16) * 255.0 / 219, pb = (cb - 128) * 255.0 / 224, pr = (cr - 128) * 255.0 / 224;
+  double r = ey + 1.402 * pr, b = ey + 1.772 * pb, g = (ey - 0.299 * r - 0.114 * b) / 0.587;
+  return {static_cast<int>(std::lround(Clamp255(r))), static_cast<int>(std::lround(Clamp255(g))),
+          static_cast<int>(std::lround(Clamp255(b)))};
+}
+
+// Eight SMPTE-like bars at 75 %: white, yellow, cyan, green, magenta, red,
+// blue, black.
+const Rgb8 kBars[8] = {{191, 191, 191}, {191, 191, 0}, {0, 191, 191}, {0, 191, 0},
+                       {191, 0, 191},   {191, 0, 0},   {0, 0, 191},   {0, 0, 0}};
+
+// The site colour of a B G / G R mosaic at (x, y).
+uint8_t Site(Rgb8 c, uint32_t x, uint32_t y) {
+  if ((y & 1) == 0) return static_cast<uint8_t>((x & 1) == 0 ? c.B : c.G);
+  return static_cast<uint8_t>((x & 1) == 0 ? c.G : c.R);
+}
+
+std::vector<uint8_t> FlatBayer(Rgb8 c, uint32_t w, uint32_t h) {
+  std::vector<uint8_t> raw(static_cast<size_t>(w) * h);
+  for (uint32_t y = 0; y < h; ++y)
+    for (uint32_t x = 0; x < w; ++x) raw[y * w + x] = Site(c, x, y);
+  return raw;
+}
+
+// Y, Cb, Cr of pixel x of a YUYV row (Cb/Cr of its pair). The last pixel of
+// an odd width has no Cr: -1.
+struct Yuv8 {
+  int Y, Cb, Cr;
+};
+Yuv8 PixelOf(const std::vector<uint8_t>& yuyv, uint32_t w, uint32_t x, uint32_t y) {
+  const uint8_t* pair = &yuyv[2 * (static_cast<size_t>(y) * w + (x & ~1u))];
+  bool lone = (w & 1) != 0 && x == w - 1;
+  return {yuyv[2 * (static_cast<size_t>(y) * w + x)], pair[1], lone ? -1 : pair[3]};
+}
+
+bool IsNear(Yuv8 got, YuvRef want, double tolerance) {
+  return std::fabs(got.Y - want.Y) <= tolerance && std::fabs(got.Cb - want.Cb) <= tolerance &&
+         (got.Cr < 0 || std::fabs(got.Cr - want.Cr) <= tolerance);
+}
+
+void ExpectNear(Yuv8 got, YuvRef want, double tolerance, const char* what) {
+  EXPECT_TRUE(IsNear(got, want, tolerance))
+      << what << ": got " << got.Y << " " << got.Cb << " " << got.Cr << ", want " << want.Y << " "
+      << want.Cb << " " << want.Cr;
+}
+
+struct FuncHandle {
+  uint64_t Handle = FUNC_Init();
+  ~FuncHandle() { FUNC_Exit(Handle); }
+};
+
+// Tolerances: the 8-bit Y/Cb/Cr coefficients and their rounding stay within
+// 1 of the reference; YCbCr -> RGB within 1; the round trip RGB -> YCbCr ->
+// RGB within 3 (a Y step is 1.16 RGB steps, a chroma step up to 2).
+constexpr double kYuvTolerance = 1.0;
+constexpr int kRgbTolerance = 1;
+constexpr int kRoundTripTolerance = 3;
+
+TEST(FuncRawToYuv, ColourBarsLandOnBt601ValuesThroughEveryOutputFormat) {
+  FuncHandle func;
+  const uint32_t barWidth = 16, w = 8 * barWidth, h = 8;
+  std::vector<uint8_t> raw(w * h);
+  for (uint32_t y = 0; y < h; ++y)
+    for (uint32_t x = 0; x < w; ++x) raw[y * w + x] = Site(kBars[x / barWidth], x, y);
+  std::vector<uint8_t> yuyv(2 * w * h), bgr(3 * w * h), i420(w * h + 2 * (w / 2) * (h / 2));
+  FUNC_RawToYuv(func.Handle, raw.data(), w, h, yuyv.data(), w, h);
+  FUNC_YuvToBmp(func.Handle, yuyv.data(), w, h, bgr.data());
+  FUNC_YuvToI420(func.Handle, yuyv.data(), w, h, i420.data());
+  for (uint32_t bar = 0; bar < 8; ++bar) {
+    const Rgb8 c = kBars[bar];
+    YuvRef want = ReferenceYuv(c.R, c.G, c.B);
+    // Away from the bar edges, where the demosaic mixes neighbours.
+    for (uint32_t y = 0; y < h; ++y) {
+      for (uint32_t x = bar * barWidth + 2; x < bar * barWidth + barWidth - 2; ++x) {
+        SCOPED_TRACE(testing::Message() << "bar " << bar << " x " << x << " y " << y);
+        Yuv8 got = PixelOf(yuyv, w, x, y);
+        ExpectNear(got, want, kYuvTolerance, "YUYV");
+        const uint8_t* px = &bgr[3 * ((h - 1 - y) * w + x)];
+        Rgb8 back = ReferenceRgb(got.Y, got.Cb, got.Cr);
+        EXPECT_NEAR(px[0], back.B, kRgbTolerance);
+        EXPECT_NEAR(px[1], back.G, kRgbTolerance);
+        EXPECT_NEAR(px[2], back.R, kRgbTolerance);
+        EXPECT_NEAR(px[0], c.B, kRoundTripTolerance);
+        EXPECT_NEAR(px[1], c.G, kRoundTripTolerance);
+        EXPECT_NEAR(px[2], c.R, kRoundTripTolerance);
+        EXPECT_EQ(i420[y * w + x], got.Y);
+        size_t chroma = (y / 2) * (w / 2) + x / 2;
+        EXPECT_NEAR(i420[w * h + chroma], want.Cb, kYuvTolerance);
+        EXPECT_NEAR(i420[w * h + (w / 2) * (h / 2) + chroma], want.Cr, kYuvTolerance);
+      }
+    }
+  }
+}
+
+// A grey ramp is linear, and bilinear demosaic reproduces a linear ramp
+// exactly away from the edges: a neighbour taken from the wrong column or
+// row shows up as a wrong grey or as colour.
+TEST(FuncRawToYuv, GreyRampsSurviveTheDemosaicAlongBothAxes) {
+  FuncHandle func;
+  const uint32_t w = 96, h = 20;
+  for (int vertical = 0; vertical < 2; ++vertical) {
+    std::vector<uint8_t> raw(w * h);
+    for (uint32_t y = 0; y < h; ++y)
+      for (uint32_t x = 0; x < w; ++x) raw[y * w + x] = static_cast<uint8_t>(vertical ? 20 + 9 * y : 10 + 2 * x);
+    std::vector<uint8_t> yuyv(2 * w * h);
+    FUNC_RawToYuv(func.Handle, raw.data(), w, h, yuyv.data(), w, h);
+    for (uint32_t y = 1; y + 1 < h; ++y) {
+      for (uint32_t x = 2; x + 2 < w; ++x) {
+        SCOPED_TRACE(testing::Message() << "vertical " << vertical << " x " << x << " y " << y);
+        double grey = raw[y * w + x];
+        // Chroma comes from the pair's mean; on a horizontal ramp that mean
+        // is still grey.
+        ExpectNear(PixelOf(yuyv, w, x, y), ReferenceYuv(grey, grey, grey), kYuvTolerance, "ramp");
+      }
+    }
+  }
+}
+
+TEST(FuncRawToYuv, ResampledFlatPatchesKeepTheirColour) {
+  struct Case {
+    uint32_t rawW, rawH, w, h;
+  };
+  const Case cases[] = {
+      {128, 96, 64, 48},   // wire twice the picture
+      {32, 24, 64, 48},    // half
+      {256, 192, 64, 48},  // four times
+      {16, 12, 64, 48},    // a quarter
+      {100, 75, 64, 48},   {30, 22, 61, 47}, {320, 240, 33, 7}, {5, 3, 17, 9}, {64, 48, 64, 48},
+  };
+  FuncHandle func;
+  for (const Case& k : cases) {
+    for (const Rgb8& c : {kBars[1], kBars[4], kBars[6], Rgb8{235, 120, 30}}) {
+      SCOPED_TRACE(testing::Message() << k.rawW << "x" << k.rawH << " -> " << k.w << "x" << k.h
+                                      << " colour " << c.R << "," << c.G << "," << c.B);
+      std::vector<uint8_t> raw = FlatBayer(c, k.rawW, k.rawH);
+      std::vector<uint8_t> yuyv(2 * k.w * k.h);
+      FUNC_RawToYuv(func.Handle, raw.data(), k.rawW, k.rawH, yuyv.data(), k.w, k.h);
+      YuvRef want = ReferenceYuv(c.R, c.G, c.B);
+      int bad = 0;
+      for (uint32_t y = 0; y < k.h && bad < 3; ++y)
+        for (uint32_t x = 0; x < k.w && bad < 3; ++x) {
+          Yuv8 got = PixelOf(yuyv, k.w, x, y);
+          if (!IsNear(got, want, kYuvTolerance)) {
+            ++bad;
+            ADD_FAILURE() << "pixel " << x << "," << y << " is " << got.Y << " " << got.Cb << " "
+                          << got.Cr;
+          }
+        }
+    }
+  }
+}
+
+// Left half red, right half blue: each scale keeps the halves where they
+// were (a wrong column mapping mixes or swaps them).
+TEST(FuncRawToYuv, ResamplingKeepsTheLayoutOfThePicture) {
+  struct Case {
+    uint32_t rawW, rawH;
+  };
+  const Case cases[] = {{128, 32}, {256, 64}, {32, 8}, {16, 4}};
+  const uint32_t w = 64, h = 16;
+  const Rgb8 red{191, 0, 0}, blue{0, 0, 191};
+  FuncHandle func;
+  for (const Case& k : cases) {
+    SCOPED_TRACE(testing::Message() << k.rawW << "x" << k.rawH);
+    std::vector<uint8_t> raw(k.rawW * k.rawH);
+    for (uint32_t y = 0; y < k.rawH; ++y)
+      for (uint32_t x = 0; x < k.rawW; ++x) raw[y * k.rawW + x] = Site(x < k.rawW / 2 ? red : blue, x, y);
+    std::vector<uint8_t> yuyv(2 * w * h);
+    FUNC_RawToYuv(func.Handle, raw.data(), k.rawW, k.rawH, yuyv.data(), w, h);
+    YuvRef left = ReferenceYuv(red.R, red.G, red.B), right = ReferenceYuv(blue.R, blue.G, blue.B);
+    for (uint32_t y = 0; y < h; ++y) {
+      ExpectNear(PixelOf(yuyv, w, 2, y), left, kYuvTolerance, "left");
+      ExpectNear(PixelOf(yuyv, w, w / 2 - 10, y), left, kYuvTolerance, "left of the middle");
+      ExpectNear(PixelOf(yuyv, w, w / 2 + 10, y), right, kYuvTolerance, "right of the middle");
+      ExpectNear(PixelOf(yuyv, w, w - 3, y), right, kYuvTolerance, "right");
+    }
+  }
+}
+
+TEST(FuncRawToYuv, BadSizesPaintBlackOrDoNothing) {
+  FuncHandle func;
+  std::vector<uint8_t> out(2 * 5 * 3, 0xEE);
+  uint8_t raw[4] = {1, 2, 3, 4};
+  FUNC_RawToYuv(func.Handle, raw, 0, 2, out.data(), 5, 3);
+  for (size_t i = 0; i < out.size(); ++i) EXPECT_EQ(out[i], i % 2 == 0 ? 16 : 128) << i;
+  std::fill(out.begin(), out.end(), 0xEE);
+  FUNC_RawToYuv(func.Handle, nullptr, 2, 2, out.data(), 5, 3);
+  EXPECT_EQ(out[0], 16);
+  std::fill(out.begin(), out.end(), 0xEE);
+  FUNC_RawToYuv(func.Handle, raw, 2, 2, out.data(), 0, 3);
+  FUNC_RawToYuv(func.Handle, raw, 2, 2, nullptr, 5, 3);
+  FUNC_YuvToBmp(func.Handle, nullptr, 5, 3, out.data());
+  FUNC_YuvToI420(func.Handle, out.data(), 5, 0, out.data());
+  for (uint8_t b : out) EXPECT_EQ(b, 0xEE);
+}
+
+TEST(FuncYuvToBmp, RowsAreStoredBottomUp) {
+  FuncHandle func;
+  const uint32_t w = 40, h = 7;
+  std::vector<uint8_t> yuyv(2 * w * h);
+  for (uint32_t y = 0; y < h; ++y)
+    for (uint32_t x = 0; x < w; ++x) {
+      yuyv[2 * (y * w + x)] = static_cast<uint8_t>(30 + 25 * y);
+      yuyv[2 * (y * w + x) + 1] = 128;
+    }
+  std::vector<uint8_t> bgr(3 * w * h);
+  FUNC_YuvToBmp(func.Handle, yuyv.data(), w, h, bgr.data());
+  for (uint32_t row = 0; row < h; ++row) {
+    Rgb8 want = ReferenceRgb(30 + 25 * (h - 1 - row), 128, 128);
+    for (uint32_t x = 0; x < w; ++x)
+      for (int c = 0; c < 3; ++c) EXPECT_NEAR(bgr[3 * (row * w + x) + c], want.G, kRgbTolerance) << row;
+  }
+}
+
+TEST(FuncYuvToBmp, MatchesTheFloatReferenceOverTheWholeCube) {
+  FuncHandle func;
+  // One pair per (Y, Cb, Cr) in steps of 7, the out-of-range ones included.
+  std::vector<uint8_t> yuyv;
+  for (int y = 0; y < 256; y += 7)
+    for (int u = 0; u < 256; u += 7)
+      for (int v = 0; v < 256; v += 7) yuyv.insert(yuyv.end(), {uint8_t(y), uint8_t(u), uint8_t(255 - y), uint8_t(v)});
+  uint32_t w = static_cast<uint32_t>(yuyv.size() / 2);
+  std::vector<uint8_t> bgr(3 * w);
+  FUNC_YuvToBmp(func.Handle, yuyv.data(), w, 1, bgr.data());
+  int bad = 0;
+  for (uint32_t x = 0; x < w && bad < 5; ++x) {
+    const uint8_t* p = &yuyv[2 * (x & ~1u)];
+    Rgb8 want = ReferenceRgb((x & 1) ? p[2] : p[0], p[1], p[3]);
+    const uint8_t* got = &bgr[3 * x];
+    if (std::abs(got[0] - want.B) > kRgbTolerance || std::abs(got[1] - want.G) > kRgbTolerance ||
+        std::abs(got[2] - want.R) > kRgbTolerance) {
+      ++bad;
+      ADD_FAILURE() << "Y " << int((x & 1) ? p[2] : p[0]) << " Cb " << int(p[1]) << " Cr " << int(p[3])
+                    << ": got " << int(got[2]) << "," << int(got[1]) << "," << int(got[0]);
+    }
+  }
+}
+
+// Every value tells its place: Y = row x 16 + column, Cb and Cr carry the
+// pair and row, and the two rows of a chroma sample differ by an odd amount
+// so that the round-down shows.
+TEST(FuncYuvToI420, PlanesAreLaidOutYThenCbThenCrWithRoundDownMeans) {
+  struct Case {
+    uint32_t w, h;
+  };
+  const Case cases[] = {{64, 4}, {6, 2}, {5, 3}, {7, 1}, {1, 1}, {33, 5}, {48, 6}};
+  FuncHandle func;
+  for (const Case& k : cases) {
+    SCOPED_TRACE(testing::Message() << k.w << "x" << k.h);
+    std::vector<uint8_t> yuyv(2 * k.w * k.h);
+    for (uint32_t y = 0; y < k.h; ++y)
+      for (uint32_t x = 0; x < k.w; ++x) {
+        uint8_t* p = &yuyv[2 * (y * k.w + x)];
+        p[0] = static_cast<uint8_t>(y * 16 + x);
+        p[1] = static_cast<uint8_t>((x & 1) ? 100 + x + y : 20 + x + y);  // Cr / Cb
+      }
+    size_t total = k.w * k.h + 2 * (k.w / 2) * (k.h / 2);
+    std::vector<uint8_t> out(total + 16, 0xEE);
+    FUNC_YuvToI420(func.Handle, yuyv.data(), k.w, k.h, out.data());
+    for (uint32_t y = 0; y < k.h; ++y)
+      for (uint32_t x = 0; x < k.w; ++x) EXPECT_EQ(out[y * k.w + x], (y * 16 + x) & 255) << x << "," << y;
+    const uint8_t* cb = &out[k.w * k.h];
+    const uint8_t* cr = cb + (k.w / 2) * (k.h / 2);
+    for (uint32_t cy = 0; cy < k.h / 2; ++cy)
+      for (uint32_t cx = 0; cx < k.w / 2; ++cx) {
+        uint32_t x = 2 * cx, top = 2 * cy;
+        uint32_t cbSum = (20 + x + top) + (20 + x + top + 1);
+        uint32_t crSum = (100 + x + 1 + top) + (100 + x + 1 + top + 1);
+        EXPECT_EQ(cb[cy * (k.w / 2) + cx], cbSum / 2) << cx << "," << cy;
+        EXPECT_EQ(cr[cy * (k.w / 2) + cx], crSum / 2) << cx << "," << cy;
+      }
+    for (size_t i = total; i < out.size(); ++i) EXPECT_EQ(out[i], 0xEE) << "written past the frame";
+  }
+}
+
+// The vector rows give the bytes of the portable ones on every width, with
+// buffers that end where the allocation ends (an overread is caught by
+// AddressSanitizer) and start unaligned; through the whole-picture drivers
+// as well, on odd sizes.
+TEST(FuncRows, VectorRowsMatchPortableRowsOnOddWidthsAndBufferEnds) {
+  if (!FuncCpuHasAvx2()) GTEST_SKIP() << "no AVX2 on this processor";
+  const uint32_t seed = 740;
+  std::mt19937 random(seed);
+  auto fill = [&](std::vector<uint8_t>& v) {
+    for (auto& b : v) b = static_cast<uint8_t>(random());
+  };
+  std::vector<int> widths;
+  for (int w = 1; w <= 80; ++w) widths.push_back(w);
+  for (int w : {127, 128, 129, 641, 1600, 1601}) widths.push_back(w);
+  for (int w : widths) {
+    SCOPED_TRACE(testing::Message() << "width " << w << " seed " << seed);
+    std::vector<uint8_t> rows(3 * w + 1);
+    fill(rows);
+    const uint8_t* above = rows.data() + 1;  // unaligned
+    const uint8_t* row = above + w;
+    const uint8_t* below = row + w;          // ends at the allocation's end
+    std::vector<uint8_t> want(2 * w), got(2 * w);
+    BayerBgToYuyvRow_C(above, row, below, want.data(), w);
+    BayerBgToYuyvRow_AVX2(above, row, below, got.data(), w);
+    EXPECT_EQ(want, got) << "B G row";
+    BayerGrToYuyvRow_C(above, row, below, want.data(), w);
+    BayerGrToYuyvRow_AVX2(above, row, below, got.data(), w);
+    EXPECT_EQ(want, got) << "G R row";
+
+    std::vector<uint8_t> yuyv(4 * w);
+    fill(yuyv);
+    std::vector<uint8_t> bgrWant(3 * w), bgrGot(3 * w);
+    YuyvToBgr24Row_C(yuyv.data() + 2 * w, bgrWant.data(), w);
+    YuyvToBgr24Row_AVX2(yuyv.data() + 2 * w, bgrGot.data(), w);
+    EXPECT_EQ(bgrWant, bgrGot) << "BGR24 row";
+
+    std::vector<uint8_t> planesWant(2 * w + 2 * (w / 2)), planesGot(planesWant.size());
+    auto i420 = [&](FuncYuyvToI420Row fn, std::vector<uint8_t>& p) {
+      fn(yuyv.data(), yuyv.data() + 2 * w, p.data(), p.data() + w, p.data() + 2 * w,
+         p.data() + 2 * w + w / 2, w);
+    };
+    i420(YuyvToI420Row_C, planesWant);
+    i420(YuyvToI420Row_AVX2, planesGot);
+    EXPECT_EQ(planesWant, planesGot) << "I420 rows";
+  }
+
+  FuncHandle best, portable;
+  FuncUsePortableRows(portable.Handle);
+  for (uint32_t w : {37u, 64u, 1u, 35u, 100u}) {
+    for (uint32_t h : {1u, 2u, 5u}) {
+      SCOPED_TRACE(testing::Message() << w << "x" << h << " seed " << seed);
+      std::vector<uint8_t> raw(w * h), yuyv(2 * w * h);
+      fill(raw);
+      fill(yuyv);
+      std::vector<uint8_t> a(3 * w * h), b(3 * w * h);
+      FUNC_RawToYuv(best.Handle, raw.data(), w, h, a.data(), w, h);
+      FUNC_RawToYuv(portable.Handle, raw.data(), w, h, b.data(), w, h);
+      EXPECT_EQ(a, b) << "raw to YUYV";
+      FUNC_YuvToBmp(best.Handle, yuyv.data(), w, h, a.data());
+      FUNC_YuvToBmp(portable.Handle, yuyv.data(), w, h, b.data());
+      EXPECT_EQ(a, b) << "YUYV to RGB24";
+      FUNC_YuvToI420(best.Handle, yuyv.data(), w, h, a.data());
+      FUNC_YuvToI420(portable.Handle, yuyv.data(), w, h, b.data());
+      EXPECT_EQ(a, b) << "YUYV to I420";
+    }
+  }
+}
+
+TEST(FuncLibrary, HandleComesFromItsOwnPoolTagAndGoesBackAtExit) {
+  ASSERT_EQ(PoolLiveBlocks(FuncPoolTag), 0u);
+  uint64_t handle = FUNC_Init();
+  ASSERT_NE(handle, 0u);
+  EXPECT_EQ(PoolLiveBlocks(FuncPoolTag), 1u);
+  FUNC_Exit(handle);
+  EXPECT_EQ(PoolLiveBlocks(FuncPoolTag), 0u);
+
+  // Out of pool: no handle, and the conversions still work without one.
+  PoolFailAllocation(1);
+  handle = FUNC_Init();
+  PoolFailAllocation(0);
+  EXPECT_EQ(handle, 0u);
+  EXPECT_EQ(PoolLiveBlocks(FuncPoolTag), 0u);
+  std::vector<uint8_t> raw = FlatBayer(kBars[3], 40, 4), yuyv(2 * 40 * 4);
+  FUNC_RawToYuv(0, raw.data(), 40, 4, yuyv.data(), 40, 4);
+  ExpectNear(PixelOf(yuyv, 40, 20, 2), ReferenceYuv(0, 191, 0), kYuvTolerance, "null handle");
+  FUNC_Exit(0);
+}
+
+}  // namespace

@@ -1,0 +1,275 @@
+// The special-effects library: what each effect does to a YUYV picture and
+// what it leaves, the record's parameter words and name slots as the driver's
+// effect properties read them, handle safety and pool accounting.
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "companions/spef_effects.h"
+#include "core/companions.h"
+#include "platform/kernel_control.h"
+
+namespace {
+
+struct Spef {
+  uint64_t Handle = SPEF_Init(u"\\??\\C:\\Camera");
+  ~Spef() { SPEF_Exit(Handle); }
+  SpefRecord* Record() const { return reinterpret_cast<SpefRecord*>(Handle); }
+  // As the driver does after a set of the effect property.
+  void Select(uint32_t category, uint32_t list, uint32_t w = 64, uint32_t h = 8) {
+    Record()->Category = category;
+    Record()->List = list;
+    SPEF_PropertySet(Handle, w, h);
+  }
+};
+
+// A picture with every byte value in both Y and chroma places, out-of-range
+// ones included (seeded, printed on failure).
+constexpr uint32_t kSeed = 2718;
+std::vector<uint8_t> NoisePicture(uint32_t w, uint32_t h) {
+  std::mt19937 random(kSeed);
+  std::vector<uint8_t> p(2 * w * h);
+  for (auto& b : p) b = static_cast<uint8_t>(random());
+  return p;
+}
+
+int ClampTo(int v, int lo, int hi) { return v < lo ? lo : (v > hi ? hi : v); }
+
+// Point effects: the expected byte of every Y and chroma place, from the
+// documented rule, applied to pictures of even and odd width.
+TEST(SpefEffects, PointEffectsChangeWhatTheyShouldAndKeepTheRest) {
+  struct Case {
+    uint32_t category, list;
+    const char* name;
+    int (*luma)(int y);
+    int (*chroma)(int c, bool isCr);
+  };
+  const Case cases[] = {
+      {0, 0, "None", [](int y) { return y; }, [](int c, bool) { return c; }},
+      {0, 1, "Monochrome", [](int y) { return y; }, [](int, bool) { return 128; }},
+      {0, 2, "Sepia", [](int y) { return y; }, [](int, bool cr) { return cr ? 141 : 108; }},
+      {0, 3, "Negative", [](int y) { return 251 - ClampTo(y, 16, 235); },
+       [](int c, bool) { return 256 - ClampTo(c, 16, 240); }},
+      {0, 4, "Cool", [](int y) { return y; },
+       [](int c, bool cr) { return ClampTo(c + (cr ? -16 : 24), 16, 240); }},
+      {0, 5, "Warm", [](int y) { return y; },
+       [](int c, bool cr) { return ClampTo(c + (cr ? 20 : -16), 16, 240); }},
+      {1, 0, "Solarise", [](int y) { return y >= 160 ? 251 - ClampTo(y, 16, 235) : y; },
+       [](int c, bool) { return c; }},
+      {1, 1, "Posterise",
+       [](int y) {
+         const int levels[4] = {16, 89, 162, 235};  // four steps over 16..235
+         return levels[(ClampTo(y, 16, 235) - 16) * 4 / 220];
+       },
+       [](int c, bool) { return c; }},
+      {1, 2, "High contrast", [](int y) { return ClampTo(126 + (y - 126) * 2, 16, 235); },
+       [](int c, bool) { return c; }},
+  };
+  Spef spef;
+  ASSERT_NE(spef.Handle, 0u);
+  for (const Case& k : cases) {
+    for (uint32_t w : {64u, 37u, 1u, 2u}) {
+      const uint32_t h = 5;
+      SCOPED_TRACE(testing::Message() << k.name << " " << w << "x" << h << " seed " << kSeed);
+      spef.Select(k.category, k.list, w, h);
+      std::vector<uint8_t> before = NoisePicture(w, h), after = before;
+      SPEF_ConvertFrame(spef.Handle, after.data(), w, h);
+      int bad = 0;
+      for (uint32_t y = 0; y < h; ++y) {
+        for (uint32_t x = 0; x < w && bad < 4; ++x) {
+          size_t i = 2 * (static_cast<size_t>(y) * w + x);
+          bool isCr = (x & 1) != 0;
+          int wantY = k.luma(before[i]), wantC = k.chroma(before[i + 1], isCr);
+          if (after[i] != wantY || after[i + 1] != wantC) {
+            ++bad;
+            ADD_FAILURE() << "pixel " << x << "," << y << ": " << int(before[i]) << " "
+                          << int(before[i + 1]) << " -> " << int(after[i]) << " " << int(after[i + 1])
+                          << ", want " << wantY << " " << wantC;
+          }
+        }
+      }
+    }
+  }
+}
+
+// Emboss and sketch look at the neighbours: a flat picture embosses to mid
+// grey and sketches to white paper; an edge, across or along the rows, leaves
+// a line in both, only along the edge. Both are grey (chroma 128).
+TEST(SpefEffects, EmbossAndSketchMarkEdgesAndFlattenTheRest) {
+  const uint32_t w = 40, h = 8;
+  Spef spef;
+  for (int across = 0; across < 2; ++across) {
+    // across: dark left of column 20, bright from it; else dark above row 4.
+    auto bright = [&](uint32_t x, uint32_t y) { return across ? x >= 20 : y >= 4; };
+    auto nearEdge = [&](uint32_t x, uint32_t y) {
+      return across ? (x == 19 || x == 20) : (y == 3 || y == 4);
+    };
+    std::vector<uint8_t> picture(2 * w * h);
+    for (uint32_t y = 0; y < h; ++y)
+      for (uint32_t x = 0; x < w; ++x) {
+        picture[2 * (y * w + x)] = bright(x, y) ? 180 : 60;
+        picture[2 * (y * w + x) + 1] = static_cast<uint8_t>(x & 1 ? 200 : 40);
+      }
+    for (int sketch = 0; sketch < 2; ++sketch) {
+      SCOPED_TRACE(testing::Message() << (sketch ? "sketch" : "emboss")
+                                      << (across ? " across the rows" : " along the rows"));
+      spef.Select(2, sketch);
+      std::vector<uint8_t> p = picture;
+      SPEF_ConvertFrame(spef.Handle, p.data(), w, h);
+      for (uint32_t y = 0; y < h; ++y) {
+        for (uint32_t x = 0; x < w; ++x) {
+          int got = p[2 * (y * w + x)];
+          EXPECT_EQ(p[2 * (y * w + x) + 1], 128) << x << "," << y;
+          if (!nearEdge(x, y)) {
+            EXPECT_EQ(got, sketch ? 235 : 126) << x << "," << y;
+          } else if (sketch) {
+            EXPECT_EQ(got, 16) << "|180 - 60| x 2 darkens to black at " << x << "," << y;
+          } else {
+            EXPECT_EQ(got, 235) << "a rising edge embosses light at " << x << "," << y;
+          }
+        }
+      }
+    }
+  }
+  // A flat picture of any size, the odd ones included.
+  for (uint32_t size : {1u, 3u, 17u}) {
+    std::vector<uint8_t> flat(2 * size * size, 99);
+    spef.Select(2, 0);
+    SPEF_ConvertFrame(spef.Handle, flat.data(), size, size);
+    for (size_t i = 0; i < flat.size(); ++i) EXPECT_EQ(flat[i], i % 2 == 0 ? 126 : 128) << size;
+  }
+}
+
+// No effect: the default category 99, a list the category does not have, a
+// list beyond 63. The picture is left byte for byte, and so it is with a null
+// handle.
+TEST(SpefEffects, UnknownEffectsAndNullHandleLeaveThePictureUntouched) {
+  Spef spef;
+  const std::vector<uint8_t> before = NoisePicture(48, 4);
+  struct Selection {
+    uint32_t category, list;
+  };
+  for (Selection s : {Selection{99, 0}, Selection{0, 6}, Selection{1, 200}, Selection{3, 0},
+                      Selection{0, 64 + 1}}) {
+    spef.Select(s.category, s.list);
+    std::vector<uint8_t> p = before;
+    SPEF_ConvertFrame(spef.Handle, p.data(), 48, 4);
+    EXPECT_EQ(p, before) << s.category << "/" << s.list;
+    for (int n = 0; n < 5; ++n) EXPECT_EQ(spef.Record()->Parameters[n], 0u);
+  }
+  std::vector<uint8_t> p = before;
+  SPEF_StartCapture(0, 48, 4);
+  SPEF_PropertySet(0, 48, 4);
+  SPEF_ConvertFrame(0, p.data(), 48, 4);
+  SPEF_StopCapture(0);
+  SPEF_Exit(0);
+  EXPECT_EQ(p, before);
+}
+
+// The effect changes only when the library picks up the record's words: at
+// SPEF_PropertySet and at SPEF_StartCapture, which also set the parameters.
+TEST(SpefEffects, EffectAndParametersChangeOnlyWhenPickedUp) {
+  Spef spef;
+  std::vector<uint8_t> p(2 * 16, 77);
+  spef.Record()->Category = 0;
+  spef.Record()->List = 1;  // monochrome, not yet picked up
+  SPEF_ConvertFrame(spef.Handle, p.data(), 16, 1);
+  EXPECT_EQ(p[1], 77) << "category 99 stays in force until a pick-up";
+  SPEF_StartCapture(spef.Handle, 16, 1);
+  EXPECT_EQ(spef.Record()->Parameters[0], 128u);
+  EXPECT_EQ(spef.Record()->Parameters[1], 128u);
+  SPEF_ConvertFrame(spef.Handle, p.data(), 16, 1);
+  EXPECT_EQ(p[1], 128);
+  EXPECT_EQ(p[0], 77);
+  spef.Select(1, 0);  // solarise
+  EXPECT_EQ(spef.Record()->Parameters[0], 160u);
+  SPEF_StopCapture(spef.Handle);
+  std::vector<uint8_t> q(2 * 16, 200);
+  SPEF_ConvertFrame(spef.Handle, q.data(), 16, 1);
+  EXPECT_EQ(q[0], 51) << "the effect stays in force after a stop";
+}
+
+// Name slots read as the driver reads them: byte 14 x (((category x 64 +
+// list) x 10) + n + 2) from the record's start, zero-terminated.
+TEST(SpefRecordLayout, NameSlotsSitWhereTheEffectPropertyReadsThem) {
+  Spef spef;
+  const uint8_t* base = reinterpret_cast<const uint8_t*>(spef.Handle);
+  auto name = [&](uint32_t category, uint32_t list, uint32_t n) {
+    const char* slot = reinterpret_cast<const char*>(base + 14 * (((category * 64 + list) * 10) + n + 2));
+    EXPECT_EQ(std::memchr(slot, 0, 14) != nullptr, true) << "slot without its terminating zero";
+    return std::string(slot, strnlen(slot, 14));
+  };
+  struct Expected {
+    uint32_t category, list;
+    const char* display;
+    const char* firstParameter;
+    const char* categoryName;
+  };
+  const Expected effects[] = {
+      {0, 0, "None", "", "Colour"},          {0, 1, "Monochrome", "Cb", "Colour"},
+      {0, 2, "Sepia", "Cb", "Colour"},       {0, 3, "Negative", "Luma sum", "Colour"},
+      {0, 4, "Cool", "Cb shift+128", "Colour"}, {0, 5, "Warm", "Cb shift+128", "Colour"},
+      {1, 0, "Solarise", "Threshold", "Tone"}, {1, 1, "Posterise", "Levels", "Tone"},
+      {1, 2, "High contrast", "Gain x64", "Tone"}, {2, 0, "Emboss", "Gain", "Artistic"},
+      {2, 1, "Sketch", "Gain", "Artistic"},
+  };
+  for (const Expected& e : effects) {
+    SCOPED_TRACE(e.display);
+    EXPECT_EQ(name(e.category, e.list, 0), e.display);
+    EXPECT_EQ(name(e.category, e.list, 1), e.firstParameter);
+    EXPECT_EQ(name(e.category, e.list, 9), e.categoryName);
+  }
+  EXPECT_EQ(name(0, 6, 0), "");
+  EXPECT_EQ(name(99, 0, 0), "");
+  EXPECT_EQ(name(255, 255, 9), "") << "the very last slot exists";
+  EXPECT_EQ(spef.Record()->Category, 99u);
+}
+
+TEST(SpefLibrary, RecordComesFromItsOwnPoolTagAndGoesBackAtExit) {
+  ASSERT_EQ(PoolLiveBlocks(SpefPoolTag), 0u);
+  uint64_t handle = SPEF_Init(u"\\??\\C:\\Camera");
+  ASSERT_NE(handle, 0u);
+  EXPECT_EQ(PoolLiveBlocks(SpefPoolTag), 1u);
+  EXPECT_GE(PoolLiveBytes(SpefPoolTag), sizeof(SpefRecord));
+  SPEF_Exit(handle);
+  EXPECT_EQ(PoolLiveBlocks(SpefPoolTag), 0u);
+
+  PoolFailAllocation(1);
+  handle = SPEF_Init(u"\\??\\C:\\Camera");
+  PoolFailAllocation(0);
+  EXPECT_EQ(handle, 0u);
+  EXPECT_EQ(PoolLiveBlocks(SpefPoolTag), 0u);
+}
+
+// The vector rows give the bytes of the portable ones on every length,
+// unaligned, ending at the allocation's end.
+TEST(SpefRows, VectorRowsMatchPortableRows) {
+#ifdef MR740_SPEF_HAVE_AVX2
+  __builtin_cpu_init();
+  if (!__builtin_cpu_supports("avx2")) GTEST_SKIP() << "no AVX2 on this processor";
+  std::mt19937 random(kSeed);
+  for (int pixels = 1; pixels <= 70; ++pixels) {
+    SCOPED_TRACE(testing::Message() << pixels << " pixels, seed " << kSeed);
+    std::vector<uint8_t> source(2 * pixels + 1);
+    for (auto& b : source) b = static_cast<uint8_t>(random());
+    std::vector<uint8_t> a = source, b = source;
+    SpefConstantChromaRow_C(a.data() + 1, pixels, 108, 141);
+    SpefConstantChromaRow_AVX2(b.data() + 1, pixels, 108, 141);
+    EXPECT_EQ(a, b) << "constant chroma";
+    a = source;
+    b = source;
+    SpefNegativeRow_C(a.data() + 1, pixels);
+    SpefNegativeRow_AVX2(b.data() + 1, pixels);
+    EXPECT_EQ(a, b) << "negative";
+  }
+#else
+  GTEST_SKIP() << "no vector rows on this processor";
+#endif
+}
+
+}  // namespace
