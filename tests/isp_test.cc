@@ -1,0 +1,802 @@
+// The image signal processor library (ISPFunc_): development of Bayer and
+// YUYV wire frames at several wire/output ratios against a floating-point
+// BT.601 reference, the nine property values, orientation, wire geometry
+// from the controller's registers, handle and pool discipline, custom
+// properties, and the vector row routines against the portable one.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "companions/isp_library.h"
+#include "core/companions.h"
+#include "platform/kernel_control.h"
+
+namespace {
+
+using Record = std::array<uint32_t, IspPropertyCount>;
+
+// Brightness, Contrast, Saturation, Sharpness, WhiteBalance, Hue, Gamma,
+// BackLight, ColorEnable.
+constexpr Record NeutralRecord = {0, 64, 64, 0, 6500, 0, 100, 0, 1};
+
+struct Rgb {
+  double r, g, b;
+};
+
+// BT.601 studio range from full-range RGB.
+struct Ycc {
+  double y, cb, cr;
+};
+Ycc ReferenceYcc(Rgb c) {
+  double y = 0.299 * c.r + 0.587 * c.g + 0.114 * c.b;
+  return {16.0 + 219.0 * y / 255.0, 128.0 + 224.0 * (c.b - y) / (1.772 * 255.0),
+          128.0 + 224.0 * (c.r - y) / (1.402 * 255.0)};
+}
+
+// The camera behind the five callbacks: a controller of 256 registers, and
+// counters for every call into the sensor and the script.
+struct FakeCamera {
+  uint8_t controller[256] = {};
+  int controllerReads = 0;
+  int sensorReads = 0;
+  int sensorWrites = 0;
+  int sections = 0;
+  int pairWrites = 0;
+};
+
+uint8_t ReadController(void* context, uint8_t reg) {
+  auto* camera = static_cast<FakeCamera*>(context);
+  ++camera->controllerReads;
+  return camera->controller[reg];
+}
+uint8_t ReadSensor(void* context, uint8_t) {
+  ++static_cast<FakeCamera*>(context)->sensorReads;
+  return 0;
+}
+void WriteSensor(void* context, uint8_t*, uint32_t) {
+  ++static_cast<FakeCamera*>(context)->sensorWrites;
+}
+NTSTATUS RunSection(void* context, const char*) {
+  ++static_cast<FakeCamera*>(context)->sections;
+  return STATUS_SUCCESS;
+}
+NTSTATUS WritePairs(void* context, const uint8_t*, uint32_t) {
+  ++static_cast<FakeCamera*>(context)->pairWrites;
+  return STATUS_SUCCESS;
+}
+
+void ProgramWire(FakeCamera* camera, uint32_t width, uint32_t height, uint8_t layout) {
+  camera->controller[IspWireWidthLowRegister] = width & 0xFF;
+  camera->controller[IspWireWidthHighRegister] = (width >> 8) & 0xFF;
+  camera->controller[IspWireHeightLowRegister] = height & 0xFF;
+  camera->controller[IspWireHeightHighRegister] = (height >> 8) & 0xFF;
+  camera->controller[IspWireLayoutRegister] = layout;
+}
+
+// One library instance on a fake camera.
+struct Session {
+  FakeCamera camera;
+  uint64_t handle = 0;
+  Session() {
+    NTSTATUS status = ISPFunc_Init(&handle, &camera, nullptr, u"OV7670", 1, ReadSensor,
+                                   WriteSensor, RunSection, ReadController, WritePairs);
+    EXPECT_EQ(status, STATUS_SUCCESS);
+  }
+  ~Session() { ISPFunc_Exit(handle, &camera, nullptr); }
+  void Start(uint32_t wireWidth, uint32_t wireHeight, uint8_t layout, uint32_t width,
+             uint32_t height) {
+    ProgramWire(&camera, wireWidth, wireHeight, layout);
+    uint32_t w = 0, h = 0;
+    ASSERT_EQ(ISPFunc_StartCapture(handle, &camera, 2, width, height, &w, &h), STATUS_SUCCESS);
+  }
+  std::vector<uint8_t> Develop(const std::vector<uint8_t>& raw, uint32_t width, uint32_t height,
+                               const Record& record) {
+    std::vector<uint8_t> out(size_t{width} * height * 2, 0xEE);
+    EXPECT_EQ(ISPFunc_RawToImg(handle, &camera, 2, record.data(), out.data(), raw.data(), width,
+                               height),
+              STATUS_SUCCESS);
+    return out;
+  }
+};
+
+// A Bayer frame (B G / G R) of a picture given per pixel in RGB.
+std::vector<uint8_t> MakeBayer(uint32_t width, uint32_t height,
+                               const std::function<Rgb(uint32_t, uint32_t)>& picture) {
+  std::vector<uint8_t> raw(size_t{width} * height);
+  for (uint32_t y = 0; y < height; ++y) {
+    for (uint32_t x = 0; x < width; ++x) {
+      Rgb c = picture(x, y);
+      double v = (y & 1) == 0 ? ((x & 1) == 0 ? c.b : c.g) : ((x & 1) == 0 ? c.g : c.r);
+      raw[size_t{y} * width + x] = static_cast<uint8_t>(std::lround(v));
+    }
+  }
+  return raw;
+}
+
+std::vector<uint8_t> UniformBayer(uint32_t width, uint32_t height, Rgb colour) {
+  return MakeBayer(width, height, [&](uint32_t, uint32_t) { return colour; });
+}
+
+uint8_t LumaAt(const std::vector<uint8_t>& p, uint32_t width, uint32_t x, uint32_t y) {
+  return p[(size_t{y} * width + x) * 2];
+}
+uint8_t CbAt(const std::vector<uint8_t>& p, uint32_t width, uint32_t x, uint32_t y) {
+  return p[(size_t{y} * width + (x & ~1u)) * 2 + 1];
+}
+uint8_t CrAt(const std::vector<uint8_t>& p, uint32_t width, uint32_t x, uint32_t y) {
+  return p[(size_t{y} * width + (x & ~1u)) * 2 + 3];
+}
+
+// Means of Y, Cb and Cr over a rectangle [x0, x1) x [y0, y1).
+Ycc MeanOver(const std::vector<uint8_t>& p, uint32_t width, uint32_t x0, uint32_t x1, uint32_t y0,
+             uint32_t y1) {
+  double sy = 0, sb = 0, sr = 0;
+  for (uint32_t y = y0; y < y1; ++y) {
+    for (uint32_t x = x0; x < x1; ++x) {
+      sy += LumaAt(p, width, x, y);
+      sb += CbAt(p, width, x, y);
+      sr += CrAt(p, width, x, y);
+    }
+  }
+  double n = double(x1 - x0) * (y1 - y0);
+  return {sy / n, sb / n, sr / n};
+}
+
+// ---------------------------------------------------------------- development
+
+TEST(IspDevelop, UniformBayerPatchesGiveBt601ValuesAtEveryRatio) {
+  struct Ratio {
+    uint32_t wireWidth, wireHeight, width, height;
+  };
+  const Ratio ratios[] = {
+      {128, 96, 128, 96},    // equal size
+      {64, 48, 128, 96},     // 2x
+      {256, 192, 128, 96},   // 1/2
+      {32, 24, 128, 96},     // 4x
+      {512, 384, 128, 96},   // 1/4
+      {160, 120, 128, 96},   // 1280 x 960 -> 1024 x 768 in small
+      {98, 74, 130, 62},     // odd ratios, enlarging one way and shrinking the other
+      {1280, 960, 1024, 768},
+  };
+  const Rgb colours[] = {{128, 128, 128}, {255, 0, 0},   {0, 255, 0},     {0, 0, 255},
+                         {255, 255, 0},   {0, 0, 0},     {255, 255, 255}, {210, 150, 120},
+                         {30, 60, 200}};
+  Session session;
+  for (const Ratio& ratio : ratios) {
+    session.Start(ratio.wireWidth, ratio.wireHeight, IspWireLayoutBayer, ratio.width,
+                  ratio.height);
+    for (const Rgb& colour : colours) {
+      // The largest frame is slow under the sanitizers: one colour is enough.
+      if (ratio.wireWidth == 1280 && colour.r != 210) continue;
+      SCOPED_TRACE(testing::Message() << ratio.wireWidth << "x" << ratio.wireHeight << " -> "
+                                      << ratio.width << "x" << ratio.height << " colour "
+                                      << colour.r << "," << colour.g << "," << colour.b);
+      std::vector<uint8_t> raw = UniformBayer(ratio.wireWidth, ratio.wireHeight, colour);
+      std::vector<uint8_t> out = session.Develop(raw, ratio.width, ratio.height, NeutralRecord);
+      Ycc expected = ReferenceYcc(colour);
+      int worst = 0;
+      for (uint32_t y = 0; y < ratio.height; ++y) {
+        for (uint32_t x = 0; x < ratio.width; ++x) {
+          int dy = std::abs(LumaAt(out, ratio.width, x, y) - int(std::lround(expected.y)));
+          int db = std::abs(CbAt(out, ratio.width, x, y) - int(std::lround(expected.cb)));
+          int dr = std::abs(CrAt(out, ratio.width, x, y) - int(std::lround(expected.cr)));
+          worst = std::max({worst, dy, db, dr});
+        }
+      }
+      EXPECT_LE(worst, 1) << "tolerance is one code value";
+    }
+  }
+}
+
+TEST(IspDevelop, EdgesStayWhereTheyAreAtEveryRatio) {
+  // Left half and top half dark, the rest bright: after any scaling the
+  // boundary lands at the same relative place (within the filter's reach).
+  struct Ratio {
+    uint32_t wireWidth, wireHeight, width, height;
+  };
+  const Ratio ratios[] = {{128, 96, 128, 96}, {64, 48, 128, 96},  {256, 192, 128, 96},
+                          {32, 24, 128, 96},  {512, 384, 128, 96}, {160, 120, 128, 96}};
+  Session session;
+  for (const Ratio& ratio : ratios) {
+    SCOPED_TRACE(testing::Message() << ratio.wireWidth << " -> " << ratio.width);
+    session.Start(ratio.wireWidth, ratio.wireHeight, IspWireLayoutBayer, ratio.width,
+                  ratio.height);
+    std::vector<uint8_t> raw = MakeBayer(ratio.wireWidth, ratio.wireHeight, [&](uint32_t x, uint32_t y) {
+      bool bright = x >= ratio.wireWidth / 2 && y >= ratio.wireHeight / 2;
+      return bright ? Rgb{240, 240, 240} : Rgb{10, 10, 10};
+    });
+    std::vector<uint8_t> out = session.Develop(raw, ratio.width, ratio.height, NeutralRecord);
+    // Demosaic and the filters reach about two wire pixels either side.
+    const uint32_t margin = 3 + 2 * ((ratio.width + ratio.wireWidth - 1) / ratio.wireWidth);
+    for (uint32_t y = 0; y < ratio.height; ++y) {
+      for (uint32_t x = 0; x < ratio.width; ++x) {
+        bool darkSide = x + margin < ratio.width / 2 || y + margin < ratio.height / 2;
+        bool brightSide = x >= ratio.width / 2 + margin && y >= ratio.height / 2 + margin;
+        uint8_t luma = LumaAt(out, ratio.width, x, y);
+        if (darkSide) {
+          ASSERT_LE(luma, 30) << x << "," << y;
+        }
+        if (brightSide) {
+          ASSERT_GE(luma, 215) << x << "," << y;
+        }
+      }
+    }
+  }
+}
+
+TEST(IspDevelop, YuyvWireFramePassesThroughAtNeutralSettings) {
+  std::mt19937 random(740);
+  SCOPED_TRACE("seed 740");
+  const uint32_t width = 96, height = 20;
+  std::vector<uint8_t> raw(size_t{width} * height * 2);
+  for (size_t i = 0; i < raw.size(); ++i) {
+    // Legal studio values: luma 16..235, chroma 16..240.
+    raw[i] = static_cast<uint8_t>((i & 1) == 0 ? 16 + random() % 220 : 16 + random() % 225);
+  }
+  Session session;
+  session.Start(width, height, IspWireLayoutYuyv, width, height);
+  EXPECT_EQ(session.Develop(raw, width, height, NeutralRecord), raw);
+
+  // Doubled in both directions, a uniform YUYV patch keeps its values.
+  const uint32_t small = 24;
+  std::vector<uint8_t> patch(size_t{small} * small * 2);
+  for (size_t i = 0; i < patch.size(); i += 4) {
+    patch[i] = 81;
+    patch[i + 1] = 90;
+    patch[i + 2] = 81;
+    patch[i + 3] = 240;
+  }
+  session.Start(small, small, IspWireLayoutYuyv, 2 * small, 2 * small);
+  std::vector<uint8_t> out = session.Develop(patch, 2 * small, 2 * small, NeutralRecord);
+  for (size_t i = 0; i < out.size(); i += 4) {
+    ASSERT_EQ(out[i], 81);
+    ASSERT_EQ(out[i + 1], 90);
+    ASSERT_EQ(out[i + 2], 81);
+    ASSERT_EQ(out[i + 3], 240);
+  }
+}
+
+// ---------------------------------------------------------------- properties
+
+// The chart the property cases look at: a grey ramp across the top half, an
+// orange patch bottom left, a grey patch bottom right.
+constexpr uint32_t ChartWidth = 128, ChartHeight = 64;
+Rgb ChartPixel(uint32_t x, uint32_t y) {
+  if (y < ChartHeight / 2) {
+    double v = 20.0 + 215.0 * x / (ChartWidth - 1);
+    return {v, v, v};
+  }
+  return x < ChartWidth / 2 ? Rgb{220, 140, 60} : Rgb{128, 128, 128};
+}
+
+struct ChartMeasure {
+  // Mean luma at the dark end, a quarter of the way, the middle and the
+  // bright end of the ramp.
+  double rampLow, rampQuarter, rampMid, rampHigh;
+  Ycc orange, grey;
+};
+ChartMeasure Measure(const std::vector<uint8_t>& p) {
+  ChartMeasure m;
+  m.rampLow = MeanOver(p, ChartWidth, 4, 12, 4, 28).y;
+  m.rampQuarter = MeanOver(p, ChartWidth, 36, 44, 4, 28).y;
+  m.rampMid = MeanOver(p, ChartWidth, 60, 68, 4, 28).y;
+  m.rampHigh = MeanOver(p, ChartWidth, 116, 124, 4, 28).y;
+  m.orange = MeanOver(p, ChartWidth, 8, 56, 40, 60);
+  m.grey = MeanOver(p, ChartWidth, 72, 120, 40, 60);
+  return m;
+}
+
+uint32_t Signed(int32_t v) { return static_cast<uint32_t>(v); }
+
+TEST(IspProperties, EachValueMovesThePictureTheRightWay) {
+  // Expected values come from the meanings in core/companions.h worked out
+  // in floating point on the neutral picture.
+  auto near = [](double actual, double expected, double tolerance) {
+    return std::fabs(actual - expected) <= tolerance;
+  };
+  struct Case {
+    const char* name;
+    uint32_t index;
+    uint32_t value;
+    std::function<bool(const ChartMeasure& n, const ChartMeasure& m)> holds;
+  };
+  const Case cases[] = {
+      {"brightness +40 adds 40 to luma", IspBrightness, 40,
+       [&](auto& n, auto& m) { return near(m.rampMid, n.rampMid + 40, 1) && near(m.rampLow, n.rampLow + 40, 1); }},
+      {"brightness -40 takes 40 off", IspBrightness, Signed(-40),
+       [&](auto& n, auto& m) { return near(m.rampMid, n.rampMid - 40, 1); }},
+      {"contrast 128 doubles the distance from mid grey", IspContrast, 128,
+       [&](auto& n, auto& m) {
+         return near(m.rampQuarter, 126 + 2 * (n.rampQuarter - 126), 1.5) &&
+                m.rampHigh - m.rampLow > n.rampHigh - n.rampLow;
+       }},
+      {"contrast 32 halves it", IspContrast, 32,
+       [&](auto& n, auto& m) { return near(m.rampQuarter, 126 + 0.5 * (n.rampQuarter - 126), 1); }},
+      {"contrast 0 reads as 64", IspContrast, 0,
+       [&](auto& n, auto& m) { return near(m.rampLow, n.rampLow, 0) && near(m.rampHigh, n.rampHigh, 0); }},
+      {"saturation 128 doubles chroma", IspSaturation, 128,
+       [&](auto& n, auto& m) {
+         return near(m.orange.cb - 128, 2 * (n.orange.cb - 128), 1.5) &&
+                near(m.orange.cr - 128, 2 * (n.orange.cr - 128), 1.5) && near(m.orange.y, n.orange.y, 0);
+       }},
+      {"saturation 1 all but greys chroma", IspSaturation, 1,
+       [&](auto&, auto& m) { return near(m.orange.cb, 128, 1.5) && near(m.orange.cr, 128, 1.5); }},
+      {"saturation 0 reads as 64", IspSaturation, 0,
+       [&](auto& n, auto& m) { return near(m.orange.cb, n.orange.cb, 0) && near(m.orange.cr, n.orange.cr, 0); }},
+      {"colour enable 0 gives monochrome", IspColorEnable, 0,
+       [&](auto& n, auto& m) {
+         return m.orange.cb == 128 && m.orange.cr == 128 && near(m.orange.y, n.orange.y, 0);
+       }},
+      {"hue 180 inverts chroma", IspHue, 180,
+       [&](auto& n, auto& m) {
+         return near(m.orange.cb - 128, -(n.orange.cb - 128), 1.5) &&
+                near(m.orange.cr - 128, -(n.orange.cr - 128), 1.5);
+       }},
+      {"hue -180 too", IspHue, Signed(-180),
+       [&](auto& n, auto& m) { return near(m.orange.cb - 128, -(n.orange.cb - 128), 1.5); }},
+      {"hue 90 turns (Cb, Cr) a quarter", IspHue, 90,
+       [&](auto& n, auto& m) {
+         return near(m.orange.cb - 128, -(n.orange.cr - 128), 1.5) &&
+                near(m.orange.cr - 128, n.orange.cb - 128, 1.5);
+       }},
+      {"gamma 200 lifts mid tones by the square root", IspGamma, 200,
+       [&](auto& n, auto& m) {
+         auto curve = [](double y) { return 16 + 219 * std::pow((y - 16) / 219, 0.5); };
+         return near(m.rampMid, curve(n.rampMid), 2) && near(m.rampHigh, curve(n.rampHigh), 2) &&
+                near(m.rampLow, curve(n.rampLow), 2);
+       }},
+      {"gamma 50 darkens mid tones", IspGamma, 50,
+       [&](auto& n, auto& m) {
+         double t = (n.rampMid - 16) * 255 / 219;
+         double expected = 16 + 219 * std::pow(t / 255, 2.0);
+         return near(m.rampMid, expected, 2);
+       }},
+      {"gamma 0 reads as linear", IspGamma, 0,
+       [&](auto& n, auto& m) { return near(m.rampMid, n.rampMid, 0); }},
+      {"backlight 2 lifts the shadows, not the highlights", IspBackLight, 2,
+       [&](auto& n, auto& m) {
+         return m.rampLow > n.rampLow + 20 && m.rampHigh < n.rampHigh + 6 &&
+                m.rampHigh >= n.rampHigh;
+       }},
+      {"a warm light setting turns grey blue", IspWhiteBalance, 3000,
+       [&](auto&, auto& m) { return m.grey.cb > 150 && m.grey.cr < 118; }},
+      {"a cool light setting turns grey red", IspWhiteBalance, 9000,
+       [&](auto&, auto& m) { return m.grey.cb < 124 && m.grey.cr > 132; }},
+      {"out of range values are clamped: brightness 1000 is 127", IspBrightness, 1000,
+       [&](auto& n, auto& m) { return near(m.rampLow, n.rampLow + 127, 1); }},
+  };
+  Session session;
+  std::vector<uint8_t> raw = MakeBayer(ChartWidth, ChartHeight, ChartPixel);
+  ChartMeasure neutral = Measure(session.Develop(raw, ChartWidth, ChartHeight, NeutralRecord));
+  for (const Case& c : cases) {
+    Record record = NeutralRecord;
+    record[c.index] = c.value;
+    ChartMeasure m = Measure(session.Develop(raw, ChartWidth, ChartHeight, record));
+    EXPECT_TRUE(c.holds(neutral, m))
+        << c.name << ": ramp " << m.rampLow << "/" << m.rampMid << "/" << m.rampHigh
+        << " orange " << m.orange.y << "," << m.orange.cb << "," << m.orange.cr << " grey "
+        << m.grey.cb << "," << m.grey.cr << " (neutral ramp " << neutral.rampLow << "/"
+        << neutral.rampMid << "/" << neutral.rampHigh << " orange " << neutral.orange.cb << ","
+        << neutral.orange.cr << ")";
+  }
+}
+
+TEST(IspProperties, SharpnessOvershootsAnEdgeAndLeavesFlatAreas) {
+  const uint32_t width = 64, height = 16;
+  std::vector<uint8_t> raw = MakeBayer(width, height, [](uint32_t x, uint32_t) {
+    return x < 32 ? Rgb{60, 60, 60} : Rgb{180, 180, 180};
+  });
+  Session session;
+  Record sharp = NeutralRecord;
+  sharp[IspSharpness] = 15;
+  std::vector<uint8_t> plain = session.Develop(raw, width, height, NeutralRecord);
+  std::vector<uint8_t> out = session.Develop(raw, width, height, sharp);
+  uint8_t dark = LumaAt(plain, width, 8, 8), bright = LumaAt(plain, width, 56, 8);
+  int lowest = 255, highest = 0;
+  for (uint32_t x = 26; x < 38; ++x) {
+    lowest = std::min<int>(lowest, LumaAt(out, width, x, 8));
+    highest = std::max<int>(highest, LumaAt(out, width, x, 8));
+  }
+  EXPECT_LT(lowest, dark - 10);
+  EXPECT_GT(highest, bright + 10);
+  EXPECT_EQ(LumaAt(out, width, 8, 8), dark);
+  EXPECT_EQ(LumaAt(out, width, 56, 8), bright);
+  EXPECT_EQ(LumaAt(out, width, 8, 0), dark) << "edges of the picture replicate";
+}
+
+TEST(IspProperties, AutomaticWhiteBalanceGreysATintedScene) {
+  const uint32_t width = 64, height = 48;
+  // A grey scene under a reddish light.
+  std::vector<uint8_t> raw = UniformBayer(width, height, {150, 100, 80});
+  Session session;
+  Record automatic = NeutralRecord;
+  automatic[IspWhiteBalance] = 0;
+  Ycc fixed = MeanOver(session.Develop(raw, width, height, NeutralRecord), width, 0, width, 0, height);
+  Ycc balanced = MeanOver(session.Develop(raw, width, height, automatic), width, 0, width, 0, height);
+  EXPECT_GT(fixed.cr, 140) << "the tint shows at a fixed 6500 K";
+  EXPECT_NEAR(balanced.cb, 128, 1);
+  EXPECT_NEAR(balanced.cr, 128, 1);
+}
+
+TEST(IspProperties, AllZeroRecordGivesNeutralLumaInMonochrome) {
+  // What the driver hands over before its controls are loaded: contrast,
+  // saturation and gamma read 0 as neutral, white balance is automatic, and
+  // ColorEnable 0 means monochrome.
+  const uint32_t width = 64, height = 32;
+  // Grey in steps of whole Bayer quads, so that every channel sees the same
+  // mean and grey world has nothing to correct.
+  std::vector<uint8_t> raw = MakeBayer(width, height, [](uint32_t x, uint32_t y) {
+    double v = 16.0 + 6.0 * (x / 2) + 2.0 * (y / 2);
+    return Rgb{v, v, v};
+  });
+  Session session;
+  std::vector<uint8_t> neutral = session.Develop(raw, width, height, NeutralRecord);
+  std::vector<uint8_t> zero = session.Develop(raw, width, height, Record{});
+  for (size_t i = 0; i < zero.size(); i += 2) {
+    ASSERT_EQ(zero[i], neutral[i]) << "luma at byte " << i;
+    ASSERT_EQ(zero[i + 1], 128) << "chroma at byte " << i + 1;
+  }
+  // A null record reads as all zero.
+  std::vector<uint8_t> none(zero.size());
+  ASSERT_EQ(ISPFunc_RawToImg(session.handle, &session.camera, 2, nullptr, none.data(), raw.data(),
+                             width, height),
+            STATUS_SUCCESS);
+  EXPECT_EQ(none, zero);
+}
+
+// ---------------------------------------------------------------- orientation
+
+TEST(IspOrientation, MirrorAndFlipReverseGradients) {
+  struct Case {
+    uint32_t wireWidth, wireHeight;
+  };
+  const Case cases[] = {{64, 32}, {32, 16}, {80, 40}};  // equal size, enlarged, shrunk
+  const uint32_t width = 64, height = 32;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.wireWidth);
+    Session session;
+    session.Start(c.wireWidth, c.wireHeight, IspWireLayoutBayer, width, height);
+    std::vector<uint8_t> raw = MakeBayer(c.wireWidth, c.wireHeight, [&](uint32_t x, uint32_t y) {
+      return Rgb{40.0 + 3 * x, 30.0 + 2 * x + 4 * y, 200.0 - 5 * y};
+    });
+    std::vector<uint8_t> plain = session.Develop(raw, width, height, NeutralRecord);
+    for (uint32_t mirror = 0; mirror < 2; ++mirror) {
+      for (uint32_t flip = 0; flip < 2; ++flip) {
+        ASSERT_EQ(ISPFunc_Rotate(session.handle, &session.camera, mirror, flip), STATUS_SUCCESS);
+        std::vector<uint8_t> out = session.Develop(raw, width, height, NeutralRecord);
+        for (uint32_t y = 0; y < height; ++y) {
+          for (uint32_t x = 0; x < width; ++x) {
+            uint32_t sx = mirror ? width - 1 - x : x;
+            uint32_t sy = flip ? height - 1 - y : y;
+            ASSERT_EQ(LumaAt(out, width, x, y), LumaAt(plain, width, sx, sy))
+                << "mirror " << mirror << " flip " << flip << " at " << x << "," << y;
+            ASSERT_EQ(CbAt(out, width, x, y), CbAt(plain, width, sx, sy));
+            ASSERT_EQ(CrAt(out, width, x, y), CrAt(plain, width, sx, sy));
+          }
+        }
+      }
+    }
+  }
+}
+
+// ---------------------------------------------------------------- geometry
+
+TEST(IspGeometry, StartCaptureLearnsTheWireFrameFromTheController) {
+  struct Case {
+    const char* name;
+    uint32_t registerWidth, registerHeight;
+    uint8_t layout;
+    uint32_t expectWidth, expectHeight;
+  };
+  // Output size 320 x 240 throughout.
+  const Case cases[] = {
+      {"programmed Bayer", 640, 480, IspWireLayoutBayer, 640, 480},
+      {"programmed YUYV", 160, 120, IspWireLayoutYuyv, 160, 120},
+      {"YUYV is taken an even width", 161, 120, IspWireLayoutYuyv, 160, 120},
+      {"width 0: the output size", 0, 480, IspWireLayoutBayer, 320, 240},
+      {"height 0: the output size", 640, 0, IspWireLayoutBayer, 320, 240},
+      {"largest frame", 1600, 1200, IspWireLayoutBayer, 1600, 1200},
+      {"too wide: the output size", 1601, 1200, IspWireLayoutBayer, 320, 240},
+      {"too high: the output size", 1600, 1201, IspWireLayoutBayer, 320, 240},
+      {"high bytes count", 0x0500, 0x03C0, IspWireLayoutBayer, 1280, 960},
+  };
+  for (const Case& c : cases) {
+    Session session;
+    ProgramWire(&session.camera, c.registerWidth, c.registerHeight, c.layout);
+    uint32_t w = 0, h = 0;
+    ASSERT_EQ(ISPFunc_StartCapture(session.handle, &session.camera, 2, 320, 240, &w, &h),
+              STATUS_SUCCESS);
+    EXPECT_EQ(w, c.expectWidth) << c.name;
+    EXPECT_EQ(h, c.expectHeight) << c.name;
+    EXPECT_GT(session.camera.controllerReads, 0) << "context handed back as given";
+    EXPECT_EQ(session.camera.sensorReads + session.camera.sensorWrites + session.camera.sections +
+                  session.camera.pairWrites,
+              0);
+  }
+}
+
+TEST(IspGeometry, UnprogrammedOrStoppedCaptureDevelopsTheOutputSizeInBayer) {
+  const uint32_t width = 32, height = 16;
+  const Rgb colour = {200, 100, 50};
+  std::vector<uint8_t> raw = UniformBayer(width, height, colour);
+  Ycc expected = ReferenceYcc(colour);
+  auto check = [&](const std::vector<uint8_t>& out) {
+    Ycc mean = MeanOver(out, width, 0, width, 0, height);
+    EXPECT_NEAR(mean.y, expected.y, 1);
+    EXPECT_NEAR(mean.cb, expected.cb, 1);
+    EXPECT_NEAR(mean.cr, expected.cr, 1);
+  };
+  {
+    SCOPED_TRACE("registers read 0");
+    Session session;
+    uint32_t w = 0, h = 0;
+    ASSERT_EQ(ISPFunc_StartCapture(session.handle, &session.camera, 2, width, height, &w, &h),
+              STATUS_SUCCESS);
+    EXPECT_EQ(w, width);
+    EXPECT_EQ(h, height);
+    check(session.Develop(raw, width, height, NeutralRecord));
+  }
+  {
+    SCOPED_TRACE("stopped after a YUYV capture");
+    Session session;
+    session.Start(8, 8, IspWireLayoutYuyv, width, height);
+    ASSERT_EQ(ISPFunc_StopCapture(session.handle, &session.camera), STATUS_SUCCESS);
+    check(session.Develop(raw, width, height, NeutralRecord));
+  }
+  {
+    SCOPED_TRACE("never started");
+    Session session;
+    check(session.Develop(raw, width, height, NeutralRecord));
+  }
+}
+
+// ---------------------------------------------------------------- handle
+
+TEST(IspHandle, NullHandleDoesNothingInEveryCall) {
+  std::vector<uint8_t> raw(64 * 16, 100);
+  std::vector<uint8_t> out(64 * 16 * 2, 0x5A);
+  uint32_t w = 7, h = 9;
+  EXPECT_EQ(ISPFunc_RawToImg(0, nullptr, 2, NeutralRecord.data(), out.data(), raw.data(), 64, 16),
+            STATUS_INVALID_HANDLE);
+  EXPECT_EQ(out, std::vector<uint8_t>(out.size(), 0x5A));
+  EXPECT_EQ(ISPFunc_StartCapture(0, nullptr, 2, 64, 16, &w, &h), STATUS_INVALID_HANDLE);
+  EXPECT_EQ(w, 7u);
+  EXPECT_EQ(h, 9u);
+  EXPECT_EQ(ISPFunc_StopCapture(0, nullptr), STATUS_INVALID_HANDLE);
+  EXPECT_EQ(ISPFunc_StreamStateNotify(0, nullptr, 3), STATUS_INVALID_HANDLE);
+  EXPECT_EQ(ISPFunc_Rotate(0, nullptr, 1, 1), STATUS_INVALID_HANDLE);
+  EXPECT_EQ(ISPFunc_Exit(0, nullptr, nullptr), STATUS_INVALID_HANDLE);
+  KSPROPERTY property = {};
+  property.Id = IspPropertyVersion;
+  uint32_t data = 0;
+  STREAM_PROPERTY_DESCRIPTOR descriptor = {&property, 0, &data, sizeof(property), sizeof(data)};
+  EXPECT_EQ(ISPFunc_prpmanf_GetCustomProperty(0, nullptr, &descriptor), 0u);
+  EXPECT_EQ(ISPFunc_prpmanf_SetCustomProperty(0, nullptr, &descriptor), 0u);
+}
+
+TEST(IspHandle, BadFrameArgumentsLeaveTheDestinationUntouched) {
+  struct Case {
+    const char* name;
+    uint32_t width, height;
+    bool nullRaw, nullDestination;
+  };
+  const Case cases[] = {
+      {"odd width", 33, 16, false, false},   {"width 0", 0, 16, false, false},
+      {"height 0", 32, 0, false, false},     {"too wide", 1602, 2, false, false},
+      {"too high", 2, 1202, false, false},   {"no raw frame", 32, 16, true, false},
+      {"no destination", 32, 16, false, true},
+  };
+  Session session;
+  std::vector<uint8_t> raw(1602 * 1202 * 2, 77);
+  for (const Case& c : cases) {
+    std::vector<uint8_t> out(64, 0x5A);
+    EXPECT_EQ(ISPFunc_RawToImg(session.handle, &session.camera, 2, NeutralRecord.data(),
+                               c.nullDestination ? nullptr : out.data(),
+                               c.nullRaw ? nullptr : raw.data(), c.width, c.height),
+              STATUS_INVALID_PARAMETER)
+        << c.name;
+    EXPECT_EQ(out, std::vector<uint8_t>(64, 0x5A)) << c.name;
+  }
+}
+
+TEST(IspHandle, PoolBlockIsReturnedAtExitAndAFailedInitGivesNoHandle) {
+  uint64_t before = PoolLiveBlocks(IspPoolTag);
+  FakeCamera camera;
+  uint64_t handle = 0;
+  ASSERT_EQ(ISPFunc_Init(&handle, &camera, nullptr, u"MI2020 and a name longer than sixteen", 0,
+                         ReadSensor, WriteSensor, RunSection, ReadController, WritePairs),
+            STATUS_SUCCESS);
+  ASSERT_NE(handle, 0u);
+  EXPECT_EQ(PoolLiveBlocks(IspPoolTag), before + 1);
+  IspState* state = reinterpret_cast<IspState*>(static_cast<uintptr_t>(handle));
+  EXPECT_EQ(std::u16string(state->SensorName), u"MI2020 and a nam") << "16 characters kept";
+  EXPECT_EQ(state->HighSpeed, 0);
+  EXPECT_EQ(ISPFunc_Exit(handle, &camera, nullptr), STATUS_SUCCESS);
+  EXPECT_EQ(PoolLiveBlocks(IspPoolTag), before);
+
+  uint64_t failed = 0x1234;
+  PoolFailAllocation(1);
+  EXPECT_EQ(ISPFunc_Init(&failed, &camera, nullptr, u"OV7670", 1, ReadSensor, WriteSensor,
+                         RunSection, ReadController, WritePairs),
+            STATUS_INSUFFICIENT_RESOURCES);
+  PoolFailAllocation(0);
+  EXPECT_EQ(failed, 0u);
+  EXPECT_EQ(PoolLiveBlocks(IspPoolTag), before);
+}
+
+TEST(IspHandle, FramePathNeverCallsBack) {
+  Session session;
+  session.Start(64, 32, IspWireLayoutBayer, 32, 16);
+  int readsAfterStart = session.camera.controllerReads;
+  std::vector<uint8_t> raw(64 * 32, 90);
+  Record record = NeutralRecord;
+  record[IspWhiteBalance] = 0;
+  record[IspSharpness] = 4;
+  session.Develop(raw, 32, 16, record);
+  EXPECT_EQ(session.camera.controllerReads, readsAfterStart);
+  EXPECT_EQ(session.camera.sensorReads + session.camera.sensorWrites + session.camera.sections +
+                session.camera.pairWrites,
+            0);
+}
+
+// ---------------------------------------------------------------- custom properties
+
+TEST(IspCustomProperties, ServedIdsAnswerFourBytesOthersNone) {
+  Session session;
+  auto get = [&](uint32_t id, uint32_t* value, uint32_t size = 4) {
+    KSPROPERTY property = {};
+    property.Id = id;
+    STREAM_PROPERTY_DESCRIPTOR d = {&property, 0, value, sizeof(property), size};
+    return ISPFunc_prpmanf_GetCustomProperty(session.handle, &session.camera, &d);
+  };
+  auto set = [&](uint32_t id, uint32_t value, uint32_t size = 4) {
+    KSPROPERTY property = {};
+    property.Id = id;
+    STREAM_PROPERTY_DESCRIPTOR d = {&property, 0, &value, sizeof(property), size};
+    return ISPFunc_prpmanf_SetCustomProperty(session.handle, &session.camera, &d);
+  };
+  uint32_t value = 0;
+  EXPECT_EQ(get(IspPropertyVersion, &value), 4u);
+  EXPECT_EQ(value, 0x00010000u);
+  EXPECT_EQ(set(IspPropertyVersion, 5), 0u) << "the version is read only";
+
+  EXPECT_EQ(set(IspPropertyAwbSmoothing, 3), 4u);
+  EXPECT_EQ(get(IspPropertyAwbSmoothing, &value), 4u);
+  EXPECT_EQ(value, 3u);
+  EXPECT_EQ(set(IspPropertyAwbSmoothing, 99), 4u);
+  EXPECT_EQ(get(IspPropertyAwbSmoothing, &value), 4u);
+  EXPECT_EQ(value, 7u) << "clamped to 7";
+  EXPECT_EQ(set(IspPropertyAwbSmoothing, 1, 3), 0u) << "a buffer under 4 bytes";
+  EXPECT_EQ(get(IspPropertyAwbSmoothing, &value, 2), 0u);
+
+  for (uint32_t id : {31u, 33u, 51u, 52u, 53u, 54u, 56u, 62u, 63u, 64u, 80u, 12u}) {
+    value = 0xDEAD;
+    EXPECT_EQ(get(id, &value), 0u) << id;
+    EXPECT_EQ(value, 0xDEADu) << id;
+    EXPECT_EQ(set(id, 1), 0u) << id;
+  }
+  EXPECT_EQ(ISPFunc_prpmanf_GetCustomProperty(session.handle, &session.camera, nullptr), 0u);
+}
+
+TEST(IspCustomProperties, StatisticsOfTheLastFrameAreReported) {
+  Session session;
+  const uint32_t width = 32, height = 32;
+  const Rgb colour = {100, 150, 200};
+  Record record = NeutralRecord;
+  record[IspWhiteBalance] = 3000;
+  session.Develop(UniformBayer(width, height, colour), width, height, record);
+  uint32_t luma = 0, gains = 0;
+  KSPROPERTY property = {};
+  STREAM_PROPERTY_DESCRIPTOR d = {&property, 0, &luma, sizeof(property), 4};
+  property.Id = IspPropertyMeanLuma;
+  ASSERT_EQ(ISPFunc_prpmanf_GetCustomProperty(session.handle, &session.camera, &d), 4u);
+  EXPECT_NEAR(luma, ReferenceYcc(colour).y, 1);
+  d.PropertyInfo = &gains;
+  property.Id = IspPropertyWhiteGains;
+  ASSERT_EQ(ISPFunc_prpmanf_GetCustomProperty(session.handle, &session.camera, &d), 4u);
+  // At 3000 K the red gain is below one and the blue gain above.
+  EXPECT_LT(gains & 0xFFFF, 4096u);
+  EXPECT_GT(gains >> 16, 4096u);
+}
+
+TEST(IspCustomProperties, SmoothedWhiteBalanceMovesPartWayEachFrame) {
+  Session session;
+  const uint32_t width = 32, height = 32;
+  Record automatic = NeutralRecord;
+  automatic[IspWhiteBalance] = 0;
+  uint32_t smoothing = 2, gains = 0;
+  KSPROPERTY property = {};
+  property.Id = IspPropertyAwbSmoothing;
+  STREAM_PROPERTY_DESCRIPTOR d = {&property, 0, &smoothing, sizeof(property), 4};
+  ASSERT_EQ(ISPFunc_prpmanf_SetCustomProperty(session.handle, &session.camera, &d), 4u);
+  auto redGain = [&]() {
+    property.Id = IspPropertyWhiteGains;
+    d.PropertyInfo = &gains;
+    ISPFunc_prpmanf_GetCustomProperty(session.handle, &session.camera, &d);
+    return double(gains & 0xFFFF) / 4096;
+  };
+  session.Develop(UniformBayer(width, height, {100, 100, 100}), width, height, automatic);
+  EXPECT_DOUBLE_EQ(redGain(), 1.0);
+  // Red twice green: grey world wants 0.5; a quarter of the way is 0.875.
+  std::vector<uint8_t> red = UniformBayer(width, height, {200, 100, 100});
+  session.Develop(red, width, height, automatic);
+  EXPECT_NEAR(redGain(), 0.875, 0.001);
+  // Stopping the stream restarts: the next frame takes the target at once.
+  ASSERT_EQ(ISPFunc_StreamStateNotify(session.handle, &session.camera, 0), STATUS_SUCCESS);
+  session.Develop(red, width, height, automatic);
+  EXPECT_NEAR(redGain(), 0.5, 0.001);
+  EXPECT_EQ(ISPFunc_StreamStateNotify(session.handle, &session.camera, 4), STATUS_INVALID_PARAMETER);
+}
+
+// ---------------------------------------------------------------- vector rows
+
+TEST(IspRows, VectorRowsGiveThePortableBytes) {
+#if defined(ISP_HAVE_X86_ROWS)
+  const uint32_t seed = 7401;
+  std::mt19937 random(seed);
+  SCOPED_TRACE(testing::Message() << "seed " << seed);
+  struct Form {
+    const char* name;
+    IspBayerRowRoutine routine;
+    bool available;
+  };
+  const Form forms[] = {{"SSE2", IspDevelopBayerRow_SSE2, true},
+                        {"AVX2", IspDevelopBayerRow_AVX2, IspCpuHasAvx2()}};
+  const uint32_t widths[] = {2, 4, 6, 8, 10, 16, 18, 20, 26, 34, 36, 40, 50, 98, 130, 642, 1600};
+  IspSettings neutral;
+  IspClampSettings(NeutralRecord.data(), &neutral);
+  for (uint32_t round = 0; round < 12; ++round) {
+    // Coefficients: the neutral matrix, then random ones up to the extremes
+    // (large gains and saturation), with both luma clamps.
+    IspRowCoefficients k;
+    IspBuildRowCoefficients(IspWireLayoutBayer, IspUnityGain, IspUnityGain, &neutral, &k);
+    if (round > 0) {
+      for (int16_t* row : {k.Y, k.Cb, k.Cr}) {
+        for (int j = 0; j < 3; ++j) row[j] = static_cast<int16_t>(random() % 65536 - 32768);
+      }
+      k.YBias = static_cast<int32_t>(random() % (1 << 24)) - (1 << 23);
+      k.CbBias = static_cast<int32_t>(random() % (1 << 24)) - (1 << 23);
+      k.CrBias = static_cast<int32_t>(random() % (1 << 24)) - (1 << 23);
+      if (round & 1) {
+        k.YMin = 0;
+        k.YMax = 255;
+      }
+    }
+    for (uint32_t width : widths) {
+      for (uint32_t misalign = 0; misalign < 2; ++misalign) {
+        // Each row exactly as long as it must be (plus the misalignment), so
+        // that a read past its end is caught by the sanitizer.
+        std::vector<uint8_t> rows[3];
+        for (auto& row : rows) {
+          row.resize(width + misalign);
+          for (auto& v : row) v = static_cast<uint8_t>(random());
+        }
+        for (uint32_t oddRow = 0; oddRow < 2; ++oddRow) {
+          std::vector<uint8_t> expected(2 * width);
+          IspDevelopBayerRow_C(rows[0].data() + misalign, rows[1].data() + misalign,
+                               rows[2].data() + misalign, width, oddRow, &k, expected.data());
+          for (const Form& form : forms) {
+            if (!form.available) continue;
+            std::vector<uint8_t> actual(2 * width + misalign);
+            form.routine(rows[0].data() + misalign, rows[1].data() + misalign,
+                         rows[2].data() + misalign, width, oddRow, &k, actual.data() + misalign);
+            ASSERT_EQ(std::vector<uint8_t>(actual.begin() + misalign, actual.end()), expected)
+                << form.name << " width " << width << " odd row " << oddRow << " round " << round;
+          }
+        }
+      }
+    }
+  }
+#else
+  GTEST_SKIP() << "no vector rows on this processor";
+#endif
+}
+
+}  // namespace
