@@ -27,29 +27,13 @@ void SpefNegativeRow_C(uint8_t* yuyv, int pixels) {
   }
 }
 
-void SpefTableRow_C(uint8_t* yuyv, int pixels, const uint8_t (*tables)[256]) {
-  const uint8_t* ty = tables[0];
-  const uint8_t* tu = tables[1];
-  const uint8_t* tv = tables[2];
-  int x = 0;
-  for (; x + 1 < pixels; x += 2) {
-    uint8_t* p = yuyv + 2 * x;
-    p[0] = ty[p[0]];
-    p[1] = tu[p[1]];
-    p[2] = ty[p[2]];
-    p[3] = tv[p[3]];
-  }
-  if (x < pixels) {
-    uint8_t* p = yuyv + 2 * x;
-    p[0] = ty[p[0]];
-    p[1] = tu[p[1]];
-  }
-}
-
-const SpefRowSet SpefPortableRows = {SpefConstantChromaRow_C, SpefNegativeRow_C};
+const SpefRowSet SpefPortableRows = {SpefConstantChromaRow_C, SpefNegativeRow_C,
+                                     SpefLoadLumaRow_C, SpefEmbossRow_C, SpefSketchRow_C};
 
 #ifdef MR740_SPEF_HAVE_AVX2
-static const SpefRowSet SpefAvx2Rows = {SpefConstantChromaRow_AVX2, SpefNegativeRow_AVX2};
+static const SpefRowSet SpefAvx2Rows = {SpefConstantChromaRow_AVX2, SpefNegativeRow_AVX2,
+                                        SpefLoadLumaRow_AVX2, SpefEmbossRow_AVX2,
+                                        SpefSketchRow_AVX2};
 #endif
 
 const SpefRowSet* SpefBestRows() {
@@ -66,15 +50,30 @@ inline uint8_t ClampStudioLuma(int32_t v) {
   return static_cast<uint8_t>(v < 16 ? 16 : (v > 235 ? 235 : v));
 }
 
-// The luma of one YUYV row into `row[0..width)`, with the edge pixels
-// repeated into row[-1] and row[width].
-void LoadLuma(const uint8_t* yuyv, int width, uint8_t* row) {
+}  // namespace
+
+void SpefLumaTableRow_C(uint8_t* yuyv, int pixels, const uint8_t* tableY) {
+  for (int i = 0; i < 2 * pixels; i += 2) yuyv[i] = tableY[yuyv[i]];
+}
+
+void SpefChromaTableRow_C(uint8_t* yuyv, int pixels, const uint8_t* tableU, const uint8_t* tableV) {
+  int x = 0;
+  for (; x + 1 < pixels; x += 2) {
+    yuyv[2 * x + 1] = tableU[yuyv[2 * x + 1]];
+    yuyv[2 * x + 3] = tableV[yuyv[2 * x + 3]];
+  }
+  if (x < pixels) yuyv[2 * x + 1] = tableU[yuyv[2 * x + 1]];
+}
+
+void SpefLoadLumaRow_C(const uint8_t* yuyv, int width, uint8_t* row) {
   for (int x = 0; x < width; ++x) row[x] = yuyv[2 * x];
   row[-1] = row[0];
   row[width] = row[width - 1];
 }
 
-void EmbossRow(const uint8_t* above, const uint8_t* below, uint8_t* yuyv, int width, int32_t gain) {
+void SpefEmbossRow_C(const uint8_t* above, const uint8_t* row, const uint8_t* below,
+                     uint8_t* yuyv, int width, int32_t gain) {
+  (void)row;
   for (int x = 0; x < width; ++x) {
     int32_t d = static_cast<int32_t>(below[x + 1]) - static_cast<int32_t>(above[x - 1]);
     yuyv[2 * x] = ClampStudioLuma(126 + d * gain);
@@ -82,8 +81,8 @@ void EmbossRow(const uint8_t* above, const uint8_t* below, uint8_t* yuyv, int wi
   }
 }
 
-void SketchRow(const uint8_t* above, const uint8_t* row, const uint8_t* below, uint8_t* yuyv,
-               int width, int32_t gain) {
+void SpefSketchRow_C(const uint8_t* above, const uint8_t* row, const uint8_t* below,
+                     uint8_t* yuyv, int width, int32_t gain) {
   for (int x = 0; x < width; ++x) {
     int32_t gx = static_cast<int32_t>(row[x + 1]) - static_cast<int32_t>(row[x - 1]);
     int32_t gy = static_cast<int32_t>(below[x]) - static_cast<int32_t>(above[x]);
@@ -93,29 +92,27 @@ void SketchRow(const uint8_t* above, const uint8_t* row, const uint8_t* below, u
   }
 }
 
+namespace {
+
 // Rows are written in place from the top; each row's original luma is kept
 // in the private rows before it is overwritten, so that the row below still
 // sees it.
-void ApplyNeighbourhood(SpefPrivate* priv, SpefKind kind, int32_t gain, uint8_t* picture,
-                        int width, int height) {
+void ApplyNeighbourhood(const SpefRowSet* rows, SpefPrivate* priv, SpefNeighbourhoodRow fn,
+                        int32_t gain, uint8_t* picture, int width, int height) {
   size_t stride = 2 * static_cast<size_t>(width);
   uint8_t* above = priv->Rows[0] + 1;
   uint8_t* row = priv->Rows[1] + 1;
   uint8_t* below = priv->Rows[2] + 1;
-  LoadLuma(picture, width, row);
+  rows->LoadLuma(picture, width, row);
   const uint8_t* previous = row;  // the top row repeats upwards
   for (int y = 0; y < height; ++y) {
     uint8_t* line = picture + stride * y;
     const uint8_t* next = row;  // the bottom row repeats downwards
     if (y + 1 < height) {
-      LoadLuma(line + stride, width, below);
+      rows->LoadLuma(line + stride, width, below);
       next = below;
     }
-    if (kind == SpefKindEmboss) {
-      EmbossRow(previous, next, line, width, gain);
-    } else {
-      SketchRow(previous, row, next, line, width, gain);
-    }
+    fn(previous, row, next, line, width, gain);
     // Rotate: this row's luma becomes the one above, the next row's the current.
     uint8_t* spare = above;
     above = row;
@@ -150,16 +147,28 @@ void SpefApplyEffect(const SpefRowSet* rows, SpefPrivate* priv, uint32_t effectI
     case SpefKindNegative:
       for (uint32_t r = 0; r < rowCount; ++r) rows->Negative(picture + stride * r, rowPixels);
       break;
-    case SpefKindTable:
+    case SpefKindTable: {
+      // Tables that leave luma or chroma as it is are not walked for it.
+      const uint8_t(*tables)[256] = priv->Tables[effectIndex];
+      uint8_t touches = priv->TableTouches[effectIndex];
       for (uint32_t r = 0; r < rowCount; ++r) {
-        SpefTableRow_C(picture + stride * r, rowPixels, priv->Tables[effectIndex]);
+        uint8_t* line = picture + stride * r;
+        if ((touches & SpefTouchesLuma) != 0) SpefLumaTableRow_C(line, rowPixels, tables[0]);
+        if ((touches & SpefTouchesChroma) != 0) {
+          SpefChromaTableRow_C(line, rowPixels, tables[1], tables[2]);
+        }
       }
       break;
+    }
     case SpefKindEmboss:
     case SpefKindSketch:
       if (width <= SpefMaxRowWidth) {
-        ApplyNeighbourhood(priv, effect.Kind, static_cast<int32_t>(effect.Parameters[0]), picture,
-                           static_cast<int>(width), static_cast<int>(height));
+        // A gain above 64 could not make a picture any harsher, and keeps
+        // the vector rows' 16-bit sums from overflowing.
+        uint32_t gain = effect.Parameters[0] > 64 ? 64 : effect.Parameters[0];
+        ApplyNeighbourhood(rows, priv, effect.Kind == SpefKindEmboss ? rows->Emboss : rows->Sketch,
+                           static_cast<int32_t>(gain), picture, static_cast<int>(width),
+                           static_cast<int>(height));
       }
       break;
     case SpefKindNone:

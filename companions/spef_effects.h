@@ -73,17 +73,24 @@ extern const uint32_t SpefCategoryCount;
 // wider one is left as it is.
 constexpr uint32_t SpefMaxRowWidth = 8192;
 
+constexpr uint8_t SpefTouchesLuma = 1, SpefTouchesChroma = 2;
+
 struct SpefPrivate {
   uint32_t Signature;
   // Index + 1 into SpefEffects of the effect in force, 0 for none. Written by
   // SPEF_PropertySet and SPEF_StartCapture, read once per frame; atomic.
   uint32_t ActiveEffect;
-  // Y, Cb, Cr tables of each table-driven effect, built once at SPEF_Init.
+  // Y, Cb, Cr tables of each table-driven effect, built once at SPEF_Init,
+  // and which of luma and chroma each table changes at all.
   uint8_t Tables[SpefEffectCapacity][3][256];
+  uint8_t TableTouches[SpefEffectCapacity];
   // Luma of three picture rows for the neighbourhood effects, one pixel of
   // margin each side. Frame path only.
   uint8_t Rows[3][SpefMaxRowWidth + 2];
 };
+
+// The private block of a live handle, null for 0 or a released one.
+SpefPrivate* SpefPrivateOf(uint64_t spefHandle);
 
 // ---------------------------------------------------------------- rows
 
@@ -91,20 +98,41 @@ struct SpefPrivate {
 // ends on a pixel with Y and Cb only.
 typedef void (*SpefConstantChromaRow)(uint8_t* yuyv, int pixels, uint8_t cb, uint8_t cr);
 typedef void (*SpefNegativeRow)(uint8_t* yuyv, int pixels);
+// The luma of `width` YUYV pixels into row[0..width), the edge pixels
+// repeated into row[-1] and row[width].
+typedef void (*SpefLoadLumaRow)(const uint8_t* yuyv, int width, uint8_t* row);
+// One output row of a neighbourhood effect from the original luma of the
+// rows above, at and below it (each with the one-pixel margins).
+typedef void (*SpefNeighbourhoodRow)(const uint8_t* above, const uint8_t* row,
+                                     const uint8_t* below, uint8_t* yuyv, int width, int32_t gain);
 
 void SpefConstantChromaRow_C(uint8_t* yuyv, int pixels, uint8_t cb, uint8_t cr);
 void SpefNegativeRow_C(uint8_t* yuyv, int pixels);
-void SpefTableRow_C(uint8_t* yuyv, int pixels, const uint8_t (*tables)[256]);
+void SpefLumaTableRow_C(uint8_t* yuyv, int pixels, const uint8_t* tableY);
+void SpefChromaTableRow_C(uint8_t* yuyv, int pixels, const uint8_t* tableU, const uint8_t* tableV);
+void SpefLoadLumaRow_C(const uint8_t* yuyv, int width, uint8_t* row);
+void SpefEmbossRow_C(const uint8_t* above, const uint8_t* row, const uint8_t* below,
+                     uint8_t* yuyv, int width, int32_t gain);
+void SpefSketchRow_C(const uint8_t* above, const uint8_t* row, const uint8_t* below,
+                     uint8_t* yuyv, int width, int32_t gain);
 
 #if defined(__x86_64__) || defined(__i386__)
 #define MR740_SPEF_HAVE_AVX2 1
 void SpefConstantChromaRow_AVX2(uint8_t* yuyv, int pixels, uint8_t cb, uint8_t cr);
 void SpefNegativeRow_AVX2(uint8_t* yuyv, int pixels);
+void SpefLoadLumaRow_AVX2(const uint8_t* yuyv, int width, uint8_t* row);
+void SpefEmbossRow_AVX2(const uint8_t* above, const uint8_t* row, const uint8_t* below,
+                        uint8_t* yuyv, int width, int32_t gain);
+void SpefSketchRow_AVX2(const uint8_t* above, const uint8_t* row, const uint8_t* below,
+                        uint8_t* yuyv, int width, int32_t gain);
 #endif
 
 struct SpefRowSet {
   SpefConstantChromaRow ConstantChroma;
   SpefNegativeRow Negative;
+  SpefLoadLumaRow LoadLuma;
+  SpefNeighbourhoodRow Emboss;
+  SpefNeighbourhoodRow Sketch;
 };
 
 extern const SpefRowSet SpefPortableRows;

@@ -21,12 +21,6 @@ SpefRecord* RecordOf(uint64_t handle) {
   return reinterpret_cast<SpefRecord*>(static_cast<uintptr_t>(handle));
 }
 
-SpefPrivate* PrivateOf(uint64_t handle) {
-  if (handle == 0) return nullptr;
-  auto* priv = reinterpret_cast<SpefPrivate*>(static_cast<uintptr_t>(handle) + PrivateOffset);
-  return priv->Signature == SpefSignature ? priv : nullptr;
-}
-
 void WriteName(SpefRecord* record, uint32_t category, uint32_t list, uint32_t n, const char* name) {
   if (name == nullptr) return;
   // Slot ((category x 64 + list) x 10 + n + 2) of the record is entry
@@ -40,7 +34,7 @@ void WriteName(SpefRecord* record, uint32_t category, uint32_t list, uint32_t n,
 // Looks up the record's category and list words, sets the parameter words
 // and puts the effect in force for the next frame.
 void PickUpEffect(uint64_t handle) {
-  SpefPrivate* priv = PrivateOf(handle);
+  SpefPrivate* priv = SpefPrivateOf(handle);
   if (priv == nullptr) return;
   SpefRecord* record = RecordOf(handle);
   uint32_t category = record->Category, list = record->List;
@@ -58,6 +52,12 @@ void PickUpEffect(uint64_t handle) {
 }
 
 }  // namespace
+
+SpefPrivate* SpefPrivateOf(uint64_t spefHandle) {
+  if (spefHandle == 0) return nullptr;
+  auto* priv = reinterpret_cast<SpefPrivate*>(static_cast<uintptr_t>(spefHandle) + PrivateOffset);
+  return priv->Signature == SpefSignature ? priv : nullptr;
+}
 
 // Start-up (StartImageLibraries). `folder` names where the camera's files
 // lie; this library keeps no files of its own and does not look at it.
@@ -84,6 +84,12 @@ uint64_t SPEF_Init(const WCHAR* folder) {
     if (effect.Kind == SpefKindTable) {
       effect.BuildTables(effect.Parameters, priv->Tables[i][0], priv->Tables[i][1],
                          priv->Tables[i][2]);
+      for (int v = 0; v < 256; ++v) {
+        if (priv->Tables[i][0][v] != v) priv->TableTouches[i] |= SpefTouchesLuma;
+        if (priv->Tables[i][1][v] != v || priv->Tables[i][2][v] != v) {
+          priv->TableTouches[i] |= SpefTouchesChroma;
+        }
+      }
     }
   }
   priv->Signature = SpefSignature;
@@ -93,7 +99,7 @@ uint64_t SPEF_Init(const WCHAR* folder) {
 
 // Shut-down (CamUnInitialize).
 void SPEF_Exit(uint64_t spefHandle) {
-  SpefPrivate* priv = PrivateOf(spefHandle);
+  SpefPrivate* priv = SpefPrivateOf(spefHandle);
   if (priv == nullptr) return;
   priv->Signature = 0;
   ExFreePoolWithTag(RecordOf(spefHandle), SpefPoolTag);
@@ -120,7 +126,7 @@ void SPEF_PropertySet(uint64_t spefHandle, uint32_t width, uint32_t height) {
 // Frame path: applies the effect in force to the YUYV picture in place. No
 // allocation, no blocking.
 void SPEF_ConvertFrame(uint64_t spefHandle, uint8_t* picture, uint32_t width, uint32_t height) {
-  SpefPrivate* priv = PrivateOf(spefHandle);
+  SpefPrivate* priv = SpefPrivateOf(spefHandle);
   if (priv == nullptr || picture == nullptr) return;
   uint32_t active = __atomic_load_n(&priv->ActiveEffect, __ATOMIC_ACQUIRE);
   if (active == 0 || active > SpefEffectCount) return;

@@ -266,6 +266,29 @@ TEST(SpefRows, VectorRowsMatchPortableRows) {
     SpefNegativeRow_C(a.data() + 1, pixels);
     SpefNegativeRow_AVX2(b.data() + 1, pixels);
     EXPECT_EQ(a, b) << "negative";
+
+    // Luma rows with their margins, the first byte of the allocation being
+    // the left margin of the row above and the last the right margin below.
+    std::vector<uint8_t> luma(3 * (pixels + 2));
+    uint8_t* above = luma.data() + 1;
+    uint8_t* row = above + pixels + 2;
+    uint8_t* below = row + pixels + 2;
+    SpefLoadLumaRow_C(source.data() + 1, pixels, row);
+    std::vector<uint8_t> loaded(row - 1, row + pixels + 1);
+    SpefLoadLumaRow_AVX2(source.data() + 1, pixels, row);
+    EXPECT_EQ(loaded, std::vector<uint8_t>(row - 1, row + pixels + 1)) << "luma load";
+    for (uint8_t* r : {above, below}) {
+      for (int x = -1; x <= pixels; ++x) r[x] = static_cast<uint8_t>(random());
+    }
+    for (int32_t gain : {1, 2, 64}) {
+      std::vector<uint8_t> c(2 * pixels), v(2 * pixels);
+      SpefEmbossRow_C(above, row, below, c.data(), pixels, gain);
+      SpefEmbossRow_AVX2(above, row, below, v.data(), pixels, gain);
+      EXPECT_EQ(c, v) << "emboss, gain " << gain;
+      SpefSketchRow_C(above, row, below, c.data(), pixels, gain);
+      SpefSketchRow_AVX2(above, row, below, v.data(), pixels, gain);
+      EXPECT_EQ(c, v) << "sketch, gain " << gain;
+    }
   }
 #else
   GTEST_SKIP() << "no vector rows on this processor";
