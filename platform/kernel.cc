@@ -1,12 +1,19 @@
 // Kernel services on the host's threads. Events, timed waits and the fast
 // mutex share one lock and one condition variable: the driver has few of them
 // and waits rarely, so simplicity wins over a wait queue per object.
+//
+// Every call that may let a waiting thread go on (an event signalled, a mutex
+// released, a delay, a clock move, a thread started or ended) counts as
+// activity. An unsatisfied timed wait in virtual time lets the clock jump only
+// once that count has stood still for a while: until then some other thread
+// is still at work and may yet signal it.
 
 #include "platform/kernel.h"
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
@@ -16,7 +23,9 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/handles.h"
@@ -24,7 +33,7 @@
 
 struct KTHREAD {
   uint64_t Id;
-  KPRIORITY Priority;
+  KPRIORITY Priority;  // accessed atomically
 };
 
 namespace {
@@ -33,13 +42,72 @@ namespace {
 constexpr int64_t kUnixEpochInSystemTime = 116444736000000000LL;
 // Where virtual time starts: 2026-01-01 00:00:00 (1767225600 s after 1970).
 constexpr int64_t kVirtualClockStart = kUnixEpochInSystemTime + 1767225600LL * 10000000LL;
-// Times an unsatisfied timed wait lets other threads run before virtual time
-// jumps to its deadline.
-constexpr int kAutoAdvanceYields = 64;
+// An unsatisfied timed wait in virtual time jumps the clock after this many
+// slices of real time in a row in which nothing happened in the kernel layer,
+// when every system thread waits for something that has not come; the host's
+// own threads are not known here, and the quiet time is left for them. If a
+// system thread is still at work (or blocked outside this layer, in the host)
+// the clock jumps only after the longer quiet time.
+constexpr int kAutoAdvanceQuietSlices = 4;
+constexpr int kAutoAdvanceQuietSlicesBusy = 40;
+constexpr std::chrono::microseconds kAutoAdvanceSlice{250};
+// Longest piece of a real-time wait or delay, so that the conversion to
+// nanoseconds cannot overflow; the wait simply goes round again.
+constexpr int64_t kLongestRealSlice = 10000000LL * 3600;  // one hour
+// Signals remembered for LastSetEventPriority.
+constexpr size_t kEventSetRing = 256;
+
+int64_t SaturatingAdd(int64_t a, int64_t b) {
+  int64_t sum;
+  if (__builtin_add_overflow(a, b, &sum)) return b > 0 ? INT64_MAX : INT64_MIN;
+  return sum;
+}
+
+// The length of a relative time (negative) as a positive count of ticks.
+int64_t RelativeTicks(int64_t relative) { return relative == INT64_MIN ? INT64_MAX : -relative; }
+
+struct EventSetRecord {
+  const KEVENT* event;
+  KPRIORITY priority;
+};
+
+struct SystemThread {
+  std::thread thread;
+  std::atomic<bool> returned{false};
+  std::atomic<bool> terminated{false};
+};
+
+struct ThreadState {
+  std::mutex lock;
+  std::list<SystemThread> threads;
+  std::atomic<uint32_t> running{0};
+  uint64_t failAt = 0;  // creation number that fails, 0 none
+  bool failEvery = false;
+  uint64_t creationCount = 0;
+};
+
+ThreadState& Threads() {
+  static ThreadState state;
+  return state;
+}
+
+thread_local SystemThread* t_systemThread = nullptr;
+
+// A thread blocked in the kernel layer, on an event or a fast mutex.
+struct Waiter {
+  const KEVENT* event;
+  const FAST_MUTEX* mutex;
+  bool timed;
+  int64_t deadline;
+  bool systemThread;
+};
 
 struct WaitState {
   std::mutex lock;
   std::condition_variable changed;
+  std::list<Waiter> waiters;
+  EventSetRecord eventSets[kEventSetRing] = {};
+  uint64_t eventSetCount = 0;
 };
 
 WaitState& Waits() {
@@ -47,11 +115,43 @@ WaitState& Waits() {
   return state;
 }
 
+int32_t AtomicLoad(const int32_t* cell) { return __atomic_load_n(cell, __ATOMIC_ACQUIRE); }
+void AtomicStore(int32_t* cell, int32_t value) { __atomic_store_n(cell, value, __ATOMIC_RELEASE); }
+
+// Under the wait lock: whether every system thread is blocked in a wait that
+// nothing has satisfied yet, so none of them can still signal anything.
+bool SystemThreadsAllWaitingLocked(const WaitState& waits, int64_t clock) {
+  uint32_t waiting = 0;
+  for (const Waiter& waiter : waits.waiters) {
+    if (!waiter.systemThread) continue;
+    if (waiter.event && AtomicLoad(&waiter.event->State)) return false;
+    if (waiter.mutex && __atomic_load_n(&waiter.mutex->Owner, __ATOMIC_ACQUIRE) == 0) return false;
+    if (waiter.timed && clock >= waiter.deadline) return false;
+    ++waiting;
+  }
+  return waiting >= Threads().running.load();
+}
+
+int64_t EarliestDeadlineLocked(const WaitState& waits) {
+  int64_t earliest = INT64_MAX;
+  for (const Waiter& waiter : waits.waiters) {
+    if (waiter.timed) earliest = std::min(earliest, waiter.deadline);
+  }
+  return earliest;
+}
+
 std::atomic<int> g_clockMode{static_cast<int>(KernelClockMode::Real)};
 std::atomic<int64_t> g_virtualClock{kVirtualClockStart};
 std::atomic<bool> g_autoAdvance{true};
 std::atomic<int64_t> g_delayTotal{0};
 std::atomic<uint64_t> g_nextThreadId{1};
+std::atomic<uint64_t> g_activity{0};
+
+std::atomic<uint64_t> g_mutexAcquires{0};
+std::atomic<uint64_t> g_mutexReleases{0};
+std::atomic<uint64_t> g_threadsStarted{0};
+std::atomic<uint64_t> g_threadsReturned{0};
+std::atomic<uint64_t> g_threadsTerminated{0};
 
 bool IsVirtual() {
   return g_clockMode.load(std::memory_order_relaxed) == static_cast<int>(KernelClockMode::Virtual);
@@ -65,23 +165,34 @@ int64_t RealSystemTime() {
 
 int64_t Now() { return IsVirtual() ? g_virtualClock.load() : RealSystemTime(); }
 
-// Wakes everyone who waits on an event, a mutex or the virtual clock.
+void NoteActivity() { g_activity.fetch_add(1, std::memory_order_relaxed); }
+
+// Wakes everyone who waits on an event, a mutex, a thread or the clock.
 void NotifyWaiters() {
+  NoteActivity();
   WaitState& waits = Waits();
   std::lock_guard<std::mutex> guard(waits.lock);
   waits.changed.notify_all();
 }
 
-void MoveVirtualClockTo(int64_t time) {
+// Moves the virtual clock forward to `time`; never backwards, since another
+// thread may have moved it further meanwhile.
+void RaiseVirtualClock(int64_t time) {
   int64_t current = g_virtualClock.load();
   while (current < time && !g_virtualClock.compare_exchange_weak(current, time)) {
   }
-  NotifyWaiters();
+}
+
+void AddToVirtualClock(int64_t ticks) {
+  int64_t current = g_virtualClock.load();
+  while (!g_virtualClock.compare_exchange_weak(current, SaturatingAdd(current, ticks))) {
+  }
 }
 
 // The absolute deadline of a timeout as the driver gives it.
 int64_t DeadlineOf(const LARGE_INTEGER* timeout) {
-  return timeout->QuadPart < 0 ? Now() - timeout->QuadPart : timeout->QuadPart;
+  if (timeout->QuadPart >= 0) return timeout->QuadPart;
+  return SaturatingAdd(Now(), RelativeTicks(timeout->QuadPart));
 }
 
 KTHREAD& CurrentThread() {
@@ -90,8 +201,19 @@ KTHREAD& CurrentThread() {
   return thread;
 }
 
-int32_t AtomicLoad(const int32_t* cell) { return __atomic_load_n(cell, __ATOMIC_ACQUIRE); }
-void AtomicStore(int32_t* cell, int32_t value) { __atomic_store_n(cell, value, __ATOMIC_RELEASE); }
+KPRIORITY PriorityOf(const KTHREAD* thread) {
+  return __atomic_load_n(&thread->Priority, __ATOMIC_RELAXED);
+}
+
+// A pool tag as its four characters, as they read in a debugger.
+std::string TagText(uint32_t tag) {
+  std::string text(4, '.');
+  for (int i = 0; i < 4; ++i) {
+    unsigned char c = static_cast<unsigned char>(tag >> (8 * i));
+    if (c >= 0x20 && c < 0x7F) text[i] = static_cast<char>(c);
+  }
+  return text;
+}
 
 // ---------------------------------------------------------------- pool
 
@@ -100,23 +222,60 @@ struct PoolHeader {
   uint64_t bytes;
   uint32_t tag;
   uint32_t pad;
-  uint64_t pad2;
+  uint64_t serial;  // order of allocation, for the leak report
 };
 static_assert(sizeof(PoolHeader) % 16 == 0, "pool blocks stay 16-byte aligned");
 constexpr uint64_t kPoolMagic = 0x4C4F4F504F303437ULL;  // "740OPOOL"
-constexpr uint64_t kPoolFreedMagic = 0x44454552464F4F50ULL;
 
 struct PoolState {
   std::mutex lock;
   std::map<uint32_t, PoolTagStats> tags;
+  // Every live block: a free of anything else is caught before its header is
+  // read, and the leak report can name each block.
+  std::unordered_map<const PoolHeader*, uint64_t> live;
   uint64_t failAt = 0;  // allocation number that fails, 0 none
   bool failEvery = false;
   uint64_t allocationCount = 0;
+  uint64_t serial = 0;
 };
 
 PoolState& Pool() {
   static PoolState state;
   return state;
+}
+
+[[noreturn]] void PoolFault(const char* what, const void* block) {
+  DbgPrint("pool: %s (%p)\n", what, block);
+  std::abort();
+}
+
+void FreePoolBlock(void* block, bool checkTag, ULONG tag) {
+  if (!block) {
+    DbgPrint("pool: free of a null block\n");
+    return;
+  }
+  PoolHeader* header = static_cast<PoolHeader*>(block) - 1;
+  PoolState& pool = Pool();
+  const char* fault = nullptr;
+  {
+    std::lock_guard<std::mutex> guard(pool.lock);
+    auto it = pool.live.find(header);
+    if (it == pool.live.end()) {
+      fault = "free of a block that is not live";
+    } else if (header->magic != kPoolMagic) {
+      fault = "free of a block whose header was overwritten";
+    } else if (checkTag && header->tag != tag) {
+      fault = "free with a tag that is not the block's";
+    } else {
+      pool.live.erase(it);
+      PoolTagStats& stats = pool.tags[header->tag];
+      stats.liveBlocks -= 1;
+      stats.liveBytes -= header->bytes;
+      header->magic = 0;
+    }
+  }
+  if (fault) PoolFault(fault, block);
+  std::free(header);
 }
 
 // ---------------------------------------------------------------- debug print
@@ -125,6 +284,7 @@ struct PrintState {
   std::mutex lock;
   DebugPrintSink sink = nullptr;
   void* context = nullptr;
+  std::vector<DebugPrintCapture::State*> captures;  // live captures, oldest first
 };
 
 PrintState& Print() {
@@ -134,43 +294,50 @@ PrintState& Print() {
 
 // ---------------------------------------------------------------- threads
 
-struct SystemThread {
-  std::thread thread;
-  std::atomic<bool> returned{false};
-  std::atomic<bool> terminated{false};
-};
-
-struct ThreadState {
-  std::mutex lock;
-  std::list<SystemThread> threads;
-  std::atomic<uint32_t> running{0};
-};
-
-ThreadState& Threads() {
-  static ThreadState state;
-  return state;
+// Joins the threads that have left their routine and forgets them, so that a
+// host which starts an idle thread again and again does not pile them up.
+void ReapReturnedThreadsLocked(ThreadState& state) {
+  for (auto it = state.threads.begin(); it != state.threads.end();) {
+    if (it->returned.load()) {
+      if (it->thread.joinable()) it->thread.join();
+      it = state.threads.erase(it);
+    } else {
+      ++it;
+    }
+  }
 }
 
-thread_local SystemThread* t_systemThread = nullptr;
+void RunSystemThread(SystemThread* record, PKSTART_ROUTINE start, void* context) {
+  t_systemThread = record;
+  start(context);
+  record->returned.store(true);
+  g_threadsReturned.fetch_add(1);
+  Threads().running.fetch_sub(1);
+  NotifyWaiters();
+}
 
 }  // namespace
 
 // ---------------------------------------------------------------- events
 
 void KeInitializeEvent(KEVENT* event, EVENT_TYPE type, BOOLEAN state) {
-  event->Type = type;
+  __atomic_store_n(&event->Type, static_cast<int32_t>(type), __ATOMIC_RELAXED);
   AtomicStore(&event->State, state ? 1 : 0);
 }
 
 LONG KeSetEvent(KEVENT* event, KPRIORITY, BOOLEAN) {
+  const KPRIORITY priority = PriorityOf(&CurrentThread());
+  NoteActivity();
   WaitState& waits = Waits();
   std::lock_guard<std::mutex> guard(waits.lock);
   LONG previous = AtomicLoad(&event->State);
   AtomicStore(&event->State, 1);
+  waits.eventSets[waits.eventSetCount++ % kEventSetRing] = EventSetRecord{event, priority};
   waits.changed.notify_all();
   return previous;
 }
 
+// Nobody waits for an event to become clear, so no one needs waking.
 void KeClearEvent(KEVENT* event) { AtomicStore(&event->State, 0); }
 
 LONG KeReadStateEvent(KEVENT* event) { return AtomicLoad(&event->State); }
@@ -179,52 +346,78 @@ NTSTATUS KeWaitForSingleObject(void* object, KWAIT_REASON, KPROCESSOR_MODE, BOOL
                                LARGE_INTEGER* timeout) {
   KEVENT* event = static_cast<KEVENT*>(object);
   WaitState& waits = Waits();
-  const bool hasDeadline = timeout != nullptr;
-  const int64_t deadline = hasDeadline ? DeadlineOf(timeout) : 0;
-  int yields = 0;
+  const bool timed = timeout != nullptr;
+  const int64_t deadline = timed ? DeadlineOf(timeout) : 0;
 
   std::unique_lock<std::mutex> guard(waits.lock);
+  const Waiter waiter{event, nullptr, timed, deadline, t_systemThread != nullptr};
+  auto self = waits.waiters.insert(waits.waiters.end(), waiter);
+  // A thread entering a wait was at work until now; and whoever counts the
+  // timed waiters learns of it.
+  NoteActivity();
+  if (timed) waits.changed.notify_all();
+  auto finish = [&](NTSTATUS status) {
+    waits.waiters.erase(self);
+    NoteActivity();
+    return status;
+  };
+  uint64_t seenActivity = g_activity.load(std::memory_order_relaxed);
+  int quietSlices = 0;
+
   for (;;) {
+    // The state is only ever set under the lock, so a set cannot slip in
+    // between this test and the wait below.
     if (AtomicLoad(&event->State)) {
-      if (event->Type == SynchronizationEvent) AtomicStore(&event->State, 0);
-      return STATUS_SUCCESS;
+      if (__atomic_load_n(&event->Type, __ATOMIC_RELAXED) == SynchronizationEvent) {
+        AtomicStore(&event->State, 0);
+      }
+      return finish(STATUS_SUCCESS);
     }
-    if (!hasDeadline) {
+    if (!timed) {
       waits.changed.wait(guard);
       continue;
     }
     if (!IsVirtual()) {
       int64_t left = deadline - RealSystemTime();
-      if (left <= 0) return STATUS_TIMEOUT;
-      waits.changed.wait_for(guard, std::chrono::nanoseconds(left * 100));
+      if (left <= 0) return finish(STATUS_TIMEOUT);
+      const int64_t slice = std::min(left, kLongestRealSlice);
+      waits.changed.wait_for(guard, std::chrono::nanoseconds(slice * 100));
       continue;
     }
-    if (g_virtualClock.load() >= deadline) return STATUS_TIMEOUT;
+    if (g_virtualClock.load() >= deadline) return finish(STATUS_TIMEOUT);
     if (!g_autoAdvance.load()) {
       waits.changed.wait(guard);
       continue;
     }
-    if (yields < kAutoAdvanceYields) {
-      ++yields;
-      guard.unlock();
-      std::this_thread::yield();
-      guard.lock();
+    const uint64_t activity = g_activity.load(std::memory_order_relaxed);
+    if (activity != seenActivity) {
+      seenActivity = activity;
+      quietSlices = 0;
+    }
+    const bool othersAtWork = !SystemThreadsAllWaitingLocked(waits, g_virtualClock.load());
+    if (quietSlices < kAutoAdvanceQuietSlices ||
+        (othersAtWork && quietSlices < kAutoAdvanceQuietSlicesBusy)) {
+      ++quietSlices;
+      waits.changed.wait_for(guard, kAutoAdvanceSlice);
       continue;
     }
-    // Nothing signalled the event while others ran: its time has come.
-    int64_t current = g_virtualClock.load();
-    while (current < deadline && !g_virtualClock.compare_exchange_weak(current, deadline)) {
-    }
+    // Nothing happened while the others ran: the earliest deadline has come,
+    // which is this wait's own or one before it.
+    RaiseVirtualClock(EarliestDeadlineLocked(waits));
+    NoteActivity();
     waits.changed.notify_all();
   }
 }
 
 // ---------------------------------------------------------------- fast mutex
 
+// `Owner` is the lock word: 0 free, else the owner's thread id. So a
+// zero-filled mutex is a free one, and `Count` only mirrors it for a debugger.
+
 void ExInitializeFastMutex(FAST_MUTEX* mutex) {
-  AtomicStore(&mutex->Count, 1);
-  mutex->Contention = 0;
   __atomic_store_n(&mutex->Owner, 0, __ATOMIC_RELEASE);
+  AtomicStore(&mutex->Count, 1);
+  __atomic_store_n(&mutex->Contention, 0, __ATOMIC_RELAXED);
 }
 
 void ExAcquireFastMutex(FAST_MUTEX* mutex) {
@@ -235,16 +428,21 @@ void ExAcquireFastMutex(FAST_MUTEX* mutex) {
   }
   WaitState& waits = Waits();
   for (;;) {
-    int32_t expected = 1;
-    if (__atomic_compare_exchange_n(&mutex->Count, &expected, 0, false, __ATOMIC_ACQUIRE,
+    uint64_t expected = 0;
+    if (__atomic_compare_exchange_n(&mutex->Owner, &expected, self, false, __ATOMIC_ACQUIRE,
                                     __ATOMIC_RELAXED)) {
       break;
     }
     __atomic_add_fetch(&mutex->Contention, 1, __ATOMIC_RELAXED);
     std::unique_lock<std::mutex> guard(waits.lock);
-    waits.changed.wait(guard, [mutex] { return AtomicLoad(&mutex->Count) == 1; });
+    auto waiter = waits.waiters.insert(waits.waiters.end(),
+                                       Waiter{nullptr, mutex, false, 0, t_systemThread != nullptr});
+    waits.changed.wait(guard,
+                       [mutex] { return __atomic_load_n(&mutex->Owner, __ATOMIC_ACQUIRE) == 0; });
+    waits.waiters.erase(waiter);
   }
-  __atomic_store_n(&mutex->Owner, self, __ATOMIC_RELEASE);
+  AtomicStore(&mutex->Count, 0);
+  g_mutexAcquires.fetch_add(1, std::memory_order_relaxed);
 }
 
 void ExReleaseFastMutex(FAST_MUTEX* mutex) {
@@ -253,10 +451,14 @@ void ExReleaseFastMutex(FAST_MUTEX* mutex) {
              static_cast<void*>(mutex));
     std::abort();
   }
-  __atomic_store_n(&mutex->Owner, 0, __ATOMIC_RELEASE);
-  WaitState& waits = Waits();
-  std::lock_guard<std::mutex> guard(waits.lock);
+  g_mutexReleases.fetch_add(1, std::memory_order_relaxed);
   AtomicStore(&mutex->Count, 1);
+  NoteActivity();
+  WaitState& waits = Waits();
+  // Freed under the lock: a contender tests `Owner` under it before it
+  // sleeps, so it either sees the mutex free or gets this wake-up.
+  std::lock_guard<std::mutex> guard(waits.lock);
+  __atomic_store_n(&mutex->Owner, 0, __ATOMIC_RELEASE);
   waits.changed.notify_all();
 }
 
@@ -268,70 +470,106 @@ NTSTATUS PsCreateSystemThread(HANDLE* threadHandle, ULONG, void*, HANDLE, void*,
   SystemThread* record;
   {
     std::lock_guard<std::mutex> guard(state.lock);
+    ++state.creationCount;
+    if (state.failAt != 0 && (state.creationCount == state.failAt ||
+                              (state.failEvery && state.creationCount > state.failAt))) {
+      return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    ReapReturnedThreadsLocked(state);
     state.threads.emplace_back();
     record = &state.threads.back();
+    state.running.fetch_add(1);
+    g_threadsStarted.fetch_add(1);
+    try {
+      record->thread = std::thread(RunSystemThread, record, start, context);
+    } catch (const std::system_error&) {
+      state.running.fetch_sub(1);
+      g_threadsStarted.fetch_sub(1);
+      state.threads.pop_back();
+      return STATUS_INSUFFICIENT_RESOURCES;
+    }
   }
-  state.running.fetch_add(1);
-  record->thread = std::thread([record, start, context] {
-    t_systemThread = record;
-    start(context);
-    record->returned.store(true);
-    Threads().running.fetch_sub(1);
-    NotifyWaiters();
-  });
+  NotifyWaiters();
   if (threadHandle) *threadHandle = CreatePlatformHandle(HandleKind::Thread, record, nullptr);
   return STATUS_SUCCESS;
 }
 
 NTSTATUS PsTerminateSystemThread(NTSTATUS) {
-  if (t_systemThread) t_systemThread->terminated.store(true);
+  if (t_systemThread && !t_systemThread->terminated.exchange(true)) {
+    g_threadsTerminated.fetch_add(1);
+  }
   return STATUS_SUCCESS;
 }
 
 PKTHREAD KeGetCurrentThread() { return &CurrentThread(); }
 
 KPRIORITY KeSetPriorityThread(PKTHREAD thread, KPRIORITY priority) {
-  KPRIORITY old = thread->Priority;
-  thread->Priority = priority;
-  return old;
+  return __atomic_exchange_n(&thread->Priority, priority, __ATOMIC_RELAXED);
 }
 
 uint32_t SystemThreadsRunning() { return Threads().running.load(); }
 
 bool JoinSystemThreads(uint32_t timeoutMs) {
+  // A system thread would wait for itself.
+  if (t_systemThread) return false;
   ThreadState& state = Threads();
   auto giveUp = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
   {
     WaitState& waits = Waits();
     std::unique_lock<std::mutex> guard(waits.lock);
-    while (state.running.load() != 0) {
-      if (waits.changed.wait_until(guard, giveUp) == std::cv_status::timeout &&
-          state.running.load() != 0) {
-        return false;
-      }
+    if (!waits.changed.wait_until(guard, giveUp, [&state] { return state.running.load() == 0; })) {
+      return false;
     }
   }
   std::lock_guard<std::mutex> guard(state.lock);
-  for (SystemThread& record : state.threads) {
-    if (record.thread.joinable()) record.thread.join();
-  }
-  state.threads.clear();
+  ReapReturnedThreadsLocked(state);
   return true;
 }
 
-KPRIORITY CurrentThreadPriority() { return CurrentThread().Priority; }
+KPRIORITY CurrentThreadPriority() { return PriorityOf(&CurrentThread()); }
+
+KPRIORITY LastSetEventPriority(const KEVENT* event) {
+  WaitState& waits = Waits();
+  std::lock_guard<std::mutex> guard(waits.lock);
+  const uint64_t kept = std::min<uint64_t>(waits.eventSetCount, kEventSetRing);
+  for (uint64_t i = 1; i <= kept; ++i) {
+    const EventSetRecord& record = waits.eventSets[(waits.eventSetCount - i) % kEventSetRing];
+    if (record.event == event) return record.priority;
+  }
+  return -1;
+}
+
+void FailSystemThreadCreation(uint64_t nth, bool every) {
+  ThreadState& state = Threads();
+  std::lock_guard<std::mutex> guard(state.lock);
+  state.failAt = nth == 0 ? 0 : state.creationCount + nth;
+  state.failEvery = every;
+}
 
 // ---------------------------------------------------------------- time
 
 NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE, BOOLEAN, LARGE_INTEGER* interval) {
-  int64_t ticks = interval->QuadPart < 0 ? -interval->QuadPart : interval->QuadPart - Now();
+  const bool relative = interval->QuadPart < 0;
+  int64_t ticks = relative ? RelativeTicks(interval->QuadPart) : interval->QuadPart - Now();
   if (ticks < 0) ticks = 0;
   g_delayTotal.fetch_add(ticks);
   if (IsVirtual()) {
-    MoveVirtualClockTo(g_virtualClock.load() + ticks);
+    if (relative) {
+      AddToVirtualClock(ticks);
+    } else {
+      RaiseVirtualClock(interval->QuadPart);
+    }
+    NotifyWaiters();
     std::this_thread::yield();
-  } else if (ticks > 0) {
-    std::this_thread::sleep_for(std::chrono::nanoseconds(ticks * 100));
+  } else {
+    NoteActivity();
+    auto end = std::chrono::steady_clock::now();
+    while (ticks > 0) {
+      int64_t slice = std::min(ticks, kLongestRealSlice);
+      end += std::chrono::nanoseconds(slice * 100);
+      std::this_thread::sleep_until(end);
+      ticks -= slice;
+    }
   }
   return STATUS_SUCCESS;
 }
@@ -350,11 +588,25 @@ void SetKernelClock(int64_t systemTime) {
   NotifyWaiters();
 }
 
-void AdvanceKernelClock(int64_t ticks) { MoveVirtualClockTo(g_virtualClock.load() + ticks); }
+void AdvanceKernelClock(int64_t ticks) {
+  AddToVirtualClock(std::max<int64_t>(ticks, 0));
+  NotifyWaiters();
+}
 
 void SetKernelClockAutoAdvance(bool on) {
   g_autoAdvance.store(on);
   NotifyWaiters();
+}
+
+bool WaitForVirtualTimedWaiters(uint32_t count, uint32_t timeoutMs) {
+  WaitState& waits = Waits();
+  std::unique_lock<std::mutex> guard(waits.lock);
+  return waits.changed.wait_for(guard, std::chrono::milliseconds(timeoutMs), [&waits, count] {
+    if (!IsVirtual()) return false;
+    uint32_t timed = 0;
+    for (const Waiter& waiter : waits.waiters) timed += waiter.timed;
+    return timed >= count;
+  });
 }
 
 int64_t KernelDelayTotal() { return g_delayTotal.load(); }
@@ -372,13 +624,17 @@ void* ExAllocatePoolWithTag(POOL_TYPE, size_t bytes, ULONG tag) {
       return nullptr;
     }
   }
+  if (bytes > SIZE_MAX - sizeof(PoolHeader)) return nullptr;
   void* memory = std::malloc(sizeof(PoolHeader) + bytes);
   if (!memory) return nullptr;
   PoolHeader* header = static_cast<PoolHeader*>(memory);
   header->magic = kPoolMagic;
   header->bytes = bytes;
   header->tag = tag;
+  header->pad = 0;
   std::lock_guard<std::mutex> guard(pool.lock);
+  header->serial = ++pool.serial;
+  pool.live.emplace(header, header->serial);
   PoolTagStats& stats = pool.tags[tag];
   stats.tag = tag;
   stats.liveBlocks += 1;
@@ -387,28 +643,9 @@ void* ExAllocatePoolWithTag(POOL_TYPE, size_t bytes, ULONG tag) {
   return header + 1;
 }
 
-void ExFreePool(void* block) {
-  if (!block) {
-    DbgPrint("pool: free of a null block\n");
-    return;
-  }
-  PoolHeader* header = static_cast<PoolHeader*>(block) - 1;
-  if (header->magic != kPoolMagic) {
-    DbgPrint("pool: free of a block that is not live (%p)\n", block);
-    std::abort();
-  }
-  header->magic = kPoolFreedMagic;
-  {
-    PoolState& pool = Pool();
-    std::lock_guard<std::mutex> guard(pool.lock);
-    PoolTagStats& stats = pool.tags[header->tag];
-    stats.liveBlocks -= 1;
-    stats.liveBytes -= header->bytes;
-  }
-  std::free(header);
-}
+void ExFreePool(void* block) { FreePoolBlock(block, false, 0); }
 
-void ExFreePoolWithTag(void* block, ULONG) { ExFreePool(block); }
+void ExFreePoolWithTag(void* block, ULONG tag) { FreePoolBlock(block, true, tag); }
 
 uint64_t PoolLiveBlocks(ULONG tag) {
   PoolState& pool = Pool();
@@ -446,18 +683,76 @@ void PoolFailAllocation(uint64_t nth, bool every) {
 }
 
 uint64_t PoolReportLeaks() {
-  uint64_t leaked = 0;
-  for (const PoolTagStats& stats : PoolStatistics()) {
-    if (stats.liveBlocks == 0) continue;
-    char tag[5];
-    std::memcpy(tag, &stats.tag, 4);
-    tag[4] = 0;
-    DbgPrint("pool leak: tag '%s' %llu blocks, %llu bytes\n", tag,
-             static_cast<unsigned long long>(stats.liveBlocks),
-             static_cast<unsigned long long>(stats.liveBytes));
-    leaked += stats.liveBlocks;
+  struct Leak {
+    uint64_t serial;
+    uint32_t tag;
+    uint64_t bytes;
+  };
+  std::vector<Leak> leaks;
+  {
+    PoolState& pool = Pool();
+    std::lock_guard<std::mutex> guard(pool.lock);
+    for (const auto& entry : pool.live) {
+      leaks.push_back(Leak{entry.second, entry.first->tag, entry.first->bytes});
+    }
   }
-  return leaked;
+  std::sort(leaks.begin(), leaks.end(),
+            [](const Leak& a, const Leak& b) { return a.serial < b.serial; });
+  for (const Leak& leak : leaks) {
+    DbgPrint("pool leak: tag '%s' %llu bytes\n", TagText(leak.tag).c_str(),
+             static_cast<unsigned long long>(leak.bytes));
+  }
+  return leaks.size();
+}
+
+// ---------------------------------------------------------------- balance
+
+KernelCounters GetKernelCounters() {
+  KernelCounters counters;
+  counters.mutexAcquires = g_mutexAcquires.load();
+  counters.mutexReleases = g_mutexReleases.load();
+  counters.threadsStarted = g_threadsStarted.load();
+  counters.threadsReturned = g_threadsReturned.load();
+  counters.threadsTerminated = g_threadsTerminated.load();
+  return counters;
+}
+
+int64_t FastMutexBalance() {
+  // Releases first: a release is counted after its acquire, so this order
+  // never shows a balance below zero.
+  const uint64_t releases = g_mutexReleases.load();
+  return static_cast<int64_t>(g_mutexAcquires.load() - releases);
+}
+
+bool KernelCheckBalanced(std::string* report, ULONG poolTag) {
+  char line[160];
+  bool balanced = true;
+  auto fault = [&](const char* text) {
+    balanced = false;
+    if (report) report->append(text);
+  };
+  const uint64_t blocks = PoolLiveBlocks(poolTag);
+  if (blocks != 0) {
+    std::snprintf(line, sizeof line, "pool: %llu blocks of %llu bytes live with tag '%s'\n",
+                  static_cast<unsigned long long>(blocks),
+                  static_cast<unsigned long long>(PoolLiveBytes(poolTag)),
+                  poolTag == 0 ? "*" : TagText(poolTag).c_str());
+    fault(line);
+  }
+  const uint64_t returned = g_threadsReturned.load();
+  const uint64_t started = g_threadsStarted.load();
+  if (started != returned) {
+    std::snprintf(line, sizeof line, "threads: %llu system threads have not returned\n",
+                  static_cast<unsigned long long>(started - returned));
+    fault(line);
+  }
+  const int64_t held = FastMutexBalance();
+  if (held != 0) {
+    std::snprintf(line, sizeof line, "fast mutex: %lld acquired and not released\n",
+                  static_cast<long long>(held));
+    fault(line);
+  }
+  return balanced;
 }
 
 // ---------------------------------------------------------------- debug print
@@ -507,14 +802,26 @@ DebugPrintCapture::DebugPrintCapture() : state_(new State) {
   state_->previousContext = print.context;
   print.sink = CaptureLine;
   print.context = state_;
+  print.captures.push_back(state_);
 }
 
 DebugPrintCapture::~DebugPrintCapture() {
   {
     PrintState& print = Print();
     std::lock_guard<std::mutex> guard(print.lock);
-    print.sink = state_->previousSink;
-    print.context = state_->previousContext;
+    if (print.sink == CaptureLine && print.context == state_) {
+      print.sink = state_->previousSink;
+      print.context = state_->previousContext;
+    } else {
+      // A later capture still lives: it now goes back to what this one had.
+      for (State* later : print.captures) {
+        if (later->previousSink == CaptureLine && later->previousContext == state_) {
+          later->previousSink = state_->previousSink;
+          later->previousContext = state_->previousContext;
+        }
+      }
+    }
+    print.captures.erase(std::find(print.captures.begin(), print.captures.end(), state_));
   }
   delete state_;
 }

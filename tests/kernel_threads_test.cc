@@ -1,0 +1,315 @@
+// The kernel layer across threads: a worker loop in the driver's manner that
+// must not lose a wake-up, fast mutex exclusion and its counters, timed waits
+// in virtual time against a clock moved by hand or by auto-advance, per-thread
+// priorities, thread start failure and the shutdown balance.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <string>
+
+#include "platform/kernel.h"
+#include "platform/kernel_control.h"
+
+namespace {
+
+// 2026-03-01 00:00:00 in 100 ns units since 1601.
+constexpr int64_t kStart = 116444736000000000LL + 1772323200LL * 10000000LL;
+constexpr KPRIORITY kSignalPriority = 12;
+constexpr KPRIORITY kEndingPriority = 13;
+
+int64_t Clock() {
+  LARGE_INTEGER now;
+  KeQuerySystemTime(&now);
+  return now.QuadPart;
+}
+
+NTSTATUS WaitFor(KEVENT* event, int64_t timeout) {
+  LARGE_INTEGER t;
+  t.QuadPart = timeout;
+  return KeWaitForSingleObject(event, Executive, KernelMode, FALSE, &t);
+}
+
+void StartThread(PKSTART_ROUTINE routine, void* context) {
+  HANDLE handle = nullptr;
+  ASSERT_EQ(PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, routine,
+                                 context),
+            STATUS_SUCCESS);
+  ZwClose(handle);
+}
+
+// Virtual time; each test chooses auto-advance. No thread outlives its test.
+class KernelThreads : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    SetKernelClockMode(KernelClockMode::Virtual);
+    SetKernelClockAutoAdvance(false);
+    SetKernelClock(kStart);
+  }
+  void TearDown() override {
+    EXPECT_TRUE(JoinSystemThreads());
+    SetKernelClockAutoAdvance(true);
+    SetKernelClockMode(KernelClockMode::Real);
+  }
+};
+
+// ---------------------------------------------------------------- worker loop
+
+// The worker's mailbox: a command word, a wake event, a stop event and a done
+// event, as the driver's worker thread has them, and an acknowledgement the
+// poster waits for at the end of each burst of posts.
+struct Mailbox {
+  KEVENT wake, stop, done, ack;
+  std::atomic<uint32_t> command{0};
+  std::atomic<uint32_t> syncPoint{0};
+  uint32_t carriedOut = 0;  // worker only; read after done
+  uint32_t lastSeen = 0;
+  KPRIORITY priorityAtStart = -1;
+};
+
+void WorkerLoop(void* context) {
+  Mailbox* box = static_cast<Mailbox*>(context);
+  box->priorityAtStart = CurrentThreadPriority();
+  for (;;) {
+    KeWaitForSingleObject(&box->wake, Executive, KernelMode, FALSE, nullptr);
+    if (KeReadStateEvent(&box->stop)) break;
+    // Cleared before the command is read: a post after this point signals again.
+    KeClearEvent(&box->wake);
+    const uint32_t command = box->command.load();
+    if (command == box->lastSeen) continue;
+    box->lastSeen = command;
+    ++box->carriedOut;
+    if (command == box->syncPoint.load()) {
+      KeSetPriorityThread(KeGetCurrentThread(), kSignalPriority);
+      KeSetEvent(&box->ack, 0, FALSE);
+    }
+  }
+  KeSetPriorityThread(KeGetCurrentThread(), kEndingPriority);
+  KeSetEvent(&box->done, 0, FALSE);
+  PsTerminateSystemThread(STATUS_SUCCESS);
+}
+
+TEST_F(KernelThreads, WorkerLoopLosesNoWakeUpUnderManyPosts) {
+  constexpr uint32_t kRounds = 1500;
+  // Real time here: the waits below return as soon as they are signalled, and
+  // their limit of ten seconds is only reached when a wake-up was lost.
+  constexpr int64_t kGuard = -100000000;
+  SetKernelClockMode(KernelClockMode::Real);
+  for (EVENT_TYPE wakeType : {NotificationEvent, SynchronizationEvent}) {
+    SCOPED_TRACE(testing::Message() << "wake event type " << wakeType);
+    Mailbox box;
+    KeInitializeEvent(&box.wake, wakeType, FALSE);
+    KeInitializeEvent(&box.stop, NotificationEvent, FALSE);
+    KeInitializeEvent(&box.done, NotificationEvent, FALSE);
+    KeInitializeEvent(&box.ack, SynchronizationEvent, FALSE);
+    const KernelCounters before = GetKernelCounters();
+    KeSetPriorityThread(KeGetCurrentThread(), kSignalPriority);
+    StartThread(WorkerLoop, &box);
+    // Bursts of one to four posts; within a burst later posts replace earlier
+    // ones, and the last one of each burst must be carried out.
+    uint32_t post = 0;
+    for (uint32_t round = 0; round < kRounds; ++round) {
+      const uint32_t burst = round % 4 + 1;
+      box.syncPoint.store(post + burst);
+      for (uint32_t i = 0; i < burst; ++i) {
+        KeSetPriorityThread(KeGetCurrentThread(), kSignalPriority);
+        box.command.store(++post);
+        KeSetEvent(&box.wake, 0, FALSE);
+      }
+      if (WaitFor(&box.ack, kGuard) != STATUS_SUCCESS) {
+        ADD_FAILURE() << "post " << post << " was never carried out";
+        break;
+      }
+    }
+    KeSetEvent(&box.stop, 0, FALSE);
+    KeSetEvent(&box.wake, 0, FALSE);
+    ASSERT_EQ(WaitFor(&box.done, kGuard), STATUS_SUCCESS);
+    ASSERT_TRUE(JoinSystemThreads());
+
+    EXPECT_EQ(box.lastSeen, post);
+    EXPECT_GE(box.carriedOut, kRounds);
+    EXPECT_LE(box.carriedOut, post);
+    // Priorities belong to each thread: the worker began at 0 although the
+    // poster had raised itself, and each signal carries its signaller's.
+    EXPECT_EQ(box.priorityAtStart, 0);
+    EXPECT_EQ(CurrentThreadPriority(), kSignalPriority);
+    EXPECT_EQ(LastSetEventPriority(&box.ack), kSignalPriority);
+    EXPECT_EQ(LastSetEventPriority(&box.done), kEndingPriority);
+    EXPECT_EQ(KeReadStateEvent(&box.ack), 0);  // taken by the last wait
+    const KernelCounters after = GetKernelCounters();
+    EXPECT_EQ(after.threadsStarted - before.threadsStarted, 1u);
+    EXPECT_EQ(after.threadsReturned - before.threadsReturned, 1u);
+    EXPECT_EQ(after.threadsTerminated - before.threadsTerminated, 1u);
+    std::string report;
+    EXPECT_TRUE(KernelCheckBalanced(&report, 0x57747354 /* "TstW" */)) << report;
+  }
+  KEVENT never;
+  KeInitializeEvent(&never, NotificationEvent, FALSE);
+  EXPECT_EQ(LastSetEventPriority(&never), -1);
+}
+
+// ---------------------------------------------------------------- fast mutex
+
+struct Contended {
+  FAST_MUTEX mutex;
+  int inside = 0;    // guarded by the mutex only
+  long counter = 0;  // guarded by the mutex only
+  std::atomic<int> overlaps{0};
+};
+
+constexpr int kRounds = 2000;
+
+void HammerMutex(void* context) {
+  Contended* shared = static_cast<Contended*>(context);
+  for (int i = 0; i < kRounds; ++i) {
+    ExAcquireFastMutex(&shared->mutex);
+    if (++shared->inside != 1) shared->overlaps.fetch_add(1);
+    ++shared->counter;
+    --shared->inside;
+    ExReleaseFastMutex(&shared->mutex);
+  }
+  PsTerminateSystemThread(STATUS_SUCCESS);
+}
+
+TEST_F(KernelThreads, FastMutexExcludesOtherThreadsAndItsCountsBalance) {
+  constexpr int kThreads = 4;
+  for (bool initialised : {true, false}) {
+    SCOPED_TRACE(initialised ? "initialised mutex" : "zero-filled mutex");
+    Contended shared;
+    std::memset(&shared.mutex, 0, sizeof shared.mutex);
+    if (initialised) ExInitializeFastMutex(&shared.mutex);
+    const KernelCounters before = GetKernelCounters();
+    for (int t = 0; t < kThreads; ++t) StartThread(HammerMutex, &shared);
+    HammerMutex(&shared);  // the test thread takes part too, as no system thread
+    ASSERT_TRUE(JoinSystemThreads());
+    EXPECT_EQ(shared.overlaps.load(), 0);
+    EXPECT_EQ(shared.counter, long{kRounds} * (kThreads + 1));
+    const KernelCounters after = GetKernelCounters();
+    EXPECT_EQ(after.mutexAcquires - before.mutexAcquires, uint64_t{kRounds} * (kThreads + 1));
+    EXPECT_EQ(after.mutexReleases - before.mutexReleases, uint64_t{kRounds} * (kThreads + 1));
+    EXPECT_EQ(FastMutexBalance(), 0);
+  }
+}
+
+// ---------------------------------------------------------------- timed waits
+
+struct TimedWaiter {
+  KEVENT event;
+  KEVENT* signalAfter = nullptr;  // set once this wait is over
+  int64_t timeout = 0;
+  NTSTATUS status = -1;
+  int64_t clockAtReturn = 0;
+};
+
+void WaitOnce(void* context) {
+  TimedWaiter* waiter = static_cast<TimedWaiter*>(context);
+  waiter->status = WaitFor(&waiter->event, waiter->timeout);
+  waiter->clockAtReturn = Clock();
+  if (waiter->signalAfter) KeSetEvent(waiter->signalAfter, 0, FALSE);
+}
+
+TEST_F(KernelThreads, TimedWaitEndsWhenSignalledOrWhenTheClockReachesItsDeadline) {
+  struct Case {
+    const char* name;
+    int64_t timeout;
+    int64_t firstAdvance;
+    bool signal;  // after the first advance; else the clock moves one tick more
+    NTSTATUS status;
+    int64_t clockAtReturn;
+  };
+  const Case cases[] = {
+      {"relative, signalled one tick early", -1000, 999, true, STATUS_SUCCESS, kStart + 999},
+      {"relative, times out on the tick", -1000, 999, false, STATUS_TIMEOUT, kStart + 1000},
+      {"absolute, signalled early", kStart + 5000, 4999, true, STATUS_SUCCESS, kStart + 4999},
+      {"absolute, times out on the tick", kStart + 5000, 4999, false, STATUS_TIMEOUT,
+       kStart + 5000},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    SetKernelClock(kStart);
+    TimedWaiter waiter;
+    KeInitializeEvent(&waiter.event, SynchronizationEvent, FALSE);
+    waiter.timeout = c.timeout;
+    StartThread(WaitOnce, &waiter);
+    // The deadline is fixed once the thread is in its wait.
+    ASSERT_TRUE(WaitForVirtualTimedWaiters(1));
+    AdvanceKernelClock(c.firstAdvance);
+    if (c.signal) {
+      KeSetEvent(&waiter.event, 0, FALSE);
+    } else {
+      AdvanceKernelClock(1);
+    }
+    ASSERT_TRUE(JoinSystemThreads());
+    EXPECT_EQ(waiter.status, c.status);
+    EXPECT_EQ(waiter.clockAtReturn, c.clockAtReturn);
+  }
+}
+
+TEST_F(KernelThreads, AutoAdvanceMeetsDeadlinesInTheirOrder) {
+  // The earlier waiter times out first and then signals the later one, which
+  // must see that signal before its own deadline: the clock may not jump to
+  // the later deadline while the earlier one is still pending. Several rounds,
+  // since a wrong order would show only now and then.
+  for (int round = 0; round < 5; ++round) {
+    SCOPED_TRACE(testing::Message() << "round " << round);
+    SetKernelClockAutoAdvance(false);
+    SetKernelClock(kStart);
+    TimedWaiter early, late;
+    KeInitializeEvent(&early.event, NotificationEvent, FALSE);
+    KeInitializeEvent(&late.event, NotificationEvent, FALSE);
+    early.timeout = -1000;
+    late.timeout = -2000;
+    early.signalAfter = &late.event;
+    // The later one starts first, so that it would be first to jump.
+    StartThread(WaitOnce, &late);
+    ASSERT_TRUE(WaitForVirtualTimedWaiters(1));
+    StartThread(WaitOnce, &early);
+    ASSERT_TRUE(WaitForVirtualTimedWaiters(2));
+    SetKernelClockAutoAdvance(true);
+    ASSERT_TRUE(JoinSystemThreads());
+    EXPECT_EQ(early.status, STATUS_TIMEOUT);
+    EXPECT_EQ(early.clockAtReturn, kStart + 1000);
+    EXPECT_EQ(late.status, STATUS_SUCCESS);
+    EXPECT_EQ(late.clockAtReturn, kStart + 1000);
+  }
+}
+
+// ---------------------------------------------------------------- lifecycle
+
+void WaitForEvent(void* context) {
+  KeWaitForSingleObject(static_cast<KEVENT*>(context), Executive, KernelMode, FALSE, nullptr);
+}
+
+TEST_F(KernelThreads, BalanceCheckAndJoinSeeAThreadStillInItsRoutine) {
+  constexpr ULONG kTag = 0x54747354;  // "TstT"
+  KEVENT release;
+  KeInitializeEvent(&release, NotificationEvent, FALSE);
+  StartThread(WaitForEvent, &release);
+  EXPECT_EQ(SystemThreadsRunning(), 1u);
+  std::string report;
+  EXPECT_FALSE(KernelCheckBalanced(&report, kTag));
+  EXPECT_EQ(report, "threads: 1 system threads have not returned\n");
+  EXPECT_FALSE(JoinSystemThreads(1));
+  KeSetEvent(&release, 0, FALSE);
+  ASSERT_TRUE(JoinSystemThreads());
+  EXPECT_EQ(SystemThreadsRunning(), 0u);
+  report.clear();
+  EXPECT_TRUE(KernelCheckBalanced(&report, kTag)) << report;
+
+  // A thread start that fails, as the idle timer must cope with, starts nothing.
+  const KernelCounters before = GetKernelCounters();
+  FailSystemThreadCreation(1);
+  HANDLE handle = nullptr;
+  EXPECT_EQ(PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr,
+                                 WaitForEvent, &release),
+            STATUS_INSUFFICIENT_RESOURCES);
+  EXPECT_EQ(GetKernelCounters().threadsStarted, before.threadsStarted);
+  StartThread(WaitForEvent, &release);  // the next one works again
+  ASSERT_TRUE(JoinSystemThreads());
+  EXPECT_EQ(GetKernelCounters().threadsReturned - before.threadsReturned, 1u);
+  // Not called by these routines: nothing counted as terminated.
+  EXPECT_EQ(GetKernelCounters().threadsTerminated, before.threadsTerminated);
+}
+
+}  // namespace
