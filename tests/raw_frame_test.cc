@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <numeric>
 #include <vector>
 
@@ -24,6 +25,9 @@ NTSTATUS WritePairsNothing(void*, const uint8_t*, uint32_t) { return STATUS_SUCC
 // image processor (Bayer on the wire at output size) unless told otherwise.
 struct FramePathTest : ::testing::Test {
   void Start(uint32_t compression, uint32_t width, uint32_t height, uint8_t pipeline = 1) {
+    Stop();
+    std::memset(device.context, 0, sizeof(DeviceContext));
+    for (KEVENT& event : device->WorkerEvents) KeInitializeEvent(&event, NotificationEvent, FALSE);
     device.SetMode(compression, width, height, 0, 1, pipeline);
     work.assign(WorkBufferBytes, 0);
     device->WorkBuffer = work.data();
@@ -36,14 +40,20 @@ struct FramePathTest : ::testing::Test {
     uint32_t wireW, wireH;
     ISPFunc_StartCapture(device->IspHandle, device.context, 2, width, height, &wireW, &wireH);
     device->FrameLengthOk = 1;
+    ResetFrameRateMeter(device.context);
     output.assign(OutputBytes(), 0x55);
   }
 
-  void TearDown() override {
+  // Releases the companions; a test that starts the camera again in a loop
+  // stops it first.
+  void Stop() {
     if (device->IspHandle) ISPFunc_Exit(device->IspHandle, device.context, nullptr);
     if (device->SpefHandle) SPEF_Exit(device->SpefHandle);
     if (device->FuncHandle) FUNC_Exit(device->FuncHandle);
+    device->IspHandle = device->SpefHandle = device->FuncHandle = 0;
   }
+
+  void TearDown() override { Stop(); }
 
   uint32_t OutputBytes() const {
     const uint32_t pixels = device.context->ImageWidth * device.context->ImageHeight;
@@ -103,7 +113,6 @@ TEST_F(FramePathTest, FramesArriveUntouchedWhileTheWorkerReprograms) {
   } cases[] = {{1, false}, {2, false}, {3, false}, {128, false}, {4, true}, {5, true}};
   for (const Case& c : cases) {
     Start(CompressionYUY2, 160, 120);
-    device->FrameTimeSamples = -1;
     device->WorkerCommand = c.command;
     KeSetEvent(&device->WorkerEvents[WorkerWakeEvent], 0, FALSE);
     std::vector<uint8_t> raw = FlatRaw(200);
@@ -112,7 +121,7 @@ TEST_F(FramePathTest, FramesArriveUntouchedWhileTheWorkerReprograms) {
     EXPECT_EQ(device->FrameCounter, c.developed ? 1u : 0u) << int(c.command);
     EXPECT_EQ(device->FrameTimeSamples, c.developed ? 0 : -1) << int(c.command);
     EXPECT_EQ(output[0] != 0x55, c.developed) << int(c.command);
-    TearDown();
+    Stop();
   }
 }
 
@@ -130,7 +139,7 @@ TEST_F(FramePathTest, ByteCountFollowsTheLengthTestAndEngineerMode) {
     EXPECT_EQ(Frame(raw), c.full ? OutputBytes() : 0u) << int(c.lengthOk) << " " << c.engineer;
     EXPECT_EQ(device->FrameCounter, 1u) << "a bad frame still advances the cycle";
     EXPECT_NE(output[0], 0x55) << "a bad frame is still developed";
-    TearDown();
+    Stop();
   }
 }
 
@@ -217,7 +226,7 @@ TEST_F(FramePathTest, StillByKeyFiresWithTheNextFrame) {
     Frame(raw);
     EXPECT_EQ(device->StillTriggerState, c.expectTrigger);
     EXPECT_EQ(device->StillFromKey, c.expectFromKey);
-    TearDown();
+    Stop();
   }
 }
 
@@ -240,7 +249,7 @@ TEST_F(FramePathTest, FocusMeasurementPostsAFocusStep) {
       EXPECT_EQ(Frame(raw), OutputBytes());
       EXPECT_EQ(device->FrameCounter, 2u);
     }
-    TearDown();
+    Stop();
   }
 }
 
