@@ -477,8 +477,15 @@ bool GetRegistryDword(const std::u16string& path, const std::u16string& name, ui
 
 bool SetRegistryString(const std::u16string& path, const std::u16string& name,
                        const std::u16string& value) {
-  std::vector<uint8_t> bytes((value.size() + 1) * sizeof(char16_t), 0);
-  std::memcpy(bytes.data(), value.data(), value.size() * sizeof(char16_t));
+  // Little-endian UTF-16 with its terminating zero, as a REG_SZ is stored.
+  std::vector<uint8_t> bytes;
+  bytes.reserve((value.size() + 1) * sizeof(char16_t));
+  for (char16_t c : value) {
+    bytes.push_back(uint8_t(c));
+    bytes.push_back(uint8_t(c >> 8));
+  }
+  bytes.push_back(0);
+  bytes.push_back(0);
   return SetRegistryValue(path, name, REG_SZ, bytes);
 }
 

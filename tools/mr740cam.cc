@@ -8,6 +8,7 @@
 
 #include <png.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -156,28 +157,23 @@ int Capture(const Options& options) {
   if (context->SpefHandle) SPEF_StartCapture(context->SpefHandle, w, h);
   ResetFrameRateMeter(context);
 
-  // Send the frame as 1020-byte packets with a 12-byte header, the last one
-  // flagged; gather the payload as the host does.
+  // Send the frame as 1020-byte packets with a 12-byte header, then the
+  // frame's end; gather the payload as the host does.
   const std::vector<uint8_t> frame = MakeColourBars(w, h);
   std::vector<uint8_t> raw(frame.size() + 1024);
   uint32_t gathered = 0;
   bool complete = false;
   const uint32_t headerLength = 12;
   const uint32_t chunk = 1020 - headerLength;
-  // The packet that follows a frame end is never part of a frame: lead with one.
   std::vector<uint8_t> packet(1024);
   size_t sent = 0;
-  bool lead = true;
   while (!complete) {
-    uint32_t payload = 0;
-    uint8_t flags = 0;
-    if (!lead) {
-      payload = uint32_t(std::min<size_t>(chunk, frame.size() - sent));
-      if (sent + payload == frame.size()) flags |= PacketFlagLastOfFrame;
-    }
+    const uint32_t payload = uint32_t(std::min<size_t>(chunk, frame.size() - sent));
     packet[0] = uint8_t(headerLength);
-    packet[1] = flags;
-    if (payload) std::memcpy(packet.data() + headerLength, frame.data() + sent, payload);
+    // The controller ends a frame with a header-only packet: the frame's
+    // length is what came before it.
+    packet[1] = payload == 0 ? PacketFlagLastOfFrame : 0;
+    std::memcpy(packet.data() + headerLength, frame.data() + sent, payload);
     USBD_ISO_PACKET_DESCRIPTOR descriptor = {0, headerLength + payload, 0};
     BOOLEAN frameComplete = 0;
     uint32_t packetFlag = 0, offset = 0;
@@ -186,11 +182,6 @@ int Capture(const Options& options) {
     if (!(packetFlag & USBCAMD_PROCESSPACKETEX_DropPacket) && take) {
       std::memcpy(raw.data() + gathered, packet.data() + offset, take);
       gathered += take;
-    }
-    if (lead) {
-      context->SkipNextPacket = 1;
-      lead = false;
-      continue;
     }
     sent += payload;
     complete = frameComplete != 0;
