@@ -12,7 +12,12 @@ constexpr uint32_t FuncSignature = 0x434E5546;  // "FUNC"
 struct FuncState {
   uint32_t Signature;
   const FuncRowSet* Rows;
+  FuncScratch Scratch;
 };
+
+// The state block and, after it, the three working rows.
+constexpr size_t ScratchRowBytes = 2 * (static_cast<size_t>(FuncScratchCapacity) + 2);
+constexpr size_t StateBytes = sizeof(FuncState) + 3 * ScratchRowBytes;
 
 FuncState* StateOf(uint64_t funcHandle) {
   auto* state = reinterpret_cast<FuncState*>(static_cast<uintptr_t>(funcHandle));
@@ -22,12 +27,13 @@ FuncState* StateOf(uint64_t funcHandle) {
 
 }  // namespace
 
-const FuncRowSet FuncPortableRows = {BayerBgToYuyvRow_C, BayerGrToYuyvRow_C, YuyvToBgr24Row_C,
-                                     YuyvToI420Row_C};
+const FuncRowSet FuncPortableRows = {BayerBgToYuyvRow_C, BayerGrToYuyvRow_C,
+                                     BayerCellsToYuyvRow_C, YuyvToBgr24Row_C, YuyvToI420Row_C};
 
 #ifdef MR740_FUNC_HAVE_AVX2
 static const FuncRowSet FuncAvx2Rows = {BayerBgToYuyvRow_AVX2, BayerGrToYuyvRow_AVX2,
-                                        YuyvToBgr24Row_AVX2, YuyvToI420Row_AVX2};
+                                        BayerCellsToYuyvRow_AVX2, YuyvToBgr24Row_AVX2,
+                                        YuyvToI420Row_AVX2};
 #endif
 
 bool FuncCpuHasAvx2() {
@@ -51,20 +57,29 @@ const FuncRowSet* FuncRowsOf(uint64_t funcHandle) {
   return state != nullptr ? state->Rows : FuncBestRows();
 }
 
+const FuncScratch* FuncScratchOf(uint64_t funcHandle) {
+  FuncState* state = StateOf(funcHandle);
+  return state != nullptr ? &state->Scratch : nullptr;
+}
+
 void FuncUsePortableRows(uint64_t funcHandle) {
   FuncState* state = StateOf(funcHandle);
   if (state != nullptr) state->Rows = &FuncPortableRows;
 }
 
-// Start-up (first step of CamInitialize); allocates the state block. Returns
+// Start-up (first step of CamInitialize); allocates the state block with the
+// working rows of the resampling route (about 50 KB). Returns
 // 0 when the pool is out of memory; the conversions still work with a null
 // handle, they then pick their rows at every call.
 uint64_t FUNC_Init() {
   auto* state =
-      static_cast<FuncState*>(ExAllocatePoolWithTag(NonPagedPool, sizeof(FuncState), FuncPoolTag));
+      static_cast<FuncState*>(ExAllocatePoolWithTag(NonPagedPool, StateBytes, FuncPoolTag));
   if (state == nullptr) return 0;
   state->Signature = FuncSignature;
   state->Rows = FuncBestRows();
+  uint8_t* rows = reinterpret_cast<uint8_t*>(state + 1);
+  for (int i = 0; i < 3; ++i) state->Scratch.Rows[i] = rows + i * ScratchRowBytes;
+  state->Scratch.Capacity = FuncScratchCapacity;
   return reinterpret_cast<uintptr_t>(state);
 }
 

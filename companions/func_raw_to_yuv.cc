@@ -3,23 +3,27 @@
 //
 // Same size: bilinear demosaic (each pixel keeps its own colour, the two
 // missing ones are the means of the nearest two or four sites that carry
-// them), mirrored at the edges so that the Bayer phase holds; then BT.601
-// studio-range YCbCr, Y per pixel and Cb/Cr from the mean colour of each
-// pair. Row by row through the row set of the handle.
+// them, rounded down), mirrored at the edges so that the Bayer phase holds;
+// then BT.601 studio-range YCbCr, Y per pixel and Cb/Cr from the mean colour
+// of each pair. Row by row through the row set of the handle.
 //
 // Raw at least twice as large on both axes (the sensor sends 2x or 4x the
 // picture): area average over whole Bayer cells. Each 2 x 2 cell is one
 // colour sample (its B, the mean of its two G, its R) centred in the cell; an
 // output pixel averages the cells its area covers (rounded to nearest), so a
-// 2x wire gives one cell per pixel and a 4x wire four. No aliasing of the
-// mosaic, exact on flat colour.
+// 2x wire gives one cell per pixel (a row function of its own) and a 4x wire
+// four. No aliasing of the mosaic, exact on flat colour.
 //
 // Otherwise (the sensor sends 1/2 or 1/4 of the picture, or a ratio under
-// 2): bilinear interpolation of the demosaiced raw picture, pixel centres
-// aligned (the output pixel x samples raw x' = (x + 0.5) rawWidth / width -
-// 0.5, clamped to the picture), weights in 1/256 steps. The demosaiced
-// colours of the two columns in use are kept while the sample point moves
-// along the row, so each raw pixel is demosaiced about once per output row.
+// 2): bilinear interpolation, pixel centres aligned (output pixel x samples
+// raw x' = (x + 0.5) rawWidth / width - 0.5, clamped to the picture), weights
+// in 1/256 steps, rounded. With a handle each raw row in use is demosaiced
+// at raw size into YUYV by the same-size rows and resampled along the row
+// (Y on the pixel grid, Cb and Cr on the pair grid), once while the output
+// rows move over it; an output row blends the two raw rows around it.
+// Without a handle, or beyond its working rows (wider than 8192 pixels), the
+// colours are demosaiced and interpolated pixel by pixel in RGB (slower; the
+// same up to rounding and the chroma grid).
 //
 // Frame path: no allocation, no blocking. Zero sizes or null buffers do
 // nothing; a raw frame of zero size paints the picture black (Y 16, Cb/Cr
@@ -68,6 +72,15 @@ void BayerGrToYuyvRow_C(const uint8_t* above, const uint8_t* row, const uint8_t*
   BayerGrToYuyvPairs_C(above, row, below, dstYuyv, width, 0, width / 2, true);
 }
 
+void BayerCellsToYuyvRow_C(const uint8_t* top, const uint8_t* bottom, uint8_t* dstYuyv, int width) {
+  auto cell = [&](int x) {
+    return FuncRgb{bottom[2 * x + 1], (top[2 * x + 1] + bottom[2 * x] + 1u) >> 1, top[2 * x]};
+  };
+  int x = 0;
+  for (; x + 1 < width; x += 2) FuncPackPair(cell(x), cell(x + 1), dstYuyv + 2 * x);
+  if (x < width) FuncPackLone(cell(x), dstYuyv + 2 * x);
+}
+
 // ---------------------------------------------------------------- paths
 
 namespace {
@@ -97,49 +110,100 @@ void DemosaicSameSize(const FuncRowSet* rows, const uint8_t* raw, int width, int
   }
 }
 
-// Start of the cell span of output index i: floor(i x cells / outputs).
-inline uint32_t SpanStart(uint32_t i, uint32_t cells, uint32_t outputs) {
-  return static_cast<uint32_t>(static_cast<uint64_t>(i) * cells / outputs);
+// The start of span i when `cells` are shared out over `outputs` spans,
+// floor(i x cells / outputs), stepped along without a division.
+struct SpanStepper {
+  uint64_t Start, Rest, Step, StepRest, Outputs;
+};
+
+SpanStepper FirstSpan(uint64_t cells, uint64_t outputs) {
+  return SpanStepper{0, 0, cells / outputs, cells % outputs, outputs};
 }
 
-// Mean colour of the Bayer cells [cx0, cx1) x [cy0, cy1), rounded.
-FuncRgb CellAverage(const uint8_t* raw, size_t stride, uint32_t cx0, uint32_t cx1, uint32_t cy0,
-                    uint32_t cy1) {
+inline void NextSpan(SpanStepper* s) {
+  s->Start += s->Step;
+  s->Rest += s->StepRest;
+  if (s->Rest >= s->Outputs) {
+    s->Rest -= s->Outputs;
+    ++s->Start;
+  }
+}
+
+// The rounded mean of `sum` over `n`; a shift when n is a power of two.
+inline uint32_t RoundedMean(uint64_t sum, uint64_t n) {
+  if ((n & (n - 1)) == 0) return static_cast<uint32_t>((sum + n / 2) >> __builtin_ctzll(n));
+  return static_cast<uint32_t>((sum + n / 2) / n);
+}
+
+// Mean colour of the Bayer cells [cx0, cx1) x [cy0, cy1).
+FuncRgb CellAverage(const uint8_t* raw, size_t stride, uint64_t cx0, uint64_t cx1, uint64_t cy0,
+                    uint64_t cy1) {
   uint64_t sb = 0, sg = 0, sr = 0;
-  for (uint32_t cy = cy0; cy < cy1; ++cy) {
-    const uint8_t* top = raw + stride * (2 * static_cast<size_t>(cy));
+  for (uint64_t cy = cy0; cy < cy1; ++cy) {
+    const uint8_t* top = raw + stride * (2 * cy);
     const uint8_t* bottom = top + stride;
-    for (uint32_t cx = cx0; cx < cx1; ++cx) {
-      size_t x = 2 * static_cast<size_t>(cx);
+    for (uint64_t cx = cx0; cx < cx1; ++cx) {
+      size_t x = 2 * cx;
       sb += top[x];
       sg += top[x + 1] + bottom[x];
       sr += bottom[x + 1];
     }
   }
-  uint64_t n = static_cast<uint64_t>(cx1 - cx0) * (cy1 - cy0);
-  return FuncRgb{static_cast<uint32_t>((sr + n / 2) / n), static_cast<uint32_t>((sg + n) / (2 * n)),
-                 static_cast<uint32_t>((sb + n / 2) / n)};
+  uint64_t n = (cx1 - cx0) * (cy1 - cy0);
+  return FuncRgb{RoundedMean(sr, n), RoundedMean(sg, 2 * n), RoundedMean(sb, n)};
 }
 
-void AreaDownscale(const uint8_t* raw, uint32_t rawWidth, uint32_t rawHeight, uint8_t* dst,
-                   uint32_t width, uint32_t height) {
-  uint32_t cellsX = rawWidth / 2, cellsY = rawHeight / 2;
-  size_t stride = rawWidth;
+void AreaDownscale(const FuncRowSet* rows, const uint8_t* raw, uint32_t rawWidth,
+                   uint32_t rawHeight, uint8_t* dst, uint32_t width, uint32_t height) {
+  uint64_t cellsX = rawWidth / 2, cellsY = rawHeight / 2;
+  size_t stride = rawWidth, dstStride = 2 * static_cast<size_t>(width);
+  if (cellsX == width && cellsY == height) {  // one cell a pixel
+    for (uint32_t y = 0; y < height; ++y) {
+      const uint8_t* top = raw + stride * (2 * static_cast<size_t>(y));
+      rows->BayerCellRow(top, top + stride, dst + dstStride * y, static_cast<int>(width));
+    }
+    return;
+  }
+  if (cellsX % width == 0 && cellsY % height == 0) {  // kx x ky cells a pixel
+    uint32_t kx = static_cast<uint32_t>(cellsX / width), ky = static_cast<uint32_t>(cellsY / height);
+    uint32_t n = kx * ky;
+    for (uint32_t y = 0; y < height; ++y) {
+      const uint8_t* band = raw + stride * (2 * static_cast<size_t>(ky) * y);
+      uint8_t* out = dst + dstStride * y;
+      FuncRgb pixel[2] = {};
+      for (uint32_t x = 0; x < width; ++x) {
+        uint32_t sb = 0, sg = 0, sr = 0;
+        const uint8_t* cell = band + 2 * static_cast<size_t>(kx) * x;
+        for (uint32_t cy = 0; cy < ky; ++cy, cell += 2 * stride) {
+          const uint8_t* bottom = cell + stride;
+          for (uint32_t cx = 0; cx < 2 * kx; cx += 2) {
+            sb += cell[cx];
+            sg += cell[cx + 1] + bottom[cx];
+            sr += bottom[cx + 1];
+          }
+        }
+        pixel[x & 1] = FuncRgb{RoundedMean(sr, n), RoundedMean(sg, 2 * n), RoundedMean(sb, n)};
+        if ((x & 1) != 0) FuncPackPair(pixel[0], pixel[1], out + 2 * static_cast<size_t>(x - 1));
+      }
+      if ((width & 1) != 0) FuncPackLone(pixel[0], out + 2 * static_cast<size_t>(width - 1));
+    }
+    return;
+  }
+  SpanStepper rowSpan = FirstSpan(cellsY, height);
   for (uint32_t y = 0; y < height; ++y) {
-    uint32_t cy0 = SpanStart(y, cellsY, height), cy1 = SpanStart(y + 1, cellsY, height);
-    uint8_t* out = dst + 2 * static_cast<size_t>(width) * y;
-    uint32_t x = 0;
-    for (; x + 1 < width; x += 2) {
-      uint32_t c0 = SpanStart(x, cellsX, width), c1 = SpanStart(x + 1, cellsX, width),
-               c2 = SpanStart(x + 2, cellsX, width);
-      FuncPackPair(CellAverage(raw, stride, c0, c1, cy0, cy1),
-                   CellAverage(raw, stride, c1, c2, cy0, cy1), out + 2 * static_cast<size_t>(x));
+    uint64_t cy0 = rowSpan.Start;
+    NextSpan(&rowSpan);
+    uint64_t cy1 = rowSpan.Start;
+    uint8_t* out = dst + dstStride * y;
+    SpanStepper span = FirstSpan(cellsX, width);
+    FuncRgb pixel[2] = {};
+    for (uint32_t x = 0; x < width; ++x) {
+      uint64_t cx0 = span.Start;
+      NextSpan(&span);
+      pixel[x & 1] = CellAverage(raw, stride, cx0, span.Start, cy0, cy1);
+      if ((x & 1) != 0) FuncPackPair(pixel[0], pixel[1], out + 2 * static_cast<size_t>(x - 1));
     }
-    if (x < width) {
-      FuncPackLone(CellAverage(raw, stride, SpanStart(x, cellsX, width),
-                               SpanStart(x + 1, cellsX, width), cy0, cy1),
-                   out + 2 * static_cast<size_t>(x));
-    }
+    if ((width & 1) != 0) FuncPackLone(pixel[0], out + 2 * static_cast<size_t>(width - 1));
   }
 }
 
@@ -233,6 +297,134 @@ void BilinearResample(const uint8_t* raw, uint32_t rawWidth, uint32_t rawHeight,
   }
 }
 
+// Sample positions of consecutive output indices on a raw axis, in 1/256
+// pixel, as SamplePosition but stepped along without a division: the
+// numerator (2i + 1) x raw x 128 grows by raw x 256 a step.
+struct PositionStepper {
+  SpanStepper Span;
+  int64_t Last;
+};
+
+PositionStepper FirstPosition(uint32_t raw, uint32_t out, uint32_t samples) {
+  PositionStepper p{FirstSpan(256 * static_cast<uint64_t>(raw), out),
+                    (static_cast<int64_t>(samples) - 1) * 256};
+  p.Span.Start = static_cast<uint64_t>(raw) * 128 / out;
+  p.Span.Rest = static_cast<uint64_t>(raw) * 128 % out;
+  return p;
+}
+
+inline uint32_t NextPosition(PositionStepper* p) {
+  int64_t v = static_cast<int64_t>(p->Span.Start) - 128;
+  NextSpan(&p->Span);
+  v = v < 0 ? 0 : (v > p->Last ? p->Last : v);
+  return static_cast<uint32_t>(v);
+}
+
+inline uint8_t Lerp(uint32_t a, uint32_t b, uint32_t f) {
+  return static_cast<uint8_t>((a * (256 - f) + b * f + 128) >> 8);
+}
+
+// Raw row r demosaiced into a working row, an odd width's last pixel given
+// its full pair (its own Cb and Cr) so that the pair grid has no gap.
+void DemosaicRawRow(const FuncRowSet* rows, const uint8_t* raw, int rawWidth, int rawHeight, int r,
+                    uint8_t* out) {
+  size_t stride = static_cast<size_t>(rawWidth);
+  const uint8_t* above = raw + stride * FuncReflect(r - 1, rawHeight);
+  const uint8_t* row = raw + stride * r;
+  const uint8_t* below = raw + stride * FuncReflect(r + 1, rawHeight);
+  ((r & 1) != 0 ? rows->BayerGrRow : rows->BayerBgRow)(above, row, below, out, rawWidth);
+  if ((rawWidth & 1) != 0) {
+    FuncRgb last = FuncBayerPixel(above, row, below, rawWidth, rawWidth - 1, (r & 1) != 0);
+    FuncPackPair(last, last, out + 2 * static_cast<size_t>(rawWidth - 1));
+  }
+}
+
+// PositionStepper in 32 bits, for the working rows' sizes (raw and output
+// widths up to 8192: positions below 2^22).
+struct RowStepper {
+  uint32_t Start, Rest, Step, StepRest, Outputs;
+  int32_t Last;
+};
+
+RowStepper FirstRowPosition(uint32_t raw, uint32_t out, uint32_t samples) {
+  return RowStepper{raw * 128 / out, raw * 128 % out, 256 * raw / out, 256 * raw % out, out,
+                    (static_cast<int32_t>(samples) - 1) * 256};
+}
+
+inline uint32_t NextRowPosition(RowStepper* p) {
+  int32_t v = static_cast<int32_t>(p->Start) - 128;
+  p->Start += p->Step;
+  p->Rest += p->StepRest;
+  if (p->Rest >= p->Outputs) {
+    p->Rest -= p->Outputs;
+    ++p->Start;
+  }
+  return static_cast<uint32_t>(v < 0 ? 0 : (v > p->Last ? p->Last : v));
+}
+
+// One demosaiced raw row (YUYV, rawWidth pixels, full last pair) resampled
+// along the row to `width` pixels: Y on the pixel grid, Cb and Cr on the
+// pair grid. Both widths within the working rows.
+void ResampleAlongRow(const uint8_t* in, uint32_t rawWidth, uint8_t* out, uint32_t width) {
+  uint32_t rawPairs = (rawWidth + 1) / 2, lastPixel = rawWidth - 1, lastPair = rawPairs - 1;
+  RowStepper luma = FirstRowPosition(rawWidth, width, rawWidth);
+  RowStepper chroma = FirstRowPosition(rawWidth, width, rawPairs);
+  auto lumaAt = [&](uint32_t sx) {
+    uint32_t x0 = sx >> 8, x1 = x0 < lastPixel ? x0 + 1 : x0;
+    return Lerp(in[2 * x0], in[2 * x1], sx & 255);
+  };
+  uint32_t x = 0;
+  for (; x + 1 < width; x += 2, out += 4) {
+    uint32_t sc = NextRowPosition(&chroma);
+    uint32_t q0 = sc >> 8, q1 = q0 < lastPair ? q0 + 1 : q0, f = sc & 255;
+    out[0] = lumaAt(NextRowPosition(&luma));
+    out[1] = Lerp(in[4 * q0 + 1], in[4 * q1 + 1], f);
+    out[2] = lumaAt(NextRowPosition(&luma));
+    out[3] = Lerp(in[4 * q0 + 3], in[4 * q1 + 3], f);
+  }
+  if (x < width) {
+    uint32_t sc = NextRowPosition(&chroma);
+    uint32_t q0 = sc >> 8, q1 = q0 < lastPair ? q0 + 1 : q0;
+    out[0] = lumaAt(NextRowPosition(&luma));
+    out[1] = Lerp(in[4 * q0 + 1], in[4 * q1 + 1], sc & 255);
+  }
+}
+
+// Each raw row in use is demosaiced and resampled along the row once, into
+// one of two working rows of output width; an output row is then the blend
+// of the two, byte by byte.
+void ResampleThroughRows(const FuncRowSet* rows, const FuncScratch* scratch, const uint8_t* raw,
+                         uint32_t rawWidth, uint32_t rawHeight, uint8_t* dst, uint32_t width,
+                         uint32_t height) {
+  int rw = static_cast<int>(rawWidth), rh = static_cast<int>(rawHeight);
+  size_t rowBytes = 2 * static_cast<size_t>(width);
+  uint8_t* cached[2] = {scratch->Rows[0], scratch->Rows[1]};
+  int cachedRow[2] = {-1, -1};
+  uint8_t* demosaiced = scratch->Rows[2];
+  // The working row of raw row r, made if needed without touching `keep`'s.
+  auto resampledRow = [&](int r, int keep) -> const uint8_t* {
+    for (int i = 0; i < 2; ++i) {
+      if (cachedRow[i] == r) return cached[i];
+    }
+    int slot = cachedRow[0] == keep ? 1 : 0;
+    DemosaicRawRow(rows, raw, rw, rh, r, demosaiced);
+    ResampleAlongRow(demosaiced, rawWidth, cached[slot], width);
+    cachedRow[slot] = r;
+    return cached[slot];
+  };
+  PositionStepper rowPosition = FirstPosition(rawHeight, height, rawHeight);
+  for (uint32_t y = 0; y < height; ++y) {
+    uint32_t sy = NextPosition(&rowPosition);
+    int y0 = static_cast<int>(sy >> 8);
+    int y1 = y0 + 1 < rh ? y0 + 1 : y0;
+    uint32_t fy = sy & 255;
+    const uint8_t* top = resampledRow(y0, y1);
+    const uint8_t* bottom = resampledRow(y1, y0);
+    uint8_t* out = dst + rowBytes * y;
+    for (size_t i = 0; i < rowBytes; ++i) out[i] = Lerp(top[i], bottom[i], fy);
+  }
+}
+
 }  // namespace
 
 // Frame path (the driver's own raw route): see the head of this file.
@@ -251,8 +443,14 @@ void FUNC_RawToYuv(uint64_t funcHandle, const uint8_t* raw, uint32_t rawWidth, u
     DemosaicSameSize(FuncRowsOf(funcHandle), raw, static_cast<int>(width),
                      static_cast<int>(height), destination);
   } else if (rawWidth / 2 >= width && rawHeight / 2 >= height) {
-    AreaDownscale(raw, rawWidth, rawHeight, destination, width, height);
+    AreaDownscale(FuncRowsOf(funcHandle), raw, rawWidth, rawHeight, destination, width, height);
   } else {
-    BilinearResample(raw, rawWidth, rawHeight, destination, width, height);
+    const FuncScratch* scratch = FuncScratchOf(funcHandle);
+    if (scratch != nullptr && rawWidth <= scratch->Capacity && width <= scratch->Capacity) {
+      ResampleThroughRows(FuncRowsOf(funcHandle), scratch, raw, rawWidth, rawHeight, destination,
+                          width, height);
+    } else {
+      BilinearResample(raw, rawWidth, rawHeight, destination, width, height);
+    }
   }
 }

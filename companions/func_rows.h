@@ -4,9 +4,11 @@
 //
 // Every row function has a portable reference, `..._Row_C`, that handles any
 // width including odd ones and the picture edges. A `..._AVX2` row covers the
-// same width and gives the same bytes: it runs its vector loop over the part
-// of the row where every load and store stays inside the row, and hands the
-// first pair, the tail and any odd pixel to the portable code.
+// same width and gives the same bytes: its vector steps stay where every load
+// and store is inside the row, the last step is moved back to end at the
+// row's end (overlapping the step before, which rewrites the same bytes), and
+// what no step can reach (a mirrored edge, an odd last pixel, a short row)
+// goes to the portable code.
 //
 // Colour: BT.601, studio range (Y 16..235, Cb/Cr 16..240). All arithmetic is
 // integer; the constants and their derivations are next to the formulas.
@@ -177,13 +179,36 @@ void YuyvToI420Row_AVX2(const uint8_t* srcA, const uint8_t* srcB, uint8_t* dstYA
                         uint8_t* dstU, uint8_t* dstV, int width);
 #endif
 
+// One YUYV row of `width` pixels from the Bayer cells of a B G row (`top`)
+// and the G R row under it: pixel x is the cell at raw columns 2x and 2x + 1,
+// its B, the rounded mean of its two G ((g1 + g2 + 1) >> 1) and its R. The
+// raw rows are at least 2 x width long.
+typedef void (*FuncBayerCellRow)(const uint8_t* top, const uint8_t* bottom, uint8_t* dstYuyv,
+                                 int width);
+void BayerCellsToYuyvRow_C(const uint8_t* top, const uint8_t* bottom, uint8_t* dstYuyv, int width);
+#ifdef MR740_FUNC_HAVE_AVX2
+void BayerCellsToYuyvRow_AVX2(const uint8_t* top, const uint8_t* bottom, uint8_t* dstYuyv,
+                              int width);
+#endif
+
 // The rows one call uses.
 struct FuncRowSet {
   FuncBayerRow BayerBgRow;
   FuncBayerRow BayerGrRow;
+  FuncBayerCellRow BayerCellRow;
   FuncYuyvToBgrRow YuyvToBgrRow;
   FuncYuyvToI420Row YuyvToI420Row;
 };
+
+// Working rows of a handle for the resampling route: three YUYV rows of up
+// to `Capacity` pixels and one pair more. Used by one frame at a time (the
+// frame path of one camera); a null handle has none.
+constexpr uint32_t FuncScratchCapacity = 8192;
+struct FuncScratch {
+  uint8_t* Rows[3];
+  uint32_t Capacity;
+};
+const FuncScratch* FuncScratchOf(uint64_t funcHandle);
 
 extern const FuncRowSet FuncPortableRows;
 // Whether this processor runs the AVX2 rows.

@@ -55,41 +55,84 @@ FUNC_AVX2 inline void StorePairs16(__m256i re, __m256i ge, __m256i be, __m256i r
   _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + 32), _mm256_permute2x128_si256(lo, hi, 0x31));
 }
 
-// The vector loop covers pairs i from 1 while the loads, which reach from byte
-// 2i - 2 to byte 2i + 33 of a row, stay inside it; it returns the first pair
-// it did not do.
+// A vector step does the 16 pairs from pair i on; its loads reach from byte
+// 2i - 2 to byte 2i + 33 of the three rows, so it fits from pair 1 to pair
+// (width - 34) / 2. The steps run from pair 1; a last step at the last pair
+// that fits covers what is left but for the last pair or two, overlapping
+// the step before (the output does not feed the input, so pairs done twice
+// come out the same). The first pair, the last ones and the odd pixel go
+// to the portable code.
 constexpr int BayerFirstVectorPair = 1;
-inline bool BayerVectorFits(int pair, int width) { return 2 * pair + 34 <= width; }
+inline int BayerLastVectorPair(int width) { return (width - 34) / 2; }
+
+
+// The 16 pairs from pair i of a B G row.
+FUNC_AVX2 inline void BayerBgStep(const uint8_t* above, const uint8_t* row, const uint8_t* below,
+                                 uint8_t* dstYuyv, int i) {
+  const __m256i low = _mm256_set1_epi16(0x00FF);
+  int x = 2 * i;
+  __m256i c0 = Load(row + x), a0 = Load(above + x), d0 = Load(below + x);
+  __m256i ce = _mm256_and_si256(c0, low), co = _mm256_srli_epi16(c0, 8);
+  __m256i coLeft = _mm256_srli_epi16(Load(row + x - 2), 8);     // row[x - 1]
+  __m256i ceRight = _mm256_and_si256(Load(row + x + 2), low);   // row[x + 2]
+  __m256i ae = _mm256_and_si256(a0, low), ao = _mm256_srli_epi16(a0, 8);
+  __m256i aoLeft = _mm256_srli_epi16(Load(above + x - 2), 8);
+  __m256i de = _mm256_and_si256(d0, low), dOdd = _mm256_srli_epi16(d0, 8);
+  __m256i doLeft = _mm256_srli_epi16(Load(below + x - 2), 8);
+  // Blue site (even x): G from the four crosses, R from the four diagonals.
+  __m256i be = ce;
+  __m256i ge = _mm256_srli_epi16(
+      _mm256_add_epi16(_mm256_add_epi16(coLeft, co), _mm256_add_epi16(ae, de)), 2);
+  __m256i re = _mm256_srli_epi16(
+      _mm256_add_epi16(_mm256_add_epi16(aoLeft, ao), _mm256_add_epi16(doLeft, dOdd)), 2);
+  // Green site (odd x): B from left and right, R from above and below.
+  __m256i go = co;
+  __m256i bo = _mm256_srli_epi16(_mm256_add_epi16(ce, ceRight), 1);
+  __m256i ro = _mm256_srli_epi16(_mm256_add_epi16(ao, dOdd), 1);
+  StorePairs16(re, ge, be, ro, go, bo, dstYuyv + 2 * x);
+}
+
+// The 16 pairs from pair i of a G R row.
+FUNC_AVX2 inline void BayerGrStep(const uint8_t* above, const uint8_t* row, const uint8_t* below,
+                                 uint8_t* dstYuyv, int i) {
+  const __m256i low = _mm256_set1_epi16(0x00FF);
+  int x = 2 * i;
+  __m256i c0 = Load(row + x), a0 = Load(above + x), d0 = Load(below + x);
+  __m256i ce = _mm256_and_si256(c0, low), co = _mm256_srli_epi16(c0, 8);
+  __m256i coLeft = _mm256_srli_epi16(Load(row + x - 2), 8);
+  __m256i ceRight = _mm256_and_si256(Load(row + x + 2), low);
+  __m256i ae = _mm256_and_si256(a0, low), ao = _mm256_srli_epi16(a0, 8);
+  __m256i aeRight = _mm256_and_si256(Load(above + x + 2), low);
+  __m256i de = _mm256_and_si256(d0, low), dOdd = _mm256_srli_epi16(d0, 8);
+  __m256i deRight = _mm256_and_si256(Load(below + x + 2), low);
+  // Green site (even x): R from left and right, B from above and below.
+  __m256i ge = ce;
+  __m256i re = _mm256_srli_epi16(_mm256_add_epi16(coLeft, co), 1);
+  __m256i be = _mm256_srli_epi16(_mm256_add_epi16(ae, de), 1);
+  // Red site (odd x): G from the four crosses, B from the four diagonals.
+  __m256i ro = co;
+  __m256i go = _mm256_srli_epi16(
+      _mm256_add_epi16(_mm256_add_epi16(ce, ceRight), _mm256_add_epi16(ao, dOdd)), 2);
+  __m256i bo = _mm256_srli_epi16(
+      _mm256_add_epi16(_mm256_add_epi16(ae, aeRight), _mm256_add_epi16(de, deRight)), 2);
+  StorePairs16(re, ge, be, ro, go, bo, dstYuyv + 2 * x);
+}
 
 }  // namespace
 
 FUNC_AVX2 void BayerBgToYuyvRow_AVX2(const uint8_t* above, const uint8_t* row,
                                      const uint8_t* below, uint8_t* dstYuyv, int width) {
   int pairs = width / 2;
+  int last = BayerLastVectorPair(width);
   int i = BayerFirstVectorPair < pairs ? BayerFirstVectorPair : pairs;
   BayerBgToYuyvPairs_C(above, row, below, dstYuyv, width, 0, i, false);
-  const __m256i low = _mm256_set1_epi16(0x00FF);
-  for (; BayerVectorFits(i, width); i += 16) {
-    int x = 2 * i;
-    __m256i c0 = Load(row + x), a0 = Load(above + x), d0 = Load(below + x);
-    __m256i ce = _mm256_and_si256(c0, low), co = _mm256_srli_epi16(c0, 8);
-    __m256i coLeft = _mm256_srli_epi16(Load(row + x - 2), 8);     // row[x - 1]
-    __m256i ceRight = _mm256_and_si256(Load(row + x + 2), low);   // row[x + 2]
-    __m256i ae = _mm256_and_si256(a0, low), ao = _mm256_srli_epi16(a0, 8);
-    __m256i aoLeft = _mm256_srli_epi16(Load(above + x - 2), 8);
-    __m256i de = _mm256_and_si256(d0, low), dOdd = _mm256_srli_epi16(d0, 8);
-    __m256i doLeft = _mm256_srli_epi16(Load(below + x - 2), 8);
-    // Blue site (even x): G from the four crosses, R from the four diagonals.
-    __m256i be = ce;
-    __m256i ge = _mm256_srli_epi16(
-        _mm256_add_epi16(_mm256_add_epi16(coLeft, co), _mm256_add_epi16(ae, de)), 2);
-    __m256i re = _mm256_srli_epi16(
-        _mm256_add_epi16(_mm256_add_epi16(aoLeft, ao), _mm256_add_epi16(doLeft, dOdd)), 2);
-    // Green site (odd x): B from left and right, R from above and below.
-    __m256i go = co;
-    __m256i bo = _mm256_srli_epi16(_mm256_add_epi16(ce, ceRight), 1);
-    __m256i ro = _mm256_srli_epi16(_mm256_add_epi16(ao, dOdd), 1);
-    StorePairs16(re, ge, be, ro, go, bo, dstYuyv + 2 * x);
+  if (last >= BayerFirstVectorPair) {
+    for (;; i += 16) {
+      if (i > last) i = last;
+      BayerBgStep(above, row, below, dstYuyv, i);
+      if (i == last) break;
+    }
+    i = last + 16;
   }
   BayerBgToYuyvPairs_C(above, row, below, dstYuyv, width, i, pairs, true);
 }
@@ -97,32 +140,66 @@ FUNC_AVX2 void BayerBgToYuyvRow_AVX2(const uint8_t* above, const uint8_t* row,
 FUNC_AVX2 void BayerGrToYuyvRow_AVX2(const uint8_t* above, const uint8_t* row,
                                      const uint8_t* below, uint8_t* dstYuyv, int width) {
   int pairs = width / 2;
+  int last = BayerLastVectorPair(width);
   int i = BayerFirstVectorPair < pairs ? BayerFirstVectorPair : pairs;
   BayerGrToYuyvPairs_C(above, row, below, dstYuyv, width, 0, i, false);
-  const __m256i low = _mm256_set1_epi16(0x00FF);
-  for (; BayerVectorFits(i, width); i += 16) {
-    int x = 2 * i;
-    __m256i c0 = Load(row + x), a0 = Load(above + x), d0 = Load(below + x);
-    __m256i ce = _mm256_and_si256(c0, low), co = _mm256_srli_epi16(c0, 8);
-    __m256i coLeft = _mm256_srli_epi16(Load(row + x - 2), 8);
-    __m256i ceRight = _mm256_and_si256(Load(row + x + 2), low);
-    __m256i ae = _mm256_and_si256(a0, low), ao = _mm256_srli_epi16(a0, 8);
-    __m256i aeRight = _mm256_and_si256(Load(above + x + 2), low);
-    __m256i de = _mm256_and_si256(d0, low), dOdd = _mm256_srli_epi16(d0, 8);
-    __m256i deRight = _mm256_and_si256(Load(below + x + 2), low);
-    // Green site (even x): R from left and right, B from above and below.
-    __m256i ge = ce;
-    __m256i re = _mm256_srli_epi16(_mm256_add_epi16(coLeft, co), 1);
-    __m256i be = _mm256_srli_epi16(_mm256_add_epi16(ae, de), 1);
-    // Red site (odd x): G from the four crosses, B from the four diagonals.
-    __m256i ro = co;
-    __m256i go = _mm256_srli_epi16(
-        _mm256_add_epi16(_mm256_add_epi16(ce, ceRight), _mm256_add_epi16(ao, dOdd)), 2);
-    __m256i bo = _mm256_srli_epi16(
-        _mm256_add_epi16(_mm256_add_epi16(ae, aeRight), _mm256_add_epi16(de, deRight)), 2);
-    StorePairs16(re, ge, be, ro, go, bo, dstYuyv + 2 * x);
+  if (last >= BayerFirstVectorPair) {
+    for (;; i += 16) {
+      if (i > last) i = last;
+      BayerGrStep(above, row, below, dstYuyv, i);
+      if (i == last) break;
+    }
+    i = last + 16;
   }
   BayerGrToYuyvPairs_C(above, row, below, dstYuyv, width, i, pairs, true);
+}
+
+namespace {
+
+// Byte k (0 to 3) of each 4-byte group of two 32-byte vectors, as 16 words
+// in order.
+FUNC_AVX2 inline __m256i ByteOfGroups(__m256i a, __m256i b, int k) {
+  const __m256i low = _mm256_set1_epi32(0xFF);
+  __m256i ka = _mm256_and_si256(_mm256_srlv_epi32(a, _mm256_set1_epi32(8 * k)), low);
+  __m256i kb = _mm256_and_si256(_mm256_srlv_epi32(b, _mm256_set1_epi32(8 * k)), low);
+  return _mm256_permute4x64_epi64(_mm256_packus_epi32(ka, kb), 0xD8);
+}
+
+// The 16 pairs from output pixel x: raw bytes 2x to 2x + 63 of both rows.
+// In each 4-byte group of the top row: B and G of the even pixel's cell,
+// then of the odd one's; of the bottom row: G and R likewise.
+FUNC_AVX2 inline void BayerCellsStep(const uint8_t* top, const uint8_t* bottom, uint8_t* dstYuyv,
+                                     int x) {
+  __m256i t0 = Load(top + 2 * x), t1 = Load(top + 2 * x + 32);
+  __m256i b0 = Load(bottom + 2 * x), b1 = Load(bottom + 2 * x + 32);
+  __m256i be = ByteOfGroups(t0, t1, 0), bo = ByteOfGroups(t0, t1, 2);
+  __m256i ge = _mm256_avg_epu16(ByteOfGroups(t0, t1, 1), ByteOfGroups(b0, b1, 0));
+  __m256i go = _mm256_avg_epu16(ByteOfGroups(t0, t1, 3), ByteOfGroups(b0, b1, 2));
+  __m256i re = ByteOfGroups(b0, b1, 1), ro = ByteOfGroups(b0, b1, 3);
+  StorePairs16(re, ge, be, ro, go, bo, dstYuyv + 2 * x);
+}
+
+}  // namespace
+
+// 32 output pixels a step, the last step moved back to end at the row's end
+// (overlapping); an odd width's last pixel and rows under 32 pixels go to the
+// portable row.
+FUNC_AVX2 void BayerCellsToYuyvRow_AVX2(const uint8_t* top, const uint8_t* bottom,
+                                        uint8_t* dstYuyv, int width) {
+  if (width < 32) {
+    BayerCellsToYuyvRow_C(top, bottom, dstYuyv, width);
+    return;
+  }
+  int last = (width - 32) & ~1;
+  for (int x = 0;; x += 32) {
+    if (x > last) x = last;
+    BayerCellsStep(top, bottom, dstYuyv, x);
+    if (x == last) break;
+  }
+  if ((width & 1) != 0) {
+    BayerCellsToYuyvRow_C(top + 2 * (width - 1), bottom + 2 * (width - 1),
+                          dstYuyv + 2 * (width - 1), 1);
+  }
 }
 
 // 16 pixels (32 source bytes, 48 output bytes) an iteration. The byte
@@ -156,8 +233,16 @@ FUNC_AVX2 void YuyvToBgr24Row_AVX2(const uint8_t* srcYuyv, uint8_t* dstBgr, int 
   const __m256i cB = MaddPair(FuncRgbY, FuncRgbBu);
   const __m256i round = _mm256_set1_epi32(FuncRgbRound);
 
-  int x = 0;
-  for (; x + 16 <= width; x += 16) {
+  // The last step starts at the last even pixel that leaves 16 in the row,
+  // overlapping the one before; an odd width's last pixel, and a row under
+  // 16 pixels, go to the portable row.
+  if (width < 16) {
+    YuyvToBgr24Row_C(srcYuyv, dstBgr, width);
+    return;
+  }
+  int last = (width - 16) & ~1;
+  for (int x = 0;; x += 16) {
+    if (x > last) x = last;
     __m256i s = Load(srcYuyv + 2 * x);
     __m256i yuLo = _mm256_sub_epi16(_mm256_shuffle_epi8(s, yuA), bias);
     __m256i yuHi = _mm256_sub_epi16(_mm256_shuffle_epi8(s, yuB), bias);
@@ -187,8 +272,9 @@ FUNC_AVX2 void YuyvToBgr24Row_AVX2(const uint8_t* srcYuyv, uint8_t* dstBgr, int 
     _mm_storel_epi64(reinterpret_cast<__m128i*>(d + 16), _mm256_castsi256_si128(outHi));
     _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 24), _mm256_extracti128_si256(outLo, 1));
     _mm_storel_epi64(reinterpret_cast<__m128i*>(d + 40), _mm256_extracti128_si256(outHi, 1));
+    if (x == last) break;
   }
-  if (x < width) YuyvToBgr24Row_C(srcYuyv + 2 * x, dstBgr + 3 * x, width - x);
+  if ((width & 1) != 0) YuyvToBgr24Row_C(srcYuyv + 2 * (width - 1), dstBgr + 3 * (width - 1), 1);
 }
 
 // 16 pixels of both rows an iteration: 16 Y bytes to each Y row, 8 to each of
@@ -203,8 +289,16 @@ FUNC_AVX2 void YuyvToI420Row_AVX2(const uint8_t* srcA, const uint8_t* srcB, uint
   // Dwords U0-3, U4-7, V0-3, V4-7 to the low 128 bits.
   const __m256i gatherUv = _mm256_setr_epi32(0, 4, 1, 5, 2, 3, 6, 7);
   const __m256i one = _mm256_set1_epi8(1);
-  int x = 0;
-  for (; x + 16 <= width; x += 16) {
+  // The last step starts at the last even pixel that leaves 16 in the row,
+  // overlapping the one before; an odd width's last pixel, and a row under
+  // 16 pixels, go to the portable row.
+  if (width < 16) {
+    YuyvToI420Row_C(srcA, srcB, dstYA, dstYB, dstU, dstV, width);
+    return;
+  }
+  int last = (width - 16) & ~1;
+  for (int x = 0;; x += 16) {
+    if (x > last) x = last;
     __m256i a = Load(srcA + 2 * x), b = Load(srcB + 2 * x);
     __m256i ya = _mm256_permute4x64_epi64(_mm256_shuffle_epi8(a, pickY), 0x08);
     __m256i yb = _mm256_permute4x64_epi64(_mm256_shuffle_epi8(b, pickY), 0x08);
@@ -217,10 +311,11 @@ FUNC_AVX2 void YuyvToI420Row_AVX2(const uint8_t* srcA, const uint8_t* srcB, uint
         _mm256_permutevar8x32_epi32(_mm256_shuffle_epi8(mean, pickUv), gatherUv));
     _mm_storel_epi64(reinterpret_cast<__m128i*>(dstU + x / 2), uv);
     _mm_storel_epi64(reinterpret_cast<__m128i*>(dstV + x / 2), _mm_unpackhi_epi64(uv, uv));
+    if (x == last) break;
   }
-  if (x < width) {
-    YuyvToI420Row_C(srcA + 2 * x, srcB + 2 * x, dstYA + x, dstYB + x, dstU + x / 2, dstV + x / 2,
-                    width - x);
+  if ((width & 1) != 0) {
+    dstYA[width - 1] = srcA[2 * (width - 1)];
+    dstYB[width - 1] = srcB[2 * (width - 1)];
   }
 }
 

@@ -161,14 +161,18 @@ TEST(FuncRawToYuv, ResampledFlatPatchesKeepTheirColour) {
       {16, 12, 64, 48},    // a quarter
       {100, 75, 64, 48},   {30, 22, 61, 47}, {320, 240, 33, 7}, {5, 3, 17, 9}, {64, 48, 64, 48},
   };
+  // With a handle the upscaling goes through its working rows; without one
+  // pixel by pixel.
   FuncHandle func;
+  for (uint64_t handle : {func.Handle, uint64_t{0}}) {
   for (const Case& k : cases) {
     for (const Rgb8& c : {kBars[1], kBars[4], kBars[6], Rgb8{235, 120, 30}}) {
       SCOPED_TRACE(testing::Message() << k.rawW << "x" << k.rawH << " -> " << k.w << "x" << k.h
-                                      << " colour " << c.R << "," << c.G << "," << c.B);
+                                      << " colour " << c.R << "," << c.G << "," << c.B
+                                      << (handle ? " with" : " without") << " a handle");
       std::vector<uint8_t> raw = FlatBayer(c, k.rawW, k.rawH);
       std::vector<uint8_t> yuyv(2 * k.w * k.h);
-      FUNC_RawToYuv(func.Handle, raw.data(), k.rawW, k.rawH, yuyv.data(), k.w, k.h);
+      FUNC_RawToYuv(handle, raw.data(), k.rawW, k.rawH, yuyv.data(), k.w, k.h);
       YuvRef want = ReferenceYuv(c.R, c.G, c.B);
       int bad = 0;
       for (uint32_t y = 0; y < k.h && bad < 3; ++y)
@@ -182,10 +186,13 @@ TEST(FuncRawToYuv, ResampledFlatPatchesKeepTheirColour) {
         }
     }
   }
+  }
 }
 
 // Left half red, right half blue: each scale keeps the halves where they
-// were (a wrong column mapping mixes or swaps them).
+// were (a wrong column mapping mixes or swaps them). Near the middle the
+// halves blend over a few raw pixels, more so from a small raw frame, whose
+// colour comes in pairs of raw pixels.
 TEST(FuncRawToYuv, ResamplingKeepsTheLayoutOfThePicture) {
   struct Case {
     uint32_t rawW, rawH;
@@ -194,20 +201,23 @@ TEST(FuncRawToYuv, ResamplingKeepsTheLayoutOfThePicture) {
   const uint32_t w = 64, h = 16;
   const Rgb8 red{191, 0, 0}, blue{0, 0, 191};
   FuncHandle func;
+  for (uint64_t handle : {func.Handle, uint64_t{0}}) {
   for (const Case& k : cases) {
-    SCOPED_TRACE(testing::Message() << k.rawW << "x" << k.rawH);
+    SCOPED_TRACE(testing::Message() << k.rawW << "x" << k.rawH << (handle ? " with" : " without")
+                                    << " a handle");
     std::vector<uint8_t> raw(k.rawW * k.rawH);
     for (uint32_t y = 0; y < k.rawH; ++y)
       for (uint32_t x = 0; x < k.rawW; ++x) raw[y * k.rawW + x] = Site(x < k.rawW / 2 ? red : blue, x, y);
     std::vector<uint8_t> yuyv(2 * w * h);
-    FUNC_RawToYuv(func.Handle, raw.data(), k.rawW, k.rawH, yuyv.data(), w, h);
+    FUNC_RawToYuv(handle, raw.data(), k.rawW, k.rawH, yuyv.data(), w, h);
     YuvRef left = ReferenceYuv(red.R, red.G, red.B), right = ReferenceYuv(blue.R, blue.G, blue.B);
     for (uint32_t y = 0; y < h; ++y) {
       ExpectNear(PixelOf(yuyv, w, 2, y), left, kYuvTolerance, "left");
-      ExpectNear(PixelOf(yuyv, w, w / 2 - 10, y), left, kYuvTolerance, "left of the middle");
-      ExpectNear(PixelOf(yuyv, w, w / 2 + 10, y), right, kYuvTolerance, "right of the middle");
+      ExpectNear(PixelOf(yuyv, w, w / 4, y), left, kYuvTolerance, "middle of the left half");
+      ExpectNear(PixelOf(yuyv, w, 3 * w / 4, y), right, kYuvTolerance, "middle of the right half");
       ExpectNear(PixelOf(yuyv, w, w - 3, y), right, kYuvTolerance, "right");
     }
+  }
   }
 }
 
@@ -335,6 +345,12 @@ TEST(FuncRows, VectorRowsMatchPortableRowsOnOddWidthsAndBufferEnds) {
     BayerGrToYuyvRow_C(above, row, below, want.data(), w);
     BayerGrToYuyvRow_AVX2(above, row, below, got.data(), w);
     EXPECT_EQ(want, got) << "G R row";
+    // Cells: two raw rows of twice the width, the second ending the buffer.
+    std::vector<uint8_t> cells(4 * w + 1);
+    fill(cells);
+    BayerCellsToYuyvRow_C(cells.data() + 1, cells.data() + 1 + 2 * w, want.data(), w);
+    BayerCellsToYuyvRow_AVX2(cells.data() + 1, cells.data() + 1 + 2 * w, got.data(), w);
+    EXPECT_EQ(want, got) << "cell row";
 
     std::vector<uint8_t> yuyv(4 * w);
     fill(yuyv);
@@ -365,6 +381,14 @@ TEST(FuncRows, VectorRowsMatchPortableRowsOnOddWidthsAndBufferEnds) {
       FUNC_RawToYuv(best.Handle, raw.data(), w, h, a.data(), w, h);
       FUNC_RawToYuv(portable.Handle, raw.data(), w, h, b.data(), w, h);
       EXPECT_EQ(a, b) << "raw to YUYV";
+      std::vector<uint8_t> wire(4 * w * h);
+      fill(wire);
+      FUNC_RawToYuv(best.Handle, wire.data(), 2 * w, 2 * h, a.data(), w, h);
+      FUNC_RawToYuv(portable.Handle, wire.data(), 2 * w, 2 * h, b.data(), w, h);
+      EXPECT_EQ(a, b) << "raw of twice the size to YUYV";
+      FUNC_RawToYuv(best.Handle, raw.data(), w, h, a.data(), w / 2 + 1, h / 2 + 1);
+      FUNC_RawToYuv(portable.Handle, raw.data(), w, h, b.data(), w / 2 + 1, h / 2 + 1);
+      EXPECT_EQ(a, b) << "raw of another size to YUYV";
       FUNC_YuvToBmp(best.Handle, yuyv.data(), w, h, a.data());
       FUNC_YuvToBmp(portable.Handle, yuyv.data(), w, h, b.data());
       EXPECT_EQ(a, b) << "YUYV to RGB24";
