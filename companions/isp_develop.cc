@@ -125,7 +125,7 @@ uint8_t* DestinationRow(uint8_t* destination, uint32_t y, uint32_t width, uint32
 
 void DevelopBayerSameSize(IspState* state, const uint8_t* raw, uint8_t* destination,
                           uint32_t width, uint32_t height, bool mirror, bool flip) {
-  IspBayerRowRoutine developRow = state->BayerRow;
+  IspBayerRowRoutine developRow = state->Rows.DevelopBayerRow;
   for (uint32_t y = 0; y < height; ++y) {
     const uint8_t* above = raw + static_cast<size_t>(ReflectRow(int64_t{y} - 1, height)) * width;
     const uint8_t* row = raw + static_cast<size_t>(y) * width;
@@ -139,16 +139,18 @@ void DevelopBayerSameSize(IspState* state, const uint8_t* raw, uint8_t* destinat
 // ---------------------------------------------------------------- any size
 
 // One wire row, demosaiced (Bayer) or unpacked (YUYV, chroma given to both
-// pixels of its pair), then resampled to the output width in Q4.
+// pixels of its pair), then resampled to the output width in Q4. The cached
+// row `keepRow` (a row still in use, or -1) is not evicted for it.
 const uint16_t* HorizontalRow(IspState* state, const uint8_t* raw, uint32_t wireWidth,
                               uint32_t wireHeight, uint8_t layout, uint32_t sourceRow,
-                              uint32_t width) {
+                              uint32_t width, int32_t keepRow) {
   for (uint32_t slot = 0; slot < IspRowCacheSlots; ++slot) {
     if (state->CachedRow[slot] == static_cast<int32_t>(sourceRow)) {
       return &state->RowCache[slot][0][0];
     }
   }
   uint32_t slot = state->NextSlot;
+  if (state->CachedRow[slot] == keepRow && keepRow >= 0) slot = (slot + 1) % IspRowCacheSlots;
   state->NextSlot = (slot + 1) % IspRowCacheSlots;
   state->CachedRow[slot] = static_cast<int32_t>(sourceRow);
 
@@ -165,13 +167,26 @@ const uint16_t* HorizontalRow(IspState* state, const uint8_t* raw, uint32_t wire
     const uint8_t* above = raw + static_cast<size_t>(ReflectRow(int64_t{sourceRow} - 1, wireHeight)) * wireWidth;
     const uint8_t* row = raw + static_cast<size_t>(sourceRow) * wireWidth;
     const uint8_t* below = raw + static_cast<size_t>(ReflectRow(int64_t{sourceRow} + 1, wireHeight)) * wireWidth;
-    IspDemosaicBayerRow(above, row, below, wireWidth, sourceRow & 1, planes[0], planes[1],
-                        planes[2]);
+    state->Rows.DemosaicRow(above, row, below, wireWidth, sourceRow & 1, planes[0], planes[1],
+                            planes[2]);
   }
 
   const IspAxisTaps* taps = &state->TapsX;
+  uint16_t* outs[3] = {state->RowCache[slot][0], state->RowCache[slot][1],
+                       state->RowCache[slot][2]};
+  if (wireWidth != width && taps->MaxCount <= 2) {
+    // Q12 x 8 bits -> Q4, the three planes together.
+    for (uint32_t x = 0; x < width; ++x) {
+      uint32_t i = taps->First[x], j = taps->Second[x];
+      uint32_t wi = taps->FirstWeight[x], wj = taps->SecondWeight[x];
+      outs[0][x] = static_cast<uint16_t>((wi * planes[0][i] + wj * planes[0][j] + 128) >> 8);
+      outs[1][x] = static_cast<uint16_t>((wi * planes[1][i] + wj * planes[1][j] + 128) >> 8);
+      outs[2][x] = static_cast<uint16_t>((wi * planes[2][i] + wj * planes[2][j] + 128) >> 8);
+    }
+    return &state->RowCache[slot][0][0];
+  }
   for (uint32_t c = 0; c < 3; ++c) {
-    uint16_t* out = state->RowCache[slot][c];
+    uint16_t* out = outs[c];
     const uint8_t* in = planes[c];
     if (wireWidth == width) {
       for (uint32_t x = 0; x < width; ++x) out[x] = static_cast<uint16_t>(in[x] << 4);
@@ -206,22 +221,42 @@ void DevelopResampled(IspState* state, const uint8_t* raw, uint32_t wireWidth,
     uint32_t count = taps->Count[y];
     const uint16_t* weight = taps->Weight + taps->Offset[y];
     if (count == 1) {
-      const uint16_t* h = HorizontalRow(state, raw, wireWidth, wireHeight, layout, first, width);
+      const uint16_t* h = HorizontalRow(state, raw, wireWidth, wireHeight, layout, first, width, -1);
       for (uint32_t c = 0; c < 3; ++c) {
         for (uint32_t x = 0; x < width; ++x) {
           state->OutputPlanes[c][x] = static_cast<uint8_t>((h[c * planeStride + x] + 8) >> 4);
         }
       }
+    } else if (count == 2) {
+      // Q12 weights x Q4 values -> Q16; rounded to 8 bits. The cache holds
+      // both rows.
+      const uint16_t* h0 = HorizontalRow(state, raw, wireWidth, wireHeight, layout, first, width, -1);
+      const uint16_t* h1 =
+          HorizontalRow(state, raw, wireWidth, wireHeight, layout, first + 1, width,
+                        static_cast<int32_t>(first));
+      uint32_t w0 = weight[0], w1 = weight[1];
+      for (uint32_t c = 0; c < 3; ++c) {
+        const uint16_t* a = h0 + c * planeStride;
+        const uint16_t* b = h1 + c * planeStride;
+        uint8_t* o = state->OutputPlanes[c];
+        for (uint32_t x = 0; x < width; ++x) {
+          uint32_t v = (w0 * a[x] + w1 * b[x] + 32768) >> 16;
+          o[x] = static_cast<uint8_t>(v > 255 ? 255 : v);
+        }
+      }
     } else {
-      std::memset(state->Accumulator, 0, sizeof(state->Accumulator));
       for (uint32_t t = 0; t < count; ++t) {
         const uint16_t* h =
-            HorizontalRow(state, raw, wireWidth, wireHeight, layout, first + t, width);
+            HorizontalRow(state, raw, wireWidth, wireHeight, layout, first + t, width, -1);
         uint32_t w = weight[t];
         for (uint32_t c = 0; c < 3; ++c) {
           uint32_t* acc = state->Accumulator[c];
           const uint16_t* in = h + c * planeStride;
-          for (uint32_t x = 0; x < width; ++x) acc[x] += w * in[x];
+          if (t == 0) {
+            for (uint32_t x = 0; x < width; ++x) acc[x] = w * in[x];
+          } else {
+            for (uint32_t x = 0; x < width; ++x) acc[x] += w * in[x];
+          }
         }
       }
       for (uint32_t c = 0; c < 3; ++c) {
@@ -233,8 +268,11 @@ void DevelopResampled(IspState* state, const uint8_t* raw, uint32_t wireWidth,
       }
     }
     uint8_t* out = DestinationRow(destination, y, width, height, flip);
-    IspConvertPlanarRow(state->OutputPlanes[0], state->OutputPlanes[1], state->OutputPlanes[2],
-                        width, &state->Coefficients, out);
+    // RGB from a Bayer frame, YCbCr from a YUYV one.
+    IspPlanarRowRoutine convert =
+        layout == IspWireLayoutYuyv ? IspConvertYccRow : state->Rows.ConvertRgbRow;
+    convert(state->OutputPlanes[0], state->OutputPlanes[1], state->OutputPlanes[2], width,
+            &state->Coefficients, out);
     FinishRow(state, out, width, mirror);
   }
 }
@@ -243,36 +281,43 @@ void DevelopResampled(IspState* state, const uint8_t* raw, uint32_t wireWidth,
 
 // Unsharp mask on the finished luma: Y + (Y - blur) x Sharpness / 4, blur
 // the 3 x 3 binomial (1 2 1)^2 / 16, edges replicated. Works down the
-// picture in place, keeping the original luma of the row above and of the
-// current row in the state.
+// picture in place, keeping the original luma of the rows above, at and
+// below the current one in the state. Plain loops over whole rows, which
+// the compiler turns into vector code.
 void SharpenLuma(IspState* state, uint8_t* picture, uint32_t width, uint32_t height,
                  int32_t strength) {
-  uint8_t* previous = state->SharpenRows[0];
-  uint8_t* current = state->SharpenRows[1];
   const size_t stride = static_cast<size_t>(width) * 2;
-  for (uint32_t x = 0; x < width; ++x) current[x] = picture[2 * x];
-  std::memcpy(previous, current, width);
+  uint8_t* rows[3] = {state->SharpenRows[0], state->SharpenRows[1], state->SharpenRows[2]};
+  uint16_t* columns = state->SharpenColumns + 1;  // one spare entry either side
+  for (uint32_t x = 0; x < width; ++x) rows[1][x] = picture[2 * x];
+  std::memcpy(rows[0], rows[1], width);  // above the first row: itself
   for (uint32_t y = 0; y < height; ++y) {
-    uint8_t* row = picture + y * stride;
-    const uint8_t* next = y + 1 < height ? row + stride : nullptr;  // not yet sharpened
+    uint8_t* out = picture + y * stride;
+    const uint8_t* above = rows[0];
+    const uint8_t* current = rows[1];
+    uint8_t* below = rows[2];
+    if (y + 1 < height) {
+      const uint8_t* next = out + stride;  // not yet sharpened
+      for (uint32_t x = 0; x < width; ++x) below[x] = next[2 * x];
+    } else {
+      std::memcpy(below, current, width);
+    }
     for (uint32_t x = 0; x < width; ++x) {
-      uint32_t l = x > 0 ? x - 1 : 0;
-      uint32_t r = x + 1 < width ? x + 1 : width - 1;
-      int32_t nl = next ? next[2 * l] : current[l];
-      int32_t nc = next ? next[2 * x] : current[x];
-      int32_t nr = next ? next[2 * r] : current[r];
-      int32_t blur = (previous[l] + 2 * previous[x] + previous[r] +
-                      2 * (current[l] + 2 * current[x] + current[r]) + nl + 2 * nc + nr + 8) >>
-                     4;
-      int32_t v = current[x] + (((current[x] - blur) * strength + 2) >> 2);
-      row[2 * x] = static_cast<uint8_t>(v < 16 ? 16 : (v > 235 ? 235 : v));
+      columns[x] = static_cast<uint16_t>(above[x] + 2 * current[x] + below[x]);
     }
-    if (next != nullptr) {
-      uint8_t* swap = previous;
-      previous = current;
-      current = swap;
-      for (uint32_t x = 0; x < width; ++x) current[x] = next[2 * x];
+    columns[-1] = columns[0];
+    columns[width] = columns[width - 1];
+    for (uint32_t x = 0; x < width; ++x) {
+      int32_t blur = (columns[static_cast<int32_t>(x) - 1] + 2 * columns[x] + columns[x + 1] + 8) >> 4;
+      int32_t c = current[x];
+      int32_t v = c + (((c - blur) * strength + 2) >> 2);
+      out[2 * x] = static_cast<uint8_t>(v < 16 ? 16 : (v > 235 ? 235 : v));
     }
+    // The rows move up by one.
+    uint8_t* oldest = rows[0];
+    rows[0] = rows[1];
+    rows[1] = rows[2];
+    rows[2] = oldest;
   }
 }
 
@@ -282,7 +327,7 @@ void IspMeasureFrame(const uint8_t* raw, uint32_t wireWidth, uint32_t wireHeight
                      IspFrameStatistics* statistics) {
   std::memset(statistics, 0, sizeof(*statistics));
   if (layout == IspWireLayoutYuyv) {
-    for (uint32_t y = 0; y < wireHeight; y += 16) {
+    for (uint32_t y = 0; y < wireHeight; y += 32) {
       const uint8_t* row = raw + static_cast<size_t>(y) * wireWidth * 2;
       for (uint32_t x = 0; x + 1 < wireWidth; x += 8) {
         const uint8_t* pair = row + 2 * x;
@@ -294,7 +339,7 @@ void IspMeasureFrame(const uint8_t* raw, uint32_t wireWidth, uint32_t wireHeight
     }
     return;
   }
-  for (uint32_t y = 0; y + 1 < wireHeight; y += 16) {
+  for (uint32_t y = 0; y + 1 < wireHeight; y += 32) {
     const uint8_t* even = raw + static_cast<size_t>(y) * wireWidth;
     const uint8_t* odd = even + wireWidth;
     for (uint32_t x = 0; x + 1 < wireWidth; x += 8) {
@@ -315,6 +360,7 @@ void IspBuildAxisTaps(uint32_t sourceSize, uint32_t outputSize, IspAxisTaps* tap
   taps->SourceSize = sourceSize;
   taps->OutputSize = outputSize;
   uint32_t used = 0;
+  uint32_t maxCount = 0;
   for (uint32_t i = 0; i < outputSize; ++i) {
     taps->Offset[i] = used;
     uint16_t* weight = taps->Weight + used;
@@ -358,8 +404,13 @@ void IspBuildAxisTaps(uint32_t sourceSize, uint32_t outputSize, IspAxisTaps* tap
     }
     taps->First[i] = static_cast<uint16_t>(first);
     taps->Count[i] = static_cast<uint16_t>(count);
+    taps->FirstWeight[i] = weight[0];
+    taps->SecondWeight[i] = count > 1 ? weight[1] : 0;
+    taps->Second[i] = static_cast<uint16_t>(count > 1 ? first + 1 : first);
+    if (count > maxCount) maxCount = count;
     used += count;
   }
+  taps->MaxCount = maxCount;
 }
 
 NTSTATUS ISPFunc_RawToImg(uint64_t ispHandle, void* context, uint32_t mode,

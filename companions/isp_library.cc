@@ -51,7 +51,7 @@ NTSTATUS ISPFunc_Init(uint64_t* ispHandle, void* context, PDEVICE_OBJECT physica
   state->ExecuteScriptSection = executeScriptSection;
   state->ReadControllerByte = readControllerByte;
   state->WriteControllerPairs = writeControllerPairs;
-  state->BayerRow = IspSelectBayerRow();
+  IspSelectRowRoutines(&state->Rows);
   for (uint32_t i = 0; i < IspRowCacheSlots; ++i) state->CachedRow[i] = -1;
   state->WhiteGains = static_cast<uint32_t>(IspUnityGain) | (static_cast<uint32_t>(IspUnityGain) << 16);
   *ispHandle = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(state));

@@ -11,7 +11,7 @@
 //     matrix) and the luma table (backlight, gamma, contrast, brightness) are
 //     rebuilt only when a value they depend on changed.
 //  3. Geometry: a Bayer frame of the output size goes through one fused row
-//     routine (bilinear demosaic + matrix, portable or SSE2/AVX2); any other
+//     routine (bilinear demosaic + matrix, portable, SSSE3 or AVX2); any other
 //     frame is demosaiced (or unpacked from YUYV) a row at a time, resampled
 //     horizontally and vertically (box average when shrinking, bilinear when
 //     enlarging) and then put through the matrix.
@@ -78,11 +78,23 @@ constexpr int32_t IspAutoGainMax = 16384;  // 4.0
 
 // What the row routines need to turn three channels into one YUYV row. For a
 // Bayer source the channels are R, G, B (0..255); for a YUYV source Y, Cb, Cr.
+//
+// RGB rows (every Bayer source) work in 16-bit lanes, so that a vector holds
+// twice as many pixels; Q12 coefficients, Q4 results:
+//   Y  = clamp(min(65535, sum of (c x 256 x Y[i]) >> 16 + YBias16) >> 4, YMin, YMax)
+//        per pixel (luma coefficients taken unsigned: never negative for RGB)
+//   Cb = clamp(sat16(sat16(sat16(t0 + t1) + t2) + CbBias16) >> 4, 16, 240)
+//        per pair, with t = (s x 64 x Cb[i] + 2^14) >> 15 the rounded
+//        s x Cb[i] / 512, s the sum of the pair's two pixels; Cr alike
+// (the high-half multiplies of the vector units). Chroma coefficients are
+// kept within +-16383 (4.0) so that two terms never overflow 16 bits.
+//
+// YCbCr rows (a YUYV source, whose matrix may have negative luma terms)
+// work in 32 bits:
 //   Y  = clamp((Y[0] c0 + Y[1] c1 + Y[2] c2 + YBias) >> 12, YMin, YMax)        per pixel
 //   Cb = clamp((Cb[0] s0 + Cb[1] s1 + Cb[2] s2 + CbBias) >> 13, 16, 240)       per pair
-// where s = the sum of the pair's two pixels, and Cr alike. The biases hold
-// the output offset (16 or 128), the input offsets of a YUYV source and the
-// rounding half.
+// The biases hold the output offset (16 or 128), the input offsets of a YUYV
+// source and the rounding half.
 struct IspRowCoefficients {
   int16_t Y[3];
   int16_t Cb[3];
@@ -90,47 +102,88 @@ struct IspRowCoefficients {
   int32_t YBias;
   int32_t CbBias;
   int32_t CrBias;
+  int16_t YBias16;
+  int16_t CbBias16;
+  int16_t CrBias16;
   uint8_t YMin;
   uint8_t YMax;
 };
 
-// Develops one row of a Bayer frame (B G / G R) of the output size into YUYV:
-// bilinear demosaic and the colour matrix, fused. `above` and `below` are the
-// neighbouring rows (the caller reflects them at the frame's edges), `oddRow`
-// is 1 for a G R row. `width` is even and at least 2. The SSE2 and AVX2 forms
-// give the same bytes as the portable one.
+// Demosaic of a Bayer row (B G / G R), with m(a, b) = (a + b + 1) >> 1 (the
+// vector units' byte mean): a green site takes the colour of its row from
+// m(left, right) and the other colour from m(up, down); a colour site takes
+// green from m(m(left, right), m(up, down)) and the opposite colour from the
+// corners, m(m(up-left, up-right), m(down-left, down-right)). Neighbours
+// outside the row are reflected (column -1 reads column 1).
+
+// One row of a Bayer frame of the output size into YUYV: demosaic and RGB
+// matrix, fused. `above` and `below` are the neighbouring rows (the caller
+// reflects them at the frame's edges), `oddRow` is 1 for a G R row. `width`
+// is even and at least 2.
 typedef void (*IspBayerRowRoutine)(const uint8_t* above, const uint8_t* row, const uint8_t* below,
                                    uint32_t width, uint32_t oddRow, const IspRowCoefficients* k,
                                    uint8_t* out);
+// One whole Bayer row into three planes R, G, B (`width` at least 1).
+typedef void (*IspDemosaicRowRoutine)(const uint8_t* above, const uint8_t* row,
+                                      const uint8_t* below, uint32_t width, uint32_t oddRow,
+                                      uint8_t* red, uint8_t* green, uint8_t* blue);
+// Three planes R, G, B of `width` (even) pixels into one YUYV row.
+typedef void (*IspPlanarRowRoutine)(const uint8_t* red, const uint8_t* green, const uint8_t* blue,
+                                    uint32_t width, const IspRowCoefficients* k, uint8_t* out);
+
+// The portable forms: the reference the vector forms must match byte for
+// byte.
 void IspDevelopBayerRow_C(const uint8_t* above, const uint8_t* row, const uint8_t* below,
                           uint32_t width, uint32_t oddRow, const IspRowCoefficients* k,
                           uint8_t* out);
-// Pairs [firstPair, endPair) only: the portable reference, also used by the
-// vector forms for the edges of a row.
-void IspDevelopBayerPairs_C(const uint8_t* above, const uint8_t* row, const uint8_t* below,
-                            uint32_t width, uint32_t oddRow, uint32_t firstPair, uint32_t endPair,
-                            const IspRowCoefficients* k, uint8_t* out);
+void IspDemosaicBayerRow_C(const uint8_t* above, const uint8_t* row, const uint8_t* below,
+                           uint32_t width, uint32_t oddRow, uint8_t* red, uint8_t* green,
+                           uint8_t* blue);
+void IspConvertRgbRow_C(const uint8_t* red, const uint8_t* green, const uint8_t* blue,
+                        uint32_t width, const IspRowCoefficients* k, uint8_t* out);
 #if defined(__x86_64__) || defined(__i386__)
 #define ISP_HAVE_X86_ROWS 1
-void IspDevelopBayerRow_SSE2(const uint8_t* above, const uint8_t* row, const uint8_t* below,
-                             uint32_t width, uint32_t oddRow, const IspRowCoefficients* k,
-                             uint8_t* out);
+void IspDevelopBayerRow_SSSE3(const uint8_t* above, const uint8_t* row, const uint8_t* below,
+                              uint32_t width, uint32_t oddRow, const IspRowCoefficients* k,
+                              uint8_t* out);
+void IspDemosaicBayerRow_SSSE3(const uint8_t* above, const uint8_t* row, const uint8_t* below,
+                               uint32_t width, uint32_t oddRow, uint8_t* red, uint8_t* green,
+                               uint8_t* blue);
+void IspConvertRgbRow_SSSE3(const uint8_t* red, const uint8_t* green, const uint8_t* blue,
+                            uint32_t width, const IspRowCoefficients* k, uint8_t* out);
 void IspDevelopBayerRow_AVX2(const uint8_t* above, const uint8_t* row, const uint8_t* below,
                              uint32_t width, uint32_t oddRow, const IspRowCoefficients* k,
                              uint8_t* out);
+void IspDemosaicBayerRow_AVX2(const uint8_t* above, const uint8_t* row, const uint8_t* below,
+                              uint32_t width, uint32_t oddRow, uint8_t* red, uint8_t* green,
+                              uint8_t* blue);
+void IspConvertRgbRow_AVX2(const uint8_t* red, const uint8_t* green, const uint8_t* blue,
+                           uint32_t width, const IspRowCoefficients* k, uint8_t* out);
+bool IspCpuHasSsse3();
 bool IspCpuHasAvx2();
 #endif
-// The fastest form this processor runs.
-IspBayerRowRoutine IspSelectBayerRow();
 
-// Demosaics one whole Bayer row into three planes (R, G, B), the same
-// interpolation as the fused routine.
-void IspDemosaicBayerRow(const uint8_t* above, const uint8_t* row, const uint8_t* below,
-                         uint32_t width, uint32_t oddRow, uint8_t* red, uint8_t* green,
-                         uint8_t* blue);
-// Three planes of `width` (even) pixels into one YUYV row.
-void IspConvertPlanarRow(const uint8_t* c0, const uint8_t* c1, const uint8_t* c2, uint32_t width,
-                         const IspRowCoefficients* k, uint8_t* out);
+// One set of row routines, chosen once at ISPFunc_Init (not per row).
+struct IspRowRoutines {
+  IspBayerRowRoutine DevelopBayerRow;
+  IspDemosaicRowRoutine DemosaicRow;
+  IspPlanarRowRoutine ConvertRgbRow;
+};
+// The portable set, and the fastest set this processor runs.
+void IspPortableRowRoutines(IspRowRoutines* routines);
+void IspSelectRowRoutines(IspRowRoutines* routines);
+
+// Three planes Y, Cb, Cr of `width` (even) pixels into one YUYV row (YUYV
+// sources; portable only).
+void IspConvertYccRow(const uint8_t* y, const uint8_t* cb, const uint8_t* cr, uint32_t width,
+                      const IspRowCoefficients* k, uint8_t* out);
+
+// Columns first .. first + count - 1 of a row, reflected at both ends as the
+// demosaic reflects them (column -1 reads 1, column width reads width - 2;
+// columns further out read the nearest end): lets the vector forms run their
+// edge steps on a padded copy.
+void IspPadColumns(const uint8_t* row, uint32_t width, int32_t first, uint32_t count,
+                   uint8_t* padded);
 
 // ---------------------------------------------------------------- tables
 
@@ -167,7 +220,7 @@ bool IspBuildLumaTable(const IspSettings* settings, const uint8_t gammaCurve[256
 void IspBuildRowCoefficients(uint8_t layout, int32_t redGain, int32_t blueGain,
                              const IspSettings* settings, IspRowCoefficients* k);
 
-// Channel sums over a sparse grid of the raw frame (every 16th row, every
+// Channel sums over a sparse grid of the raw frame (every 32nd row, every
 // 8th column). Bayer: Sum = R, G, B over `Samples` quads, green counted
 // twice a quad. YUYV: Sum = Y (two a pair), Cb, Cr over `Samples` pairs.
 struct IspFrameStatistics {
@@ -191,6 +244,13 @@ constexpr uint32_t IspMaxTapWeights = 3 * IspMaxWidth;
 struct IspAxisTaps {
   uint32_t SourceSize;  // the key the table was built for; 0 = not built
   uint32_t OutputSize;
+  uint32_t MaxCount;    // the most taps of any output position
+  // When MaxCount is 1 or 2 (enlarging, or shrinking by less than 2): the
+  // same taps as two fixed ones, First and Second (Second = First with
+  // weight 0 where there is one tap), for a loop without a count.
+  uint16_t Second[IspMaxWidth];
+  uint16_t FirstWeight[IspMaxWidth];
+  uint16_t SecondWeight[IspMaxWidth];
   uint16_t First[IspMaxWidth];
   uint16_t Count[IspMaxWidth];
   uint32_t Offset[IspMaxWidth];
@@ -246,7 +306,7 @@ struct IspState {
   uint32_t WhiteGains;        // red | blue << 16, Q12, in force at the last frame
 
   // Frame path.
-  IspBayerRowRoutine BayerRow;
+  IspRowRoutines Rows;
   int32_t AwbRedGain;         // smoothed automatic gains, Q12; 0 = none yet
   int32_t AwbBlueGain;
   bool SettingsValid;
@@ -267,7 +327,8 @@ struct IspState {
   uint8_t SourcePlanes[3][IspMaxWidth];   // one demosaiced / unpacked wire row
   uint8_t OutputPlanes[3][IspMaxWidth];   // one resampled output row
   uint32_t Accumulator[3][IspMaxWidth];
-  uint8_t SharpenRows[2][IspMaxWidth];    // original luma of the previous and current row
+  uint8_t SharpenRows[3][IspMaxWidth];    // original luma above, at and below the row
+  uint16_t SharpenColumns[IspMaxWidth + 2];  // vertical (1 2 1) sums, edges repeated
 };
 
 // The shared words of the state are read and written whole, without a lock.

@@ -1,108 +1,288 @@
-// AVX2 form of the fused Bayer row (demosaic + colour matrix into YUYV),
-// sixteen pixels a step in 16-bit lanes. Compiled for AVX2 routine by
-// routine and chosen at run time (IspCpuHasAvx2), so the library still runs
-// on a processor without it. The unpack and pack steps work within each
-// 128-bit half, and each half holds eight neighbouring pixels, so the bytes
-// come out in order. It gives the bytes of
-// IspDevelopBayerPairs_C: the same integer sums, taken in another order.
-// The first pair and the tail of the row (where neighbours are reflected)
-// go to the portable routine. Frame path: no allocation, no blocking.
+// AVX2 forms of the image processor's rows: the fused Bayer row, the Bayer
+// row into planes and the RGB planes into YUYV, thirty-two pixels a step.
+// The demosaic works in bytes with the byte mean; pair sums come from a
+// multiply-add against 64s; the matrix works in 16-bit lanes with high-half
+// products. The unpack and pack steps work within each 128-bit half, so each
+// step ends with the halves put back in pixel order. Every routine gives the
+// bytes of its portable form (isp_rows.cc). Compiled for AVX2 routine by
+// routine and chosen at run time. Frame path: no allocation, no blocking.
 #include "companions/isp_library.h"
 
 #if defined(ISP_HAVE_X86_ROWS)
 
 #include <immintrin.h>
 
+#include <cstring>
+
 #define ISP_AVX2 __attribute__((target("avx2")))
 
 namespace {
 
-ISP_AVX2 inline __m256i Load16(const uint8_t* p) {
-  return _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
+constexpr uint32_t Step = 32;
+
+ISP_AVX2 inline __m256i Load(const uint8_t* p) {
+  return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
+}
+ISP_AVX2 inline void Store(uint8_t* p, __m256i v) {
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), v);
 }
 
-ISP_AVX2 inline __m256i Select(__m256i mask, __m256i ifSet, __m256i ifClear) {
-  return _mm256_or_si256(_mm256_and_si256(mask, ifSet), _mm256_andnot_si256(mask, ifClear));
+// The constants of one row. "own" is the colour of the row's colour sites
+// (B on a B G row, R on a G R row), "other" the opposite colour.
+struct RowVectors {
+  __m256i sixtyFours;
+  __m256i yOwn, yGreen, yOther, yBias;
+  __m256i cbOwn, cbGreen, cbOther, cbBias;
+  __m256i crOwn, crGreen, crOther, crBias;
+  __m256i low, high;
+  __m256i greenSites;
+};
+
+ISP_AVX2 inline __m256i GreenSites(uint32_t oddRow) {
+  // Odd bytes on a B G row, even bytes on a G R row.
+  return _mm256_set1_epi16(oddRow ? 0x00FF : static_cast<int16_t>(0xFF00));
 }
 
-// Two 16-bit coefficients repeated: the pattern pmaddwd multiplies an
-// interleaved (a, b) lane pair with.
-ISP_AVX2 inline __m256i Pair(int16_t a, int16_t b) {
-  return _mm256_set1_epi32(static_cast<int32_t>((static_cast<uint32_t>(static_cast<uint16_t>(b)) << 16) |
-                                             static_cast<uint16_t>(a)));
+ISP_AVX2 inline void MakeRowVectors(const IspRowCoefficients* k, uint32_t oddRow,
+                                    RowVectors* v) {
+  int own = oddRow ? 0 : 2;  // coefficient order is R, G, B
+  int other = oddRow ? 2 : 0;
+  // Multiply-add of a byte pair by 64 and 64: the pair's sum x 64.
+  v->sixtyFours = _mm256_set1_epi8(64);
+  v->yOwn = _mm256_set1_epi16(k->Y[own]);
+  v->yGreen = _mm256_set1_epi16(k->Y[1]);
+  v->yOther = _mm256_set1_epi16(k->Y[other]);
+  v->yBias = _mm256_set1_epi16(k->YBias16);
+  v->cbOwn = _mm256_set1_epi16(k->Cb[own]);
+  v->cbGreen = _mm256_set1_epi16(k->Cb[1]);
+  v->cbOther = _mm256_set1_epi16(k->Cb[other]);
+  v->cbBias = _mm256_set1_epi16(k->CbBias16);
+  v->crOwn = _mm256_set1_epi16(k->Cr[own]);
+  v->crGreen = _mm256_set1_epi16(k->Cr[1]);
+  v->crOther = _mm256_set1_epi16(k->Cr[other]);
+  v->crBias = _mm256_set1_epi16(k->CrBias16);
+  // Bytes alternate luma, chroma: the luma clamp and 16..240.
+  v->low = _mm256_set1_epi16(static_cast<int16_t>(k->YMin | (16 << 8)));
+  v->high = _mm256_set1_epi16(static_cast<int16_t>(k->YMax | (240 << 8)));
+  v->greenSites = GreenSites(oddRow);
+}
+
+// Demosaic of 32 pixels from row[0] on (row[0] an even column), reading
+// row[-1] .. row[32] and the same columns above and below.
+ISP_AVX2 inline void DemosaicStep(__m256i greenSites, const uint8_t* above, const uint8_t* row,
+                                  const uint8_t* below, __m256i* own, __m256i* green,
+                                  __m256i* other) {
+  __m256i c = Load(row);
+  __m256i horizontal = _mm256_avg_epu8(Load(row - 1), Load(row + 1));
+  __m256i vertical = _mm256_avg_epu8(Load(above), Load(below));
+  __m256i cross = _mm256_avg_epu8(horizontal, vertical);
+  __m256i corners = _mm256_avg_epu8(_mm256_avg_epu8(Load(above - 1), Load(above + 1)),
+                                    _mm256_avg_epu8(Load(below - 1), Load(below + 1)));
+  *green = _mm256_blendv_epi8(cross, c, greenSites);
+  *own = _mm256_blendv_epi8(c, horizontal, greenSites);
+  *other = _mm256_blendv_epi8(corners, vertical, greenSites);
+}
+
+// Luma, Q4 >> 4, of pixels whose channels sit in the high bytes (x 256).
+ISP_AVX2 inline __m256i Luma(const RowVectors& v, __m256i own, __m256i green, __m256i other) {
+  __m256i sum = _mm256_adds_epu16(_mm256_mulhi_epu16(own, v.yOwn),
+                                  _mm256_mulhi_epu16(green, v.yGreen));
+  sum = _mm256_adds_epu16(sum, _mm256_mulhi_epu16(other, v.yOther));
+  return _mm256_srli_epi16(_mm256_adds_epu16(sum, v.yBias), 4);
+}
+
+// Chroma of pixel pairs from their sums (already x 64).
+ISP_AVX2 inline __m256i Chroma(__m256i own, __m256i green, __m256i other, __m256i kOwn,
+                               __m256i kGreen, __m256i kOther, __m256i bias) {
+  __m256i sum =
+      _mm256_adds_epi16(_mm256_mulhrs_epi16(own, kOwn), _mm256_mulhrs_epi16(green, kGreen));
+  sum = _mm256_adds_epi16(sum, _mm256_mulhrs_epi16(other, kOther));
+  return _mm256_srai_epi16(_mm256_adds_epi16(sum, bias), 4);
+}
+
+// The matrix for 32 pixels of three channels into 64 bytes of YUYV.
+ISP_AVX2 inline void ColourStep(const RowVectors& v, __m256i own, __m256i green, __m256i other,
+                                uint8_t* out) {
+  // Pair sums x 64: pairs 0..7 in the low half, 8..15 in the high half.
+  __m256i ownSum = _mm256_maddubs_epi16(own, v.sixtyFours);
+  __m256i greenSum = _mm256_maddubs_epi16(green, v.sixtyFours);
+  __m256i otherSum = _mm256_maddubs_epi16(other, v.sixtyFours);
+  __m256i cb = Chroma(ownSum, greenSum, otherSum, v.cbOwn, v.cbGreen, v.cbOther, v.cbBias);
+  __m256i cr = Chroma(ownSum, greenSum, otherSum, v.crOwn, v.crGreen, v.crOther, v.crBias);
+
+  // Luma a pixel pair per 16-bit lane: even pixels (low bytes) and odd
+  // pixels (high bytes), each moved into the high byte (x 256).
+  const __m256i highBytes = _mm256_set1_epi16(static_cast<int16_t>(0xFF00));
+  __m256i lumaEven = Luma(v, _mm256_slli_epi16(own, 8), _mm256_slli_epi16(green, 8),
+                          _mm256_slli_epi16(other, 8));
+  __m256i lumaOdd = Luma(v, _mm256_and_si256(own, highBytes), _mm256_and_si256(green, highBytes),
+                         _mm256_and_si256(other, highBytes));
+  // Bytes Y0 Cb Y1 Cr per pair.
+  __m256i luma = _mm256_packus_epi16(lumaEven, lumaOdd);  // even lumas | odd lumas
+  __m256i chroma = _mm256_packus_epi16(cb, cr);           // Cb | Cr
+  __m256i withCb = _mm256_unpacklo_epi8(luma, chroma);    // Y0 Cb per pair
+  __m256i withCr = _mm256_unpackhi_epi8(luma, chroma);    // Y1 Cr per pair
+  __m256i a = _mm256_unpacklo_epi16(withCb, withCr);      // pairs 0..3 | 8..11
+  __m256i b = _mm256_unpackhi_epi16(withCb, withCr);      // pairs 4..7 | 12..15
+  __m256i first = _mm256_permute2x128_si256(a, b, 0x20);   // pixels 0..15
+  __m256i second = _mm256_permute2x128_si256(a, b, 0x31);  // pixels 16..31
+  Store(out, _mm256_min_epu8(_mm256_max_epu8(first, v.low), v.high));
+  Store(out + 32, _mm256_min_epu8(_mm256_max_epu8(second, v.low), v.high));
+}
+
+// Padded copies of columns start - 1 .. start + 32 of the three rows, for
+// the steps at the ends of a row where neighbours are reflected.
+struct PaddedRows {
+  uint8_t above[Step + 2];
+  uint8_t row[Step + 2];
+  uint8_t below[Step + 2];
+};
+inline void PadRows(const uint8_t* above, const uint8_t* row, const uint8_t* below,
+                    uint32_t width, int32_t start, PaddedRows* padded) {
+  IspPadColumns(above, width, start - 1, Step + 2, padded->above);
+  IspPadColumns(row, width, start - 1, Step + 2, padded->row);
+  IspPadColumns(below, width, start - 1, Step + 2, padded->below);
+}
+
+// Where the last step of a row starts: even (the lanes' colour order needs
+// it) and reaching the last pixel.
+inline uint32_t LastStart(uint32_t width) { return (width - Step + 1) & ~1u; }
+
+ISP_AVX2 void DevelopPadded(const RowVectors& v, const uint8_t* above, const uint8_t* row,
+                            const uint8_t* below, uint32_t width, uint32_t start, uint32_t from,
+                            uint32_t pixels, uint8_t* out) {
+  PaddedRows padded;
+  PadRows(above, row, below, width, static_cast<int32_t>(start), &padded);
+  __m256i own, green, other;
+  DemosaicStep(v.greenSites, padded.above + 1, padded.row + 1, padded.below + 1, &own, &green,
+               &other);
+  uint8_t developed[2 * Step];
+  ColourStep(v, own, green, other, developed);
+  std::memcpy(out + 2 * (start + from), developed + 2 * from, 2 * pixels);
+}
+
+// The first and the last pair of an even row of at least 32 pixels in one
+// step: lanes 0..15 take columns 0..15, lanes 16..31 columns width - 16 ..
+// width - 1, each end with its reflected neighbour. The lanes next to the
+// seam see a wrong neighbour, but only the two outer pairs are kept.
+inline void PadEnds(const uint8_t* source, uint32_t width, uint8_t* padded) {
+  padded[0] = source[1];
+  std::memcpy(padded + 1, source, 16);
+  std::memcpy(padded + 1 + 16, source + width - 16, 16);
+  padded[Step + 1] = source[width - 2];
+}
+
+ISP_AVX2 void DevelopEnds(const RowVectors& v, const uint8_t* above, const uint8_t* row,
+                          const uint8_t* below, uint32_t width, uint8_t* out) {
+  PaddedRows padded;
+  PadEnds(above, width, padded.above);
+  PadEnds(row, width, padded.row);
+  PadEnds(below, width, padded.below);
+  __m256i own, green, other;
+  DemosaicStep(v.greenSites, padded.above + 1, padded.row + 1, padded.below + 1, &own, &green,
+               &other);
+  uint8_t developed[2 * Step];
+  ColourStep(v, own, green, other, developed);
+  std::memcpy(out, developed, 4);
+  std::memcpy(out + 2 * (width - 2), developed + 2 * (Step - 2), 4);
+}
+
+ISP_AVX2 void DemosaicPadded(__m256i greenSites, const uint8_t* above, const uint8_t* row,
+                             const uint8_t* below, uint32_t width, uint32_t start, uint32_t from,
+                             uint32_t pixels, uint8_t* ownPlane, uint8_t* greenPlane,
+                             uint8_t* otherPlane) {
+  PaddedRows padded;
+  PadRows(above, row, below, width, static_cast<int32_t>(start), &padded);
+  __m256i own, green, other;
+  DemosaicStep(greenSites, padded.above + 1, padded.row + 1, padded.below + 1, &own, &green,
+               &other);
+  uint8_t bytes[3][Step];
+  Store(bytes[0], own);
+  Store(bytes[1], green);
+  Store(bytes[2], other);
+  std::memcpy(ownPlane + start + from, bytes[0] + from, pixels);
+  std::memcpy(greenPlane + start + from, bytes[1] + from, pixels);
+  std::memcpy(otherPlane + start + from, bytes[2] + from, pixels);
 }
 
 }  // namespace
 
-ISP_AVX2 void IspDevelopBayerRow_AVX2(const uint8_t* above, const uint8_t* row, const uint8_t* below,
-                             uint32_t width, uint32_t oddRow, const IspRowCoefficients* k,
-                             uint8_t* out) {
-  // Channel order in the lanes: "own" (this row's colour: B on even rows, R
-  // on odd rows), G, "other".
-  int ownIndex = oddRow ? 0 : 2;
-  int otherIndex = oddRow ? 2 : 0;
-  const __m256i zero = _mm256_setzero_si256();
-  const __m256i yOwnGreen = Pair(k->Y[ownIndex], k->Y[1]);
-  const __m256i yOther = Pair(k->Y[otherIndex], 0);
-  const __m256i cbOwn = _mm256_set1_epi16(k->Cb[ownIndex]);
-  const __m256i cbGreen = _mm256_set1_epi16(k->Cb[1]);
-  const __m256i cbOther = _mm256_set1_epi16(k->Cb[otherIndex]);
-  const __m256i crOwn = _mm256_set1_epi16(k->Cr[ownIndex]);
-  const __m256i crGreen = _mm256_set1_epi16(k->Cr[1]);
-  const __m256i crOther = _mm256_set1_epi16(k->Cr[otherIndex]);
-  const __m256i yBias = _mm256_set1_epi32(k->YBias);
-  const __m256i cbBias = _mm256_set1_epi32(k->CbBias);
-  const __m256i crBias = _mm256_set1_epi32(k->CrBias);
-  const __m256i low = _mm256_set1_epi16(static_cast<int16_t>(k->YMin | (16 << 8)));
-  const __m256i high = _mm256_set1_epi16(static_cast<int16_t>(k->YMax | (240 << 8)));
-  const __m256i one = _mm256_set1_epi16(1);
-  const __m256i two = _mm256_set1_epi16(2);
-  // Green sites: odd lanes on a B G row, even lanes on a G R row.
-  const __m256i greenLanes =
-      oddRow ? _mm256_set1_epi32(0x0000FFFF) : _mm256_set1_epi32(static_cast<int32_t>(0xFFFF0000u));
-
-  uint32_t x = 2;
-  for (; x + 17 <= width; x += 16) {
-    __m256i c = Load16(row + x);
-    __m256i horizontal = _mm256_add_epi16(Load16(row + x - 1), Load16(row + x + 1));
-    __m256i vertical = _mm256_add_epi16(Load16(above + x), Load16(below + x));
-    __m256i corners = _mm256_add_epi16(_mm256_add_epi16(Load16(above + x - 1), Load16(above + x + 1)),
-                                    _mm256_add_epi16(Load16(below + x - 1), Load16(below + x + 1)));
-    __m256i cross = _mm256_srli_epi16(_mm256_add_epi16(_mm256_add_epi16(horizontal, vertical), two), 2);
-    __m256i diagonal = _mm256_srli_epi16(_mm256_add_epi16(corners, two), 2);
-    __m256i hMean = _mm256_srli_epi16(_mm256_add_epi16(horizontal, one), 1);
-    __m256i vMean = _mm256_srli_epi16(_mm256_add_epi16(vertical, one), 1);
-    __m256i green = Select(greenLanes, c, cross);
-    __m256i own = Select(greenLanes, hMean, c);
-    __m256i other = Select(greenLanes, vMean, diagonal);
-
-    __m256i yLow = _mm256_add_epi32(
-        _mm256_add_epi32(_mm256_madd_epi16(_mm256_unpacklo_epi16(own, green), yOwnGreen),
-                      _mm256_madd_epi16(_mm256_unpacklo_epi16(other, zero), yOther)),
-        yBias);
-    __m256i yHigh = _mm256_add_epi32(
-        _mm256_add_epi32(_mm256_madd_epi16(_mm256_unpackhi_epi16(own, green), yOwnGreen),
-                      _mm256_madd_epi16(_mm256_unpackhi_epi16(other, zero), yOther)),
-        yBias);
-    __m256i luma = _mm256_packs_epi32(_mm256_srai_epi32(yLow, 12), _mm256_srai_epi32(yHigh, 12));
-
-    // pmaddwd on the plain lanes adds each pixel pair: the pair sums times
-    // the coefficient.
-    __m256i cb = _mm256_add_epi32(_mm256_add_epi32(_mm256_madd_epi16(own, cbOwn), _mm256_madd_epi16(green, cbGreen)),
-                               _mm256_add_epi32(_mm256_madd_epi16(other, cbOther), cbBias));
-    __m256i cr = _mm256_add_epi32(_mm256_add_epi32(_mm256_madd_epi16(own, crOwn), _mm256_madd_epi16(green, crGreen)),
-                               _mm256_add_epi32(_mm256_madd_epi16(other, crOther), crBias));
-    cb = _mm256_srai_epi32(cb, 13);
-    cr = _mm256_srai_epi32(cr, 13);
-    __m256i chroma = _mm256_packs_epi32(_mm256_unpacklo_epi32(cb, cr), _mm256_unpackhi_epi32(cb, cr));
-
-    __m256i bytes = _mm256_packus_epi16(_mm256_unpacklo_epi16(luma, chroma),
-                                     _mm256_unpackhi_epi16(luma, chroma));
-    bytes = _mm256_min_epu8(_mm256_max_epu8(bytes, low), high);
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + 2 * x), bytes);
+ISP_AVX2 void IspDevelopBayerRow_AVX2(const uint8_t* above, const uint8_t* row,
+                                      const uint8_t* below, uint32_t width, uint32_t oddRow,
+                                      const IspRowCoefficients* k, uint8_t* out) {
+  RowVectors v;
+  MakeRowVectors(k, oddRow, &v);
+  if (width < Step + 3) {
+    // A short row: padded steps only, the second one ending at the row's end.
+    DevelopPadded(v, above, row, below, width, 0, 0, width < Step ? width : Step, out);
+    if (width > Step) {
+      uint32_t start = LastStart(width);
+      DevelopPadded(v, above, row, below, width, start, 0, width - start, out);
+    }
+    return;
   }
-  IspDevelopBayerPairs_C(above, row, below, width, oddRow, 0, 1, k, out);
-  IspDevelopBayerPairs_C(above, row, below, width, oddRow, x / 2, width / 2, k, out);
+  // Steps from pixel 2 on, the last one moved back to end at or before pixel
+  // width - 3 (overlapping the one before: the same bytes again). The first
+  // and the last pair see reflected neighbours: padded steps.
+  uint32_t last = (width - Step - 1) & ~1u;
+  for (uint32_t step = 2;; step += Step) {
+    uint32_t x = step < last ? step : last;
+    __m256i own, green, other;
+    DemosaicStep(v.greenSites, above + x, row + x, below + x, &own, &green, &other);
+    ColourStep(v, own, green, other, out + 2 * x);
+    if (x == last) break;
+  }
+  DevelopEnds(v, above, row, below, width, out);
+}
+
+ISP_AVX2 void IspDemosaicBayerRow_AVX2(const uint8_t* above, const uint8_t* row,
+                                       const uint8_t* below, uint32_t width, uint32_t oddRow,
+                                       uint8_t* red, uint8_t* green, uint8_t* blue) {
+  uint8_t* ownPlane = oddRow ? red : blue;
+  uint8_t* otherPlane = oddRow ? blue : red;
+  const __m256i greenSites = GreenSites(oddRow);
+  if (width < Step + 3) {
+    DemosaicPadded(greenSites, above, row, below, width, 0, 0, width < Step ? width : Step,
+                   ownPlane, green, otherPlane);
+    if (width > Step) {
+      uint32_t start = LastStart(width);
+      DemosaicPadded(greenSites, above, row, below, width, start, 0, width - start, ownPlane,
+                     green, otherPlane);
+    }
+    return;
+  }
+  uint32_t last = (width - Step - 1) & ~1u;
+  for (uint32_t step = 2;; step += Step) {
+    uint32_t x = step < last ? step : last;
+    __m256i own, g, other;
+    DemosaicStep(greenSites, above + x, row + x, below + x, &own, &g, &other);
+    Store(ownPlane + x, own);
+    Store(green + x, g);
+    Store(otherPlane + x, other);
+    if (x == last) break;
+  }
+  DemosaicPadded(greenSites, above, row, below, width, 0, 0, 2, ownPlane, green, otherPlane);
+  uint32_t start = LastStart(width);
+  DemosaicPadded(greenSites, above, row, below, width, start, width - 2 - start, 2, ownPlane,
+                 green, otherPlane);
+}
+
+ISP_AVX2 void IspConvertRgbRow_AVX2(const uint8_t* red, const uint8_t* green,
+                                    const uint8_t* blue, uint32_t width,
+                                    const IspRowCoefficients* k, uint8_t* out) {
+  if (width < Step) {
+    IspConvertRgbRow_C(red, green, blue, width, k, out);
+    return;
+  }
+  // As a B G row: "own" is blue, "other" red. The last step moves back to
+  // end at the row's end (width is even, so it starts on a pair).
+  RowVectors v;
+  MakeRowVectors(k, 0, &v);
+  for (uint32_t step = 0;; step += Step) {
+    uint32_t x = step < width - Step ? step : width - Step;
+    ColourStep(v, Load(blue + x), Load(green + x), Load(red + x), out + 2 * x);
+    if (x == width - Step) break;
+  }
 }
 
 bool IspCpuHasAvx2() {

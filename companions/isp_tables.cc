@@ -245,11 +245,10 @@ void IspBuildRowCoefficients(uint8_t layout, int32_t redGain, int32_t blueGain,
   }
   int16_t* rows[3] = {k->Y, k->Cb, k->Cr};
   for (int i = 0; i < 3; ++i) {
-    // Extreme gains times full saturation can leave 16 bits; they saturate.
-    for (int j = 0; j < 3; ++j) {
-      int64_t v = m[i][j] < -32768 ? -32768 : (m[i][j] > 32767 ? 32767 : m[i][j]);
-      rows[i][j] = static_cast<int16_t>(v);
-    }
+    // Extreme gains times full saturation can leave the range: luma
+    // saturates at 8.0, chroma at 4.0 (the fused rows' 16-bit sums).
+    int64_t limit = i == 0 ? 32767 : 16383;
+    for (int j = 0; j < 3; ++j) rows[i][j] = static_cast<int16_t>(Clamp64(m[i][j], -limit, limit));
   }
   // Biases: the source offsets (none for RGB; 16, 128, 128 for YCbCr), the
   // output offset and the rounding half of the final shift.
@@ -270,6 +269,11 @@ void IspBuildRowCoefficients(uint8_t layout, int32_t redGain, int32_t blueGain,
   // more bit of shift.
   k->CbBias = (128 << 13) - 2 * offsetCb + (1 << 12);
   k->CrBias = (128 << 13) - 2 * offsetCr + (1 << 12);
+  // The same in Q4 for the fused Bayer rows (RGB source, no input offsets):
+  // 16 x 16 + 8 and 128 x 16 + 8.
+  k->YBias16 = (16 << 4) + 8;
+  k->CbBias16 = (128 << 4) + 8;
+  k->CrBias16 = (128 << 4) + 8;
   k->YMin = 16;
   k->YMax = 235;
 }

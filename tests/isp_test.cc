@@ -744,26 +744,37 @@ TEST(IspRows, VectorRowsGiveThePortableBytes) {
   SCOPED_TRACE(testing::Message() << "seed " << seed);
   struct Form {
     const char* name;
-    IspBayerRowRoutine routine;
+    IspRowRoutines rows;
     bool available;
   };
-  const Form forms[] = {{"SSE2", IspDevelopBayerRow_SSE2, true},
-                        {"AVX2", IspDevelopBayerRow_AVX2, IspCpuHasAvx2()}};
-  const uint32_t widths[] = {2, 4, 6, 8, 10, 16, 18, 20, 26, 34, 36, 40, 50, 98, 130, 642, 1600};
+  const Form forms[] = {
+      {"SSSE3", {IspDevelopBayerRow_SSSE3, IspDemosaicBayerRow_SSSE3, IspConvertRgbRow_SSSE3},
+       IspCpuHasSsse3()},
+      {"AVX2", {IspDevelopBayerRow_AVX2, IspDemosaicBayerRow_AVX2, IspConvertRgbRow_AVX2},
+       IspCpuHasAvx2()},
+  };
+  // Around every step length and its edges; odd widths for the demosaic.
+  const uint32_t widths[] = {1,  2,  3,  4,  6,  8,  15, 16, 17, 18, 19, 20,  26,  31, 32,
+                             33, 34, 35, 36, 37, 40, 50, 63, 64, 66, 67, 98, 130, 642, 1600};
   IspSettings neutral;
   IspClampSettings(NeutralRecord.data(), &neutral);
-  for (uint32_t round = 0; round < 12; ++round) {
-    // Coefficients: the neutral matrix, then random ones up to the extremes
-    // (large gains and saturation), with both luma clamps.
+  auto bytes = [&](size_t n) {
+    std::vector<uint8_t> v(n);
+    for (auto& b : v) b = static_cast<uint8_t>(random());
+    return v;
+  };
+  for (uint32_t round = 0; round < 10; ++round) {
+    // The neutral matrix, then random coefficients and biases over the whole
+    // 16-bit range (saturation included), with both luma clamps.
     IspRowCoefficients k;
     IspBuildRowCoefficients(IspWireLayoutBayer, IspUnityGain, IspUnityGain, &neutral, &k);
     if (round > 0) {
       for (int16_t* row : {k.Y, k.Cb, k.Cr}) {
         for (int j = 0; j < 3; ++j) row[j] = static_cast<int16_t>(random() % 65536 - 32768);
       }
-      k.YBias = static_cast<int32_t>(random() % (1 << 24)) - (1 << 23);
-      k.CbBias = static_cast<int32_t>(random() % (1 << 24)) - (1 << 23);
-      k.CrBias = static_cast<int32_t>(random() % (1 << 24)) - (1 << 23);
+      k.YBias16 = static_cast<int16_t>(random() % 65536 - 32768);
+      k.CbBias16 = static_cast<int16_t>(random() % 65536 - 32768);
+      k.CrBias16 = static_cast<int16_t>(random() % 65536 - 32768);
       if (round & 1) {
         k.YMin = 0;
         k.YMax = 255;
@@ -771,24 +782,49 @@ TEST(IspRows, VectorRowsGiveThePortableBytes) {
     }
     for (uint32_t width : widths) {
       for (uint32_t misalign = 0; misalign < 2; ++misalign) {
-        // Each row exactly as long as it must be (plus the misalignment), so
+        // Each row exactly as long as it must be (after the misalignment), so
         // that a read past its end is caught by the sanitizer.
-        std::vector<uint8_t> rows[3];
-        for (auto& row : rows) {
-          row.resize(width + misalign);
-          for (auto& v : row) v = static_cast<uint8_t>(random());
-        }
+        std::vector<uint8_t> rows[3] = {bytes(width + misalign), bytes(width + misalign),
+                                        bytes(width + misalign)};
+        const uint8_t* a = rows[0].data() + misalign;
+        const uint8_t* r = rows[1].data() + misalign;
+        const uint8_t* b = rows[2].data() + misalign;
         for (uint32_t oddRow = 0; oddRow < 2; ++oddRow) {
-          std::vector<uint8_t> expected(2 * width);
-          IspDevelopBayerRow_C(rows[0].data() + misalign, rows[1].data() + misalign,
-                               rows[2].data() + misalign, width, oddRow, &k, expected.data());
+          std::vector<uint8_t> planes[3] = {std::vector<uint8_t>(width),
+                                            std::vector<uint8_t>(width),
+                                            std::vector<uint8_t>(width)};
+          IspDemosaicBayerRow_C(a, r, b, width, oddRow, planes[0].data(), planes[1].data(),
+                                planes[2].data());
+          std::vector<uint8_t> fused, converted;
+          if ((width & 1) == 0) {
+            fused.resize(2 * width);
+            converted.resize(2 * width);
+            IspDevelopBayerRow_C(a, r, b, width, oddRow, &k, fused.data());
+            IspConvertRgbRow_C(rows[0].data(), rows[1].data(), rows[2].data(), width, &k,
+                               converted.data());
+          }
           for (const Form& form : forms) {
             if (!form.available) continue;
-            std::vector<uint8_t> actual(2 * width + misalign);
-            form.routine(rows[0].data() + misalign, rows[1].data() + misalign,
-                         rows[2].data() + misalign, width, oddRow, &k, actual.data() + misalign);
-            ASSERT_EQ(std::vector<uint8_t>(actual.begin() + misalign, actual.end()), expected)
-                << form.name << " width " << width << " odd row " << oddRow << " round " << round;
+            SCOPED_TRACE(testing::Message() << form.name << " width " << width << " odd row "
+                                            << oddRow << " round " << round);
+            std::vector<uint8_t> out[3] = {std::vector<uint8_t>(width + misalign),
+                                           std::vector<uint8_t>(width + misalign),
+                                           std::vector<uint8_t>(width + misalign)};
+            form.rows.DemosaicRow(a, r, b, width, oddRow, out[0].data() + misalign,
+                                  out[1].data() + misalign, out[2].data() + misalign);
+            for (int p = 0; p < 3; ++p) {
+              ASSERT_EQ(std::vector<uint8_t>(out[p].begin() + misalign, out[p].end()), planes[p])
+                  << "demosaic plane " << p;
+            }
+            if ((width & 1) != 0) continue;
+            std::vector<uint8_t> yuyv(2 * width + misalign);
+            form.rows.DevelopBayerRow(a, r, b, width, oddRow, &k, yuyv.data() + misalign);
+            ASSERT_EQ(std::vector<uint8_t>(yuyv.begin() + misalign, yuyv.end()), fused)
+                << "fused row";
+            form.rows.ConvertRgbRow(rows[0].data(), rows[1].data(), rows[2].data(), width, &k,
+                                    yuyv.data() + misalign);
+            ASSERT_EQ(std::vector<uint8_t>(yuyv.begin() + misalign, yuyv.end()), converted)
+                << "planes to YUYV";
           }
         }
       }
