@@ -77,7 +77,8 @@ bool SameAsPortable(benchmark::State& state, const std::vector<uint8_t>& best,
 }
 
 void Report(benchmark::State& state, size_t outputBytes) {
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(outputBytes));
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) *
+                          static_cast<int64_t>(outputBytes));
 }
 
 struct Handles {
@@ -178,7 +179,8 @@ BENCHMARK(BM_FuncYuvToBmp)->Apply(SizeArgs);
 void BM_FuncYuvToI420(benchmark::State& state) {
   uint32_t w = static_cast<uint32_t>(state.range(0)), h = static_cast<uint32_t>(state.range(1));
   Handles func;
-  std::vector<uint8_t> yuyv = SceneYuyv(w, h), out(static_cast<size_t>(w) * h * 3 / 2), ref(out.size());
+  std::vector<uint8_t> yuyv = SceneYuyv(w, h), out(static_cast<size_t>(w) * h * 3 / 2),
+                       ref(out.size());
   FUNC_YuvToI420(func.Best, yuyv.data(), w, h, out.data());
   FUNC_YuvToI420(func.Portable, yuyv.data(), w, h, ref.data());
   if (!SameAsPortable(state, out, ref)) return;

@@ -27,8 +27,8 @@ FuncState* StateOf(uint64_t funcHandle) {
 
 }  // namespace
 
-const FuncRowSet FuncPortableRows = {BayerBgToYuyvRow_C, BayerGrToYuyvRow_C,
-                                     BayerCellsToYuyvRow_C, YuyvToBgr24Row_C, YuyvToI420Row_C};
+const FuncRowSet FuncPortableRows = {BayerBgToYuyvRow_C, BayerGrToYuyvRow_C, BayerCellsToYuyvRow_C,
+                                     YuyvToBgr24Row_C, YuyvToI420Row_C};
 
 #ifdef MR740_FUNC_HAVE_AVX2
 static const FuncRowSet FuncAvx2Rows = {BayerBgToYuyvRow_AVX2, BayerGrToYuyvRow_AVX2,

@@ -165,7 +165,8 @@ void AreaDownscale(const FuncRowSet* rows, const uint8_t* raw, uint32_t rawWidth
     return;
   }
   if (cellsX % width == 0 && cellsY % height == 0) {  // kx x ky cells a pixel
-    uint32_t kx = static_cast<uint32_t>(cellsX / width), ky = static_cast<uint32_t>(cellsY / height);
+    uint32_t kx = static_cast<uint32_t>(cellsX / width),
+             ky = static_cast<uint32_t>(cellsY / height);
     uint32_t n = kx * ky;
     for (uint32_t y = 0; y < height; ++y) {
       const uint8_t* band = raw + stride * (2 * static_cast<size_t>(ky) * y);
@@ -347,7 +348,11 @@ struct RowStepper {
 };
 
 RowStepper FirstRowPosition(uint32_t raw, uint32_t out, uint32_t samples) {
-  return RowStepper{raw * 128 / out, raw * 128 % out, 256 * raw / out, 256 * raw % out, out,
+  return RowStepper{raw * 128 / out,
+                    raw * 128 % out,
+                    256 * raw / out,
+                    256 * raw % out,
+                    out,
                     (static_cast<int32_t>(samples) - 1) * 256};
 }
 
@@ -440,8 +445,8 @@ void FUNC_RawToYuv(uint64_t funcHandle, const uint8_t* raw, uint32_t rawWidth, u
     return;
   }
   if (rawWidth == width && rawHeight == height) {
-    DemosaicSameSize(FuncRowsOf(funcHandle), raw, static_cast<int>(width),
-                     static_cast<int>(height), destination);
+    DemosaicSameSize(FuncRowsOf(funcHandle), raw, static_cast<int>(width), static_cast<int>(height),
+                     destination);
   } else if (rawWidth / 2 >= width && rawHeight / 2 >= height) {
     AreaDownscale(FuncRowsOf(funcHandle), raw, rawWidth, rawHeight, destination, width, height);
   } else {

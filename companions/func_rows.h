@@ -59,9 +59,11 @@ inline uint8_t FuncLumaOf(FuncRgb c) {
 inline void FuncPackPair(FuncRgb p0, FuncRgb p1, uint8_t* dst) {
   uint32_t rs = p0.R + p1.R, gs = p0.G + p1.G, bs = p0.B + p1.B;
   dst[0] = FuncLumaOf(p0);
-  dst[1] = static_cast<uint8_t>((FuncCbB * bs + FuncChromaOffset - FuncCbG * gs - FuncCbR * rs) >> 8);
+  dst[1] =
+      static_cast<uint8_t>((FuncCbB * bs + FuncChromaOffset - FuncCbG * gs - FuncCbR * rs) >> 8);
   dst[2] = FuncLumaOf(p1);
-  dst[3] = static_cast<uint8_t>((FuncCrR * rs + FuncChromaOffset - FuncCrG * gs - FuncCrB * bs) >> 8);
+  dst[3] =
+      static_cast<uint8_t>((FuncCrR * rs + FuncChromaOffset - FuncCrG * gs - FuncCrB * bs) >> 8);
 }
 
 // An odd width leaves one pixel at the end of each YUYV row, in two bytes:
@@ -130,10 +132,10 @@ inline FuncRgb FuncBayerPixel(const uint8_t* above, const uint8_t* row, const ui
   bool oddColumn = (x & 1) != 0;
   if (!oddRow) {
     if (!oddColumn) return FuncRgb{diagonal, cross, own};  // blue site
-    return FuncRgb{upDown, own, across};                    // green site on a blue row
+    return FuncRgb{upDown, own, across};                   // green site on a blue row
   }
-  if (!oddColumn) return FuncRgb{across, own, upDown};     // green site on a red row
-  return FuncRgb{own, cross, diagonal};                     // red site
+  if (!oddColumn) return FuncRgb{across, own, upDown};  // green site on a red row
+  return FuncRgb{own, cross, diagonal};                 // red site
 }
 
 // ---------------------------------------------------------------- rows

@@ -15,8 +15,8 @@ namespace {
 // Two signed 16-bit multipliers as one pmaddwd operand word: `lo` for the
 // even 16-bit lane, `hi` for the odd one.
 FUNC_AVX2 inline __m256i MaddPair(int32_t lo, int32_t hi) {
-  return _mm256_set1_epi32(static_cast<int32_t>((static_cast<uint32_t>(static_cast<uint16_t>(hi)) << 16) |
-                                                static_cast<uint16_t>(lo)));
+  return _mm256_set1_epi32(static_cast<int32_t>(
+      (static_cast<uint32_t>(static_cast<uint16_t>(hi)) << 16) | static_cast<uint16_t>(lo)));
 }
 
 FUNC_AVX2 inline __m256i Load(const uint8_t* p) {
@@ -43,16 +43,19 @@ FUNC_AVX2 inline void StorePairs16(__m256i re, __m256i ge, __m256i be, __m256i r
   const __m256i offset = _mm256_set1_epi16(static_cast<int16_t>(FuncChromaOffset));
   __m256i cb = _mm256_add_epi16(_mm256_mullo_epi16(bs, _mm256_set1_epi16(FuncCbB)), offset);
   cb = _mm256_sub_epi16(cb, _mm256_mullo_epi16(gs, _mm256_set1_epi16(FuncCbG)));
-  cb = _mm256_srli_epi16(_mm256_sub_epi16(cb, _mm256_mullo_epi16(rs, _mm256_set1_epi16(FuncCbR))), 8);
+  cb = _mm256_srli_epi16(_mm256_sub_epi16(cb, _mm256_mullo_epi16(rs, _mm256_set1_epi16(FuncCbR))),
+                         8);
   __m256i cr = _mm256_add_epi16(_mm256_mullo_epi16(rs, _mm256_set1_epi16(FuncCrR)), offset);
   cr = _mm256_sub_epi16(cr, _mm256_mullo_epi16(gs, _mm256_set1_epi16(FuncCrG)));
-  cr = _mm256_srli_epi16(_mm256_sub_epi16(cr, _mm256_mullo_epi16(bs, _mm256_set1_epi16(FuncCrB))), 8);
+  cr = _mm256_srli_epi16(_mm256_sub_epi16(cr, _mm256_mullo_epi16(bs, _mm256_set1_epi16(FuncCrB))),
+                         8);
   __m256i w0 = _mm256_or_si256(ye, _mm256_slli_epi16(cb, 8));  // Y0 Cb
   __m256i w1 = _mm256_or_si256(yo, _mm256_slli_epi16(cr, 8));  // Y1 Cr
-  __m256i lo = _mm256_unpacklo_epi16(w0, w1);  // pairs 0-3 | 8-11
-  __m256i hi = _mm256_unpackhi_epi16(w0, w1);  // pairs 4-7 | 12-15
+  __m256i lo = _mm256_unpacklo_epi16(w0, w1);                  // pairs 0-3 | 8-11
+  __m256i hi = _mm256_unpackhi_epi16(w0, w1);                  // pairs 4-7 | 12-15
   _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst), _mm256_permute2x128_si256(lo, hi, 0x20));
-  _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + 32), _mm256_permute2x128_si256(lo, hi, 0x31));
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + 32),
+                      _mm256_permute2x128_si256(lo, hi, 0x31));
 }
 
 // A vector step does the 16 pairs from pair i on; its loads reach from byte
@@ -65,16 +68,15 @@ FUNC_AVX2 inline void StorePairs16(__m256i re, __m256i ge, __m256i be, __m256i r
 constexpr int BayerFirstVectorPair = 1;
 inline int BayerLastVectorPair(int width) { return (width - 34) / 2; }
 
-
 // The 16 pairs from pair i of a B G row.
 FUNC_AVX2 inline void BayerBgStep(const uint8_t* above, const uint8_t* row, const uint8_t* below,
-                                 uint8_t* dstYuyv, int i) {
+                                  uint8_t* dstYuyv, int i) {
   const __m256i low = _mm256_set1_epi16(0x00FF);
   int x = 2 * i;
   __m256i c0 = Load(row + x), a0 = Load(above + x), d0 = Load(below + x);
   __m256i ce = _mm256_and_si256(c0, low), co = _mm256_srli_epi16(c0, 8);
-  __m256i coLeft = _mm256_srli_epi16(Load(row + x - 2), 8);     // row[x - 1]
-  __m256i ceRight = _mm256_and_si256(Load(row + x + 2), low);   // row[x + 2]
+  __m256i coLeft = _mm256_srli_epi16(Load(row + x - 2), 8);    // row[x - 1]
+  __m256i ceRight = _mm256_and_si256(Load(row + x + 2), low);  // row[x + 2]
   __m256i ae = _mm256_and_si256(a0, low), ao = _mm256_srli_epi16(a0, 8);
   __m256i aoLeft = _mm256_srli_epi16(Load(above + x - 2), 8);
   __m256i de = _mm256_and_si256(d0, low), dOdd = _mm256_srli_epi16(d0, 8);
@@ -94,7 +96,7 @@ FUNC_AVX2 inline void BayerBgStep(const uint8_t* above, const uint8_t* row, cons
 
 // The 16 pairs from pair i of a G R row.
 FUNC_AVX2 inline void BayerGrStep(const uint8_t* above, const uint8_t* row, const uint8_t* below,
-                                 uint8_t* dstYuyv, int i) {
+                                  uint8_t* dstYuyv, int i) {
   const __m256i low = _mm256_set1_epi16(0x00FF);
   int x = 2 * i;
   __m256i c0 = Load(row + x), a0 = Load(above + x), d0 = Load(below + x);
@@ -120,8 +122,8 @@ FUNC_AVX2 inline void BayerGrStep(const uint8_t* above, const uint8_t* row, cons
 
 }  // namespace
 
-FUNC_AVX2 void BayerBgToYuyvRow_AVX2(const uint8_t* above, const uint8_t* row,
-                                     const uint8_t* below, uint8_t* dstYuyv, int width) {
+FUNC_AVX2 void BayerBgToYuyvRow_AVX2(const uint8_t* above, const uint8_t* row, const uint8_t* below,
+                                     uint8_t* dstYuyv, int width) {
   int pairs = width / 2;
   int last = BayerLastVectorPair(width);
   int i = BayerFirstVectorPair < pairs ? BayerFirstVectorPair : pairs;
@@ -137,8 +139,8 @@ FUNC_AVX2 void BayerBgToYuyvRow_AVX2(const uint8_t* above, const uint8_t* row,
   BayerBgToYuyvPairs_C(above, row, below, dstYuyv, width, i, pairs, true);
 }
 
-FUNC_AVX2 void BayerGrToYuyvRow_AVX2(const uint8_t* above, const uint8_t* row,
-                                     const uint8_t* below, uint8_t* dstYuyv, int width) {
+FUNC_AVX2 void BayerGrToYuyvRow_AVX2(const uint8_t* above, const uint8_t* row, const uint8_t* below,
+                                     uint8_t* dstYuyv, int width) {
   int pairs = width / 2;
   int last = BayerLastVectorPair(width);
   int i = BayerFirstVectorPair < pairs ? BayerFirstVectorPair : pairs;
@@ -184,8 +186,8 @@ FUNC_AVX2 inline void BayerCellsStep(const uint8_t* top, const uint8_t* bottom, 
 // 32 output pixels a step, the last step moved back to end at the row's end
 // (overlapping); an odd width's last pixel and rows under 32 pixels go to the
 // portable row.
-FUNC_AVX2 void BayerCellsToYuyvRow_AVX2(const uint8_t* top, const uint8_t* bottom,
-                                        uint8_t* dstYuyv, int width) {
+FUNC_AVX2 void BayerCellsToYuyvRow_AVX2(const uint8_t* top, const uint8_t* bottom, uint8_t* dstYuyv,
+                                        int width) {
   if (width < 32) {
     BayerCellsToYuyvRow_C(top, bottom, dstYuyv, width);
     return;
@@ -248,18 +250,22 @@ FUNC_AVX2 void YuyvToBgr24Row_AVX2(const uint8_t* srcYuyv, uint8_t* dstBgr, int 
     __m256i yuHi = _mm256_sub_epi16(_mm256_shuffle_epi8(s, yuB), bias);
     __m256i yvLo = _mm256_sub_epi16(_mm256_shuffle_epi8(s, yvA), bias);
     __m256i yvHi = _mm256_sub_epi16(_mm256_shuffle_epi8(s, yvB), bias);
-    __m256i rLo = _mm256_srai_epi32(_mm256_add_epi32(_mm256_madd_epi16(yvLo, cR), round), FuncRgbShift);
-    __m256i rHi = _mm256_srai_epi32(_mm256_add_epi32(_mm256_madd_epi16(yvHi, cR), round), FuncRgbShift);
+    __m256i rLo =
+        _mm256_srai_epi32(_mm256_add_epi32(_mm256_madd_epi16(yvLo, cR), round), FuncRgbShift);
+    __m256i rHi =
+        _mm256_srai_epi32(_mm256_add_epi32(_mm256_madd_epi16(yvHi, cR), round), FuncRgbShift);
     __m256i gLo = _mm256_srai_epi32(
-        _mm256_add_epi32(_mm256_add_epi32(_mm256_madd_epi16(yuLo, cGu), _mm256_madd_epi16(yvLo, cGv)),
-                         round),
+        _mm256_add_epi32(
+            _mm256_add_epi32(_mm256_madd_epi16(yuLo, cGu), _mm256_madd_epi16(yvLo, cGv)), round),
         FuncRgbShift);
     __m256i gHi = _mm256_srai_epi32(
-        _mm256_add_epi32(_mm256_add_epi32(_mm256_madd_epi16(yuHi, cGu), _mm256_madd_epi16(yvHi, cGv)),
-                         round),
+        _mm256_add_epi32(
+            _mm256_add_epi32(_mm256_madd_epi16(yuHi, cGu), _mm256_madd_epi16(yvHi, cGv)), round),
         FuncRgbShift);
-    __m256i bLo = _mm256_srai_epi32(_mm256_add_epi32(_mm256_madd_epi16(yuLo, cB), round), FuncRgbShift);
-    __m256i bHi = _mm256_srai_epi32(_mm256_add_epi32(_mm256_madd_epi16(yuHi, cB), round), FuncRgbShift);
+    __m256i bLo =
+        _mm256_srai_epi32(_mm256_add_epi32(_mm256_madd_epi16(yuLo, cB), round), FuncRgbShift);
+    __m256i bHi =
+        _mm256_srai_epi32(_mm256_add_epi32(_mm256_madd_epi16(yuHi, cB), round), FuncRgbShift);
     __m256i r16 = _mm256_packs_epi32(rLo, rHi);  // pixels 0-7 | 8-15, saturated
     __m256i g16 = _mm256_packs_epi32(gLo, gHi);
     __m256i b16 = _mm256_packs_epi32(bLo, bHi);
@@ -305,8 +311,8 @@ FUNC_AVX2 void YuyvToI420Row_AVX2(const uint8_t* srcA, const uint8_t* srcB, uint
     _mm_storeu_si128(reinterpret_cast<__m128i*>(dstYA + x), _mm256_castsi256_si128(ya));
     _mm_storeu_si128(reinterpret_cast<__m128i*>(dstYB + x), _mm256_castsi256_si128(yb));
     // (a + b) >> 1: the rounded-up mean less the lost half.
-    __m256i mean = _mm256_sub_epi8(_mm256_avg_epu8(a, b),
-                                   _mm256_and_si256(_mm256_xor_si256(a, b), one));
+    __m256i mean =
+        _mm256_sub_epi8(_mm256_avg_epu8(a, b), _mm256_and_si256(_mm256_xor_si256(a, b), one));
     __m128i uv = _mm256_castsi256_si128(
         _mm256_permutevar8x32_epi32(_mm256_shuffle_epi8(mean, pickUv), gatherUv));
     _mm_storel_epi64(reinterpret_cast<__m128i*>(dstU + x / 2), uv);

@@ -28,6 +28,7 @@ void FUNC_YuvToBmp(uint64_t funcHandle, const uint8_t* source, uint32_t width, u
   FuncYuyvToBgrRow row = FuncRowsOf(funcHandle)->YuyvToBgrRow;
   size_t srcStride = 2 * static_cast<size_t>(width), dstStride = 3 * static_cast<size_t>(width);
   for (uint32_t y = 0; y < height; ++y) {
-    row(source + srcStride * y, destination + dstStride * (height - 1 - y), static_cast<int>(width));
+    row(source + srcStride * y, destination + dstStride * (height - 1 - y),
+        static_cast<int>(width));
   }
 }

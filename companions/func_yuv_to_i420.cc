@@ -50,5 +50,6 @@ void FUNC_YuvToI420(uint64_t funcHandle, const uint8_t* source, uint32_t width, 
         planeY + yStride * (y + 1), planeU + cStride * (y / 2), planeV + cStride * (y / 2),
         static_cast<int>(width));
   }
-  if (y < height) YuyvToYRow_C(source + srcStride * y, planeY + yStride * y, static_cast<int>(width));
+  if (y < height)
+    YuyvToYRow_C(source + srcStride * y, planeY + yStride * y, static_cast<int>(width));
 }

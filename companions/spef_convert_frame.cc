@@ -27,8 +27,8 @@ void SpefNegativeRow_C(uint8_t* yuyv, int pixels) {
   }
 }
 
-const SpefRowSet SpefPortableRows = {SpefConstantChromaRow_C, SpefNegativeRow_C,
-                                     SpefLoadLumaRow_C, SpefEmbossRow_C, SpefSketchRow_C};
+const SpefRowSet SpefPortableRows = {SpefConstantChromaRow_C, SpefNegativeRow_C, SpefLoadLumaRow_C,
+                                     SpefEmbossRow_C, SpefSketchRow_C};
 
 #ifdef MR740_SPEF_HAVE_AVX2
 static const SpefRowSet SpefAvx2Rows = {SpefConstantChromaRow_AVX2, SpefNegativeRow_AVX2,
@@ -71,8 +71,8 @@ void SpefLoadLumaRow_C(const uint8_t* yuyv, int width, uint8_t* row) {
   row[width] = row[width - 1];
 }
 
-void SpefEmbossRow_C(const uint8_t* above, const uint8_t* row, const uint8_t* below,
-                     uint8_t* yuyv, int width, int32_t gain) {
+void SpefEmbossRow_C(const uint8_t* above, const uint8_t* row, const uint8_t* below, uint8_t* yuyv,
+                     int width, int32_t gain) {
   (void)row;
   for (int x = 0; x < width; ++x) {
     int32_t d = static_cast<int32_t>(below[x + 1]) - static_cast<int32_t>(above[x - 1]);
@@ -81,8 +81,8 @@ void SpefEmbossRow_C(const uint8_t* above, const uint8_t* row, const uint8_t* be
   }
 }
 
-void SpefSketchRow_C(const uint8_t* above, const uint8_t* row, const uint8_t* below,
-                     uint8_t* yuyv, int width, int32_t gain) {
+void SpefSketchRow_C(const uint8_t* above, const uint8_t* row, const uint8_t* below, uint8_t* yuyv,
+                     int width, int32_t gain) {
   for (int x = 0; x < width; ++x) {
     int32_t gx = static_cast<int32_t>(row[x + 1]) - static_cast<int32_t>(row[x - 1]);
     int32_t gy = static_cast<int32_t>(below[x]) - static_cast<int32_t>(above[x]);
@@ -141,7 +141,8 @@ void SpefApplyEffect(const SpefRowSet* rows, SpefPrivate* priv, uint32_t effectI
     case SpefKindConstantChroma: {
       uint8_t cb = static_cast<uint8_t>(effect.Parameters[0]);
       uint8_t cr = static_cast<uint8_t>(effect.Parameters[1]);
-      for (uint32_t r = 0; r < rowCount; ++r) rows->ConstantChroma(picture + stride * r, rowPixels, cb, cr);
+      for (uint32_t r = 0; r < rowCount; ++r)
+        rows->ConstantChroma(picture + stride * r, rowPixels, cb, cr);
       break;
     }
     case SpefKindNegative:

@@ -27,7 +27,8 @@ void BuildSolarise(const uint32_t* p, uint8_t* tableY, uint8_t* tableU, uint8_t*
   FillIdentity(tableU);
   FillIdentity(tableV);
   for (int i = 0; i < 256; ++i) {
-    tableY[i] = static_cast<uint32_t>(i) >= p[0] ? Clamp(251 - i, 16, 235) : static_cast<uint8_t>(i);
+    tableY[i] =
+        static_cast<uint32_t>(i) >= p[0] ? Clamp(251 - i, 16, 235) : static_cast<uint8_t>(i);
   }
 }
 

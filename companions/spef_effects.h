@@ -45,7 +45,7 @@ enum SpefKind : uint32_t {
   SpefKindNone,
   SpefKindConstantChroma,  // Cb, Cr := P0, P1
   SpefKindNegative,
-  SpefKindTable,           // Y, Cb, Cr through tables built at SPEF_Init
+  SpefKindTable,  // Y, Cb, Cr through tables built at SPEF_Init
   SpefKindEmboss,
   SpefKindSketch,
 };
@@ -103,18 +103,18 @@ typedef void (*SpefNegativeRow)(uint8_t* yuyv, int pixels);
 typedef void (*SpefLoadLumaRow)(const uint8_t* yuyv, int width, uint8_t* row);
 // One output row of a neighbourhood effect from the original luma of the
 // rows above, at and below it (each with the one-pixel margins).
-typedef void (*SpefNeighbourhoodRow)(const uint8_t* above, const uint8_t* row,
-                                     const uint8_t* below, uint8_t* yuyv, int width, int32_t gain);
+typedef void (*SpefNeighbourhoodRow)(const uint8_t* above, const uint8_t* row, const uint8_t* below,
+                                     uint8_t* yuyv, int width, int32_t gain);
 
 void SpefConstantChromaRow_C(uint8_t* yuyv, int pixels, uint8_t cb, uint8_t cr);
 void SpefNegativeRow_C(uint8_t* yuyv, int pixels);
 void SpefLumaTableRow_C(uint8_t* yuyv, int pixels, const uint8_t* tableY);
 void SpefChromaTableRow_C(uint8_t* yuyv, int pixels, const uint8_t* tableU, const uint8_t* tableV);
 void SpefLoadLumaRow_C(const uint8_t* yuyv, int width, uint8_t* row);
-void SpefEmbossRow_C(const uint8_t* above, const uint8_t* row, const uint8_t* below,
-                     uint8_t* yuyv, int width, int32_t gain);
-void SpefSketchRow_C(const uint8_t* above, const uint8_t* row, const uint8_t* below,
-                     uint8_t* yuyv, int width, int32_t gain);
+void SpefEmbossRow_C(const uint8_t* above, const uint8_t* row, const uint8_t* below, uint8_t* yuyv,
+                     int width, int32_t gain);
+void SpefSketchRow_C(const uint8_t* above, const uint8_t* row, const uint8_t* below, uint8_t* yuyv,
+                     int width, int32_t gain);
 
 #if defined(__x86_64__) || defined(__i386__)
 #define MR740_SPEF_HAVE_AVX2 1

@@ -12,8 +12,8 @@
 
 SPEF_AVX2 void SpefConstantChromaRow_AVX2(uint8_t* yuyv, int pixels, uint8_t cb, uint8_t cr) {
   const __m256i keepY = _mm256_set1_epi32(0x00FF00FF);
-  const __m256i chroma = _mm256_set1_epi32(static_cast<int32_t>((static_cast<uint32_t>(cr) << 24) |
-                                                                (static_cast<uint32_t>(cb) << 8)));
+  const __m256i chroma = _mm256_set1_epi32(
+      static_cast<int32_t>((static_cast<uint32_t>(cr) << 24) | (static_cast<uint32_t>(cb) << 8)));
   int x = 0;
   for (; x + 16 <= pixels; x += 16) {
     auto* p = reinterpret_cast<__m256i*>(yuyv + 2 * x);
@@ -42,8 +42,10 @@ SPEF_AVX2 void SpefLoadLumaRow_AVX2(const uint8_t* yuyv, int width, uint8_t* row
   const __m256i low = _mm256_set1_epi16(0x00FF);
   int x = 0;
   for (; x + 32 <= width; x += 32) {
-    __m256i a = _mm256_and_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(yuyv + 2 * x)), low);
-    __m256i b = _mm256_and_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(yuyv + 2 * x + 32)), low);
+    __m256i a =
+        _mm256_and_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(yuyv + 2 * x)), low);
+    __m256i b = _mm256_and_si256(
+        _mm256_loadu_si256(reinterpret_cast<const __m256i*>(yuyv + 2 * x + 32)), low);
     __m256i packed = _mm256_permute4x64_epi64(_mm256_packus_epi16(a, b), 0xD8);
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(row + x), packed);
   }
@@ -62,7 +64,8 @@ SPEF_AVX2 inline __m256i Widen(const uint8_t* p) {
 // chroma 128: 32 bytes at dst.
 SPEF_AVX2 inline void StoreGrey16(__m256i luma, uint8_t* dst) {
   luma = _mm256_min_epi16(_mm256_max_epi16(luma, _mm256_set1_epi16(16)), _mm256_set1_epi16(235));
-  _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst), _mm256_or_si256(luma, _mm256_set1_epi16(128 << 8)));
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst),
+                      _mm256_or_si256(luma, _mm256_set1_epi16(static_cast<int16_t>(0x8000))));
 }
 
 }  // namespace

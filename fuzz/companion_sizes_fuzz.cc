@@ -23,7 +23,9 @@ namespace {
 
 constexpr uint32_t MaxWidth = 1600, MaxHeight = 1200;
 
-uint32_t Bounded(uint32_t value, uint32_t limit) { return value == 0 ? 1 : (value > limit ? limit : value); }
+uint32_t Bounded(uint32_t value, uint32_t limit) {
+  return value == 0 ? 1 : (value > limit ? limit : value);
+}
 
 void Fill(std::vector<uint8_t>& buffer, const uint8_t* content, size_t contentSize) {
   for (size_t i = 0; i < buffer.size(); ++i) {
@@ -51,15 +53,28 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   uint32_t h = 1 + (static_cast<uint32_t>(data[4] | data[5] << 8) % maxH);
   uint32_t rawW = w, rawH = h;
   switch (data[6] % 6) {
-    case 1: rawW = w * 2; rawH = h * 2; break;
-    case 2: rawW = w / 2; rawH = h / 2; break;
-    case 3: rawW = w * 4; rawH = h * 4; break;
-    case 4: rawW = w / 4; rawH = h / 4; break;
+    case 1:
+      rawW = w * 2;
+      rawH = h * 2;
+      break;
+    case 2:
+      rawW = w / 2;
+      rawH = h / 2;
+      break;
+    case 3:
+      rawW = w * 4;
+      rawH = h * 4;
+      break;
+    case 4:
+      rawW = w / 4;
+      rawH = h / 4;
+      break;
     case 5:
       rawW = static_cast<uint32_t>(data[7] | data[8] << 8) % (maxW + 1);
       rawH = static_cast<uint32_t>(data[9] | data[10] << 8) % (maxH + 1);
       break;
-    default: break;
+    default:
+      break;
   }
   // Zero raw sizes stay zero (the library paints black); others are bounded.
   if (rawW != 0) rawW = Bounded(rawW, MaxWidth);

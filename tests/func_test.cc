@@ -135,7 +135,8 @@ TEST(FuncRawToYuv, GreyRampsSurviveTheDemosaicAlongBothAxes) {
   for (int vertical = 0; vertical < 2; ++vertical) {
     std::vector<uint8_t> raw(w * h);
     for (uint32_t y = 0; y < h; ++y)
-      for (uint32_t x = 0; x < w; ++x) raw[y * w + x] = static_cast<uint8_t>(vertical ? 20 + 9 * y : 10 + 2 * x);
+      for (uint32_t x = 0; x < w; ++x)
+        raw[y * w + x] = static_cast<uint8_t>(vertical ? 20 + 9 * y : 10 + 2 * x);
     std::vector<uint8_t> yuyv(2 * w * h);
     FUNC_RawToYuv(func.Handle, raw.data(), w, h, yuyv.data(), w, h);
     for (uint32_t y = 1; y + 1 < h; ++y) {
@@ -159,33 +160,33 @@ TEST(FuncRawToYuv, ResampledFlatPatchesKeepTheirColour) {
       {32, 24, 64, 48},    // half
       {256, 192, 64, 48},  // four times
       {16, 12, 64, 48},    // a quarter
-      {100, 75, 64, 48},   {30, 22, 61, 47}, {320, 240, 33, 7}, {5, 3, 17, 9}, {64, 48, 64, 48},
+      {100, 75, 64, 48},  {30, 22, 61, 47}, {320, 240, 33, 7}, {5, 3, 17, 9}, {64, 48, 64, 48},
   };
   // With a handle the upscaling goes through its working rows; without one
   // pixel by pixel.
   FuncHandle func;
   for (uint64_t handle : {func.Handle, uint64_t{0}}) {
-  for (const Case& k : cases) {
-    for (const Rgb8& c : {kBars[1], kBars[4], kBars[6], Rgb8{235, 120, 30}}) {
-      SCOPED_TRACE(testing::Message() << k.rawW << "x" << k.rawH << " -> " << k.w << "x" << k.h
-                                      << " colour " << c.R << "," << c.G << "," << c.B
-                                      << (handle ? " with" : " without") << " a handle");
-      std::vector<uint8_t> raw = FlatBayer(c, k.rawW, k.rawH);
-      std::vector<uint8_t> yuyv(2 * k.w * k.h);
-      FUNC_RawToYuv(handle, raw.data(), k.rawW, k.rawH, yuyv.data(), k.w, k.h);
-      YuvRef want = ReferenceYuv(c.R, c.G, c.B);
-      int bad = 0;
-      for (uint32_t y = 0; y < k.h && bad < 3; ++y)
-        for (uint32_t x = 0; x < k.w && bad < 3; ++x) {
-          Yuv8 got = PixelOf(yuyv, k.w, x, y);
-          if (!IsNear(got, want, kYuvTolerance)) {
-            ++bad;
-            ADD_FAILURE() << "pixel " << x << "," << y << " is " << got.Y << " " << got.Cb << " "
-                          << got.Cr;
+    for (const Case& k : cases) {
+      for (const Rgb8& c : {kBars[1], kBars[4], kBars[6], Rgb8{235, 120, 30}}) {
+        SCOPED_TRACE(testing::Message()
+                     << k.rawW << "x" << k.rawH << " -> " << k.w << "x" << k.h << " colour " << c.R
+                     << "," << c.G << "," << c.B << (handle ? " with" : " without") << " a handle");
+        std::vector<uint8_t> raw = FlatBayer(c, k.rawW, k.rawH);
+        std::vector<uint8_t> yuyv(2 * k.w * k.h);
+        FUNC_RawToYuv(handle, raw.data(), k.rawW, k.rawH, yuyv.data(), k.w, k.h);
+        YuvRef want = ReferenceYuv(c.R, c.G, c.B);
+        int bad = 0;
+        for (uint32_t y = 0; y < k.h && bad < 3; ++y)
+          for (uint32_t x = 0; x < k.w && bad < 3; ++x) {
+            Yuv8 got = PixelOf(yuyv, k.w, x, y);
+            if (!IsNear(got, want, kYuvTolerance)) {
+              ++bad;
+              ADD_FAILURE() << "pixel " << x << "," << y << " is " << got.Y << " " << got.Cb << " "
+                            << got.Cr;
+            }
           }
-        }
+      }
     }
-  }
   }
 }
 
@@ -202,22 +203,24 @@ TEST(FuncRawToYuv, ResamplingKeepsTheLayoutOfThePicture) {
   const Rgb8 red{191, 0, 0}, blue{0, 0, 191};
   FuncHandle func;
   for (uint64_t handle : {func.Handle, uint64_t{0}}) {
-  for (const Case& k : cases) {
-    SCOPED_TRACE(testing::Message() << k.rawW << "x" << k.rawH << (handle ? " with" : " without")
-                                    << " a handle");
-    std::vector<uint8_t> raw(k.rawW * k.rawH);
-    for (uint32_t y = 0; y < k.rawH; ++y)
-      for (uint32_t x = 0; x < k.rawW; ++x) raw[y * k.rawW + x] = Site(x < k.rawW / 2 ? red : blue, x, y);
-    std::vector<uint8_t> yuyv(2 * w * h);
-    FUNC_RawToYuv(handle, raw.data(), k.rawW, k.rawH, yuyv.data(), w, h);
-    YuvRef left = ReferenceYuv(red.R, red.G, red.B), right = ReferenceYuv(blue.R, blue.G, blue.B);
-    for (uint32_t y = 0; y < h; ++y) {
-      ExpectNear(PixelOf(yuyv, w, 2, y), left, kYuvTolerance, "left");
-      ExpectNear(PixelOf(yuyv, w, w / 4, y), left, kYuvTolerance, "middle of the left half");
-      ExpectNear(PixelOf(yuyv, w, 3 * w / 4, y), right, kYuvTolerance, "middle of the right half");
-      ExpectNear(PixelOf(yuyv, w, w - 3, y), right, kYuvTolerance, "right");
+    for (const Case& k : cases) {
+      SCOPED_TRACE(testing::Message()
+                   << k.rawW << "x" << k.rawH << (handle ? " with" : " without") << " a handle");
+      std::vector<uint8_t> raw(k.rawW * k.rawH);
+      for (uint32_t y = 0; y < k.rawH; ++y)
+        for (uint32_t x = 0; x < k.rawW; ++x)
+          raw[y * k.rawW + x] = Site(x < k.rawW / 2 ? red : blue, x, y);
+      std::vector<uint8_t> yuyv(2 * w * h);
+      FUNC_RawToYuv(handle, raw.data(), k.rawW, k.rawH, yuyv.data(), w, h);
+      YuvRef left = ReferenceYuv(red.R, red.G, red.B), right = ReferenceYuv(blue.R, blue.G, blue.B);
+      for (uint32_t y = 0; y < h; ++y) {
+        ExpectNear(PixelOf(yuyv, w, 2, y), left, kYuvTolerance, "left");
+        ExpectNear(PixelOf(yuyv, w, w / 4, y), left, kYuvTolerance, "middle of the left half");
+        ExpectNear(PixelOf(yuyv, w, 3 * w / 4, y), right, kYuvTolerance,
+                   "middle of the right half");
+        ExpectNear(PixelOf(yuyv, w, w - 3, y), right, kYuvTolerance, "right");
+      }
     }
-  }
   }
 }
 
@@ -252,7 +255,8 @@ TEST(FuncYuvToBmp, RowsAreStoredBottomUp) {
   for (uint32_t row = 0; row < h; ++row) {
     Rgb8 want = ReferenceRgb(30 + 25 * (h - 1 - row), 128, 128);
     for (uint32_t x = 0; x < w; ++x)
-      for (int c = 0; c < 3; ++c) EXPECT_NEAR(bgr[3 * (row * w + x) + c], want.G, kRgbTolerance) << row;
+      for (int c = 0; c < 3; ++c)
+        EXPECT_NEAR(bgr[3 * (row * w + x) + c], want.G, kRgbTolerance) << row;
   }
 }
 
@@ -262,7 +266,8 @@ TEST(FuncYuvToBmp, MatchesTheFloatReferenceOverTheWholeCube) {
   std::vector<uint8_t> yuyv;
   for (int y = 0; y < 256; y += 7)
     for (int u = 0; u < 256; u += 7)
-      for (int v = 0; v < 256; v += 7) yuyv.insert(yuyv.end(), {uint8_t(y), uint8_t(u), uint8_t(255 - y), uint8_t(v)});
+      for (int v = 0; v < 256; v += 7)
+        yuyv.insert(yuyv.end(), {uint8_t(y), uint8_t(u), uint8_t(255 - y), uint8_t(v)});
   uint32_t w = static_cast<uint32_t>(yuyv.size() / 2);
   std::vector<uint8_t> bgr(3 * w);
   FUNC_YuvToBmp(func.Handle, yuyv.data(), w, 1, bgr.data());
@@ -274,8 +279,9 @@ TEST(FuncYuvToBmp, MatchesTheFloatReferenceOverTheWholeCube) {
     if (std::abs(got[0] - want.B) > kRgbTolerance || std::abs(got[1] - want.G) > kRgbTolerance ||
         std::abs(got[2] - want.R) > kRgbTolerance) {
       ++bad;
-      ADD_FAILURE() << "Y " << int((x & 1) ? p[2] : p[0]) << " Cb " << int(p[1]) << " Cr " << int(p[3])
-                    << ": got " << int(got[2]) << "," << int(got[1]) << "," << int(got[0]);
+      ADD_FAILURE() << "Y " << int((x & 1) ? p[2] : p[0]) << " Cb " << int(p[1]) << " Cr "
+                    << int(p[3]) << ": got " << int(got[2]) << "," << int(got[1]) << ","
+                    << int(got[0]);
     }
   }
 }
@@ -302,7 +308,8 @@ TEST(FuncYuvToI420, PlanesAreLaidOutYThenCbThenCrWithRoundDownMeans) {
     std::vector<uint8_t> out(total + 16, 0xEE);
     FUNC_YuvToI420(func.Handle, yuyv.data(), k.w, k.h, out.data());
     for (uint32_t y = 0; y < k.h; ++y)
-      for (uint32_t x = 0; x < k.w; ++x) EXPECT_EQ(out[y * k.w + x], (y * 16 + x) & 255) << x << "," << y;
+      for (uint32_t x = 0; x < k.w; ++x)
+        EXPECT_EQ(out[y * k.w + x], (y * 16 + x) & 255) << x << "," << y;
     const uint8_t* cb = &out[k.w * k.h];
     const uint8_t* cr = cb + (k.w / 2) * (k.h / 2);
     for (uint32_t cy = 0; cy < k.h / 2; ++cy)
@@ -337,7 +344,7 @@ TEST(FuncRows, VectorRowsMatchPortableRowsOnOddWidthsAndBufferEnds) {
     fill(rows);
     const uint8_t* above = rows.data() + 1;  // unaligned
     const uint8_t* row = above + w;
-    const uint8_t* below = row + w;          // ends at the allocation's end
+    const uint8_t* below = row + w;  // ends at the allocation's end
     std::vector<uint8_t> want(2 * w), got(2 * w);
     BayerBgToYuyvRow_C(above, row, below, want.data(), w);
     BayerBgToYuyvRow_AVX2(above, row, below, got.data(), w);

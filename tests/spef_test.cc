@@ -88,8 +88,8 @@ TEST(SpefEffects, PointEffectsChangeWhatTheyShouldAndKeepTheRest) {
           if (after[i] != wantY || after[i + 1] != wantC) {
             ++bad;
             ADD_FAILURE() << "pixel " << x << "," << y << ": " << int(before[i]) << " "
-                          << int(before[i + 1]) << " -> " << int(after[i]) << " " << int(after[i + 1])
-                          << ", want " << wantY << " " << wantC;
+                          << int(before[i + 1]) << " -> " << int(after[i]) << " "
+                          << int(after[i + 1]) << ", want " << wantY << " " << wantC;
           }
         }
       }
@@ -200,7 +200,8 @@ TEST(SpefRecordLayout, NameSlotsSitWhereTheEffectPropertyReadsThem) {
   Spef spef;
   const uint8_t* base = reinterpret_cast<const uint8_t*>(spef.Handle);
   auto name = [&](uint32_t category, uint32_t list, uint32_t n) {
-    const char* slot = reinterpret_cast<const char*>(base + 14 * (((category * 64 + list) * 10) + n + 2));
+    const char* slot =
+        reinterpret_cast<const char*>(base + 14 * (((category * 64 + list) * 10) + n + 2));
     EXPECT_EQ(std::memchr(slot, 0, 14) != nullptr, true) << "slot without its terminating zero";
     return std::string(slot, strnlen(slot, 14));
   };
@@ -211,11 +212,16 @@ TEST(SpefRecordLayout, NameSlotsSitWhereTheEffectPropertyReadsThem) {
     const char* categoryName;
   };
   const Expected effects[] = {
-      {0, 0, "None", "", "Colour"},          {0, 1, "Monochrome", "Cb", "Colour"},
-      {0, 2, "Sepia", "Cb", "Colour"},       {0, 3, "Negative", "Luma sum", "Colour"},
-      {0, 4, "Cool", "Cb shift+128", "Colour"}, {0, 5, "Warm", "Cb shift+128", "Colour"},
-      {1, 0, "Solarise", "Threshold", "Tone"}, {1, 1, "Posterise", "Levels", "Tone"},
-      {1, 2, "High contrast", "Gain x64", "Tone"}, {2, 0, "Emboss", "Gain", "Artistic"},
+      {0, 0, "None", "", "Colour"},
+      {0, 1, "Monochrome", "Cb", "Colour"},
+      {0, 2, "Sepia", "Cb", "Colour"},
+      {0, 3, "Negative", "Luma sum", "Colour"},
+      {0, 4, "Cool", "Cb shift+128", "Colour"},
+      {0, 5, "Warm", "Cb shift+128", "Colour"},
+      {1, 0, "Solarise", "Threshold", "Tone"},
+      {1, 1, "Posterise", "Levels", "Tone"},
+      {1, 2, "High contrast", "Gain x64", "Tone"},
+      {2, 0, "Emboss", "Gain", "Artistic"},
       {2, 1, "Sketch", "Gain", "Artistic"},
   };
   for (const Expected& e : effects) {
