@@ -19,10 +19,46 @@ struct FuncState {
 constexpr size_t ScratchRowBytes = 2 * (static_cast<size_t>(FuncScratchCapacity) + 2);
 constexpr size_t StateBytes = sizeof(FuncState) + 3 * ScratchRowBytes;
 
+// Handles given out and not yet released, 0 in a free slot; accessed
+// atomically. A call with any other value is refused before its memory is
+// touched, so a handle used after its Exit, or released twice, does nothing.
+constexpr int MaxLiveHandles = 64;
+uint64_t LiveHandles[MaxLiveHandles];
+
+bool AddLiveHandle(uint64_t handle) {
+  for (uint64_t& slot : LiveHandles) {
+    uint64_t expected = 0;
+    if (__atomic_compare_exchange_n(&slot, &expected, handle, false, __ATOMIC_ACQ_REL,
+                                    __ATOMIC_ACQUIRE)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+bool RemoveLiveHandle(uint64_t handle) {
+  for (uint64_t& slot : LiveHandles) {
+    uint64_t expected = handle;
+    if (__atomic_compare_exchange_n(&slot, &expected, 0, false, __ATOMIC_ACQ_REL,
+                                    __ATOMIC_ACQUIRE)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+bool IsLiveHandle(uint64_t handle) {
+  if (handle == 0) return false;
+  for (uint64_t& slot : LiveHandles) {
+    if (__atomic_load_n(&slot, __ATOMIC_ACQUIRE) == handle) return true;
+  }
+  return false;
+}
+
 FuncState* StateOf(uint64_t funcHandle) {
+  if (!IsLiveHandle(funcHandle)) return nullptr;
   auto* state = reinterpret_cast<FuncState*>(static_cast<uintptr_t>(funcHandle));
-  if (state == nullptr || state->Signature != FuncSignature) return nullptr;
-  return state;
+  return state->Signature == FuncSignature ? state : nullptr;
 }
 
 }  // namespace
@@ -68,9 +104,9 @@ void FuncUsePortableRows(uint64_t funcHandle) {
 }
 
 // Start-up (first step of CamInitialize); allocates the state block with the
-// working rows of the resampling route (about 50 KB). Returns
-// 0 when the pool is out of memory; the conversions still work with a null
-// handle, they then pick their rows at every call.
+// working rows of the resampling route (about 50 KB). Returns 0 when the
+// pool is out of memory or 64 handles are already live; the conversions
+// still work with a null handle, they then pick their rows at every call.
 uint64_t FUNC_Init() {
   auto* state =
       static_cast<FuncState*>(ExAllocatePoolWithTag(NonPagedPool, StateBytes, FuncPoolTag));
@@ -80,13 +116,18 @@ uint64_t FUNC_Init() {
   uint8_t* rows = reinterpret_cast<uint8_t*>(state + 1);
   for (int i = 0; i < 3; ++i) state->Scratch.Rows[i] = rows + i * ScratchRowBytes;
   state->Scratch.Capacity = FuncScratchCapacity;
-  return reinterpret_cast<uintptr_t>(state);
+  uint64_t handle = reinterpret_cast<uintptr_t>(state);
+  if (!AddLiveHandle(handle)) {
+    ExFreePoolWithTag(state, FuncPoolTag);
+    return 0;
+  }
+  return handle;
 }
 
 // Shut-down (last step of CamUnInitialize).
 void FUNC_Exit(uint64_t funcHandle) {
   FuncState* state = StateOf(funcHandle);
-  if (state == nullptr) return;
+  if (state == nullptr || !RemoveLiveHandle(funcHandle)) return;
   state->Signature = 0;
   ExFreePoolWithTag(state, FuncPoolTag);
 }

@@ -3,8 +3,8 @@
 // The handle is the address of one pool block: the SpefRecord the driver
 // reads and writes (category and list words, five parameter words, name
 // slots), followed by this library's private block (spef_effects.h). Every
-// call with handle 0, or with a handle that is not a live record, does
-// nothing.
+// call with handle 0, or with a handle that is not a live record (released,
+// or never given out), does nothing; at most 64 records live at once.
 
 #include <cstring>
 
@@ -16,6 +16,42 @@ constexpr uint32_t SpefSignature = 0x46455053;  // "SPEF"
 // The private block starts at the first 16-byte boundary after the record.
 constexpr size_t PrivateOffset = (sizeof(SpefRecord) + 15) & ~static_cast<size_t>(15);
 constexpr size_t BlockBytes = PrivateOffset + sizeof(SpefPrivate);
+
+// Handles given out and not yet released, 0 in a free slot; accessed
+// atomically. A call with any other value is refused before its memory is
+// touched, so a handle used after its Exit, or released twice, does nothing.
+constexpr int MaxLiveHandles = 64;
+uint64_t LiveHandles[MaxLiveHandles];
+
+bool AddLiveHandle(uint64_t handle) {
+  for (uint64_t& slot : LiveHandles) {
+    uint64_t expected = 0;
+    if (__atomic_compare_exchange_n(&slot, &expected, handle, false, __ATOMIC_ACQ_REL,
+                                    __ATOMIC_ACQUIRE)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+bool RemoveLiveHandle(uint64_t handle) {
+  for (uint64_t& slot : LiveHandles) {
+    uint64_t expected = handle;
+    if (__atomic_compare_exchange_n(&slot, &expected, 0, false, __ATOMIC_ACQ_REL,
+                                    __ATOMIC_ACQUIRE)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+bool IsLiveHandle(uint64_t handle) {
+  if (handle == 0) return false;
+  for (uint64_t& slot : LiveHandles) {
+    if (__atomic_load_n(&slot, __ATOMIC_ACQUIRE) == handle) return true;
+  }
+  return false;
+}
 
 SpefRecord* RecordOf(uint64_t handle) {
   return reinterpret_cast<SpefRecord*>(static_cast<uintptr_t>(handle));
@@ -54,7 +90,7 @@ void PickUpEffect(uint64_t handle) {
 }  // namespace
 
 SpefPrivate* SpefPrivateOf(uint64_t spefHandle) {
-  if (spefHandle == 0) return nullptr;
+  if (!IsLiveHandle(spefHandle)) return nullptr;
   auto* priv = reinterpret_cast<SpefPrivate*>(static_cast<uintptr_t>(spefHandle) + PrivateOffset);
   return priv->Signature == SpefSignature ? priv : nullptr;
 }
@@ -63,7 +99,7 @@ SpefPrivate* SpefPrivateOf(uint64_t spefHandle) {
 // lie; this library keeps no files of its own and does not look at it.
 // Allocates and fills the record: all name slots zero but those of the
 // catalogue, category 99 (no effect) in force until the first pick-up.
-// Returns 0 when the pool is out of memory.
+// Returns 0 when the pool is out of memory or 64 records are already live.
 uint64_t SPEF_Init(const WCHAR* folder) {
   (void)folder;
   void* block = ExAllocatePoolWithTag(NonPagedPool, BlockBytes, SpefPoolTag);
@@ -94,13 +130,18 @@ uint64_t SPEF_Init(const WCHAR* folder) {
   }
   priv->Signature = SpefSignature;
   priv->ActiveEffect = 0;
-  return reinterpret_cast<uintptr_t>(block);
+  uint64_t handle = reinterpret_cast<uintptr_t>(block);
+  if (!AddLiveHandle(handle)) {
+    ExFreePoolWithTag(block, SpefPoolTag);
+    return 0;
+  }
+  return handle;
 }
 
 // Shut-down (CamUnInitialize).
 void SPEF_Exit(uint64_t spefHandle) {
   SpefPrivate* priv = SpefPrivateOf(spefHandle);
-  if (priv == nullptr) return;
+  if (priv == nullptr || !RemoveLiveHandle(spefHandle)) return;
   priv->Signature = 0;
   ExFreePoolWithTag(RecordOf(spefHandle), SpefPoolTag);
 }

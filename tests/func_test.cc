@@ -413,6 +413,11 @@ TEST(FuncLibrary, HandleComesFromItsOwnPoolTagAndGoesBackAtExit) {
   EXPECT_EQ(PoolLiveBlocks(FuncPoolTag), 1u);
   FUNC_Exit(handle);
   EXPECT_EQ(PoolLiveBlocks(FuncPoolTag), 0u);
+  // Released: a second Exit and a call through it touch nothing of it.
+  FUNC_Exit(handle);
+  std::vector<uint8_t> yuyvIn(2 * 8, 128), bgrOut(3 * 8);
+  FUNC_YuvToBmp(handle, yuyvIn.data(), 8, 1, bgrOut.data());
+  EXPECT_EQ(PoolLiveBlocks(FuncPoolTag), 0u);
 
   // Out of pool: no handle, and the conversions still work without one.
   PoolFailAllocation(1);

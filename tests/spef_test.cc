@@ -244,6 +244,12 @@ TEST(SpefLibrary, RecordComesFromItsOwnPoolTagAndGoesBackAtExit) {
   EXPECT_GE(PoolLiveBytes(SpefPoolTag), sizeof(SpefRecord));
   SPEF_Exit(handle);
   EXPECT_EQ(PoolLiveBlocks(SpefPoolTag), 0u);
+  // Released: a second Exit and calls through it touch nothing of it.
+  SPEF_Exit(handle);
+  SPEF_PropertySet(handle, 8, 1);
+  std::vector<uint8_t> p(2 * 8, 77);
+  SPEF_ConvertFrame(handle, p.data(), 8, 1);
+  EXPECT_EQ(p, std::vector<uint8_t>(2 * 8, 77));
 
   PoolFailAllocation(1);
   handle = SPEF_Init(u"\\??\\C:\\Camera");
