@@ -56,7 +56,8 @@ std::vector<uint8_t> MakeRaw(uint32_t width, uint32_t height) {
     for (uint32_t x = 0; x < width; ++x) {
       uint32_t base = (x * 200 / width + y * 55 / height) & 0xFF;
       uint32_t detail = ((x / 3 + y / 5) & 7) * 4;
-      raw[size_t{y} * width + x] = static_cast<uint8_t>((base + detail + ((x ^ y) & 1) * 20) & 0xFF);
+      raw[size_t{y} * width + x] =
+          static_cast<uint8_t>((base + detail + ((x ^ y) & 1) * 20) & 0xFF);
     }
   }
   return raw;
@@ -84,7 +85,8 @@ void BM_IspRawToImg(benchmark::State& state, const uint32_t* record, bool portab
     benchmark::ClobberMemory();
   }
   state.counters["checksum"] = sum;
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(out.size()));
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) *
+                          static_cast<int64_t>(out.size()));
 }
 
 void BM_MemcpyOutputSize(benchmark::State& state) {

@@ -123,8 +123,8 @@ uint8_t* DestinationRow(uint8_t* destination, uint32_t y, uint32_t width, uint32
 
 // ---------------------------------------------------------------- equal size
 
-void DevelopBayerSameSize(IspState* state, const uint8_t* raw, uint8_t* destination,
-                          uint32_t width, uint32_t height, bool mirror, bool flip) {
+void DevelopBayerSameSize(IspState* state, const uint8_t* raw, uint8_t* destination, uint32_t width,
+                          uint32_t height, bool mirror, bool flip) {
   IspBayerRowRoutine developRow = state->Rows.DevelopBayerRow;
   for (uint32_t y = 0; y < height; ++y) {
     const uint8_t* above = raw + static_cast<size_t>(ReflectRow(int64_t{y} - 1, height)) * width;
@@ -164,9 +164,11 @@ const uint16_t* HorizontalRow(IspState* state, const uint8_t* raw, uint32_t wire
       planes[2][x] = planes[2][x + 1] = in[2 * x + 3];
     }
   } else {
-    const uint8_t* above = raw + static_cast<size_t>(ReflectRow(int64_t{sourceRow} - 1, wireHeight)) * wireWidth;
+    const uint8_t* above =
+        raw + static_cast<size_t>(ReflectRow(int64_t{sourceRow} - 1, wireHeight)) * wireWidth;
     const uint8_t* row = raw + static_cast<size_t>(sourceRow) * wireWidth;
-    const uint8_t* below = raw + static_cast<size_t>(ReflectRow(int64_t{sourceRow} + 1, wireHeight)) * wireWidth;
+    const uint8_t* below =
+        raw + static_cast<size_t>(ReflectRow(int64_t{sourceRow} + 1, wireHeight)) * wireWidth;
     state->Rows.DemosaicRow(above, row, below, wireWidth, sourceRow & 1, planes[0], planes[1],
                             planes[2]);
   }
@@ -203,9 +205,9 @@ const uint16_t* HorizontalRow(IspState* state, const uint8_t* raw, uint32_t wire
   return &state->RowCache[slot][0][0];
 }
 
-void DevelopResampled(IspState* state, const uint8_t* raw, uint32_t wireWidth,
-                      uint32_t wireHeight, uint8_t layout, uint8_t* destination, uint32_t width,
-                      uint32_t height, bool mirror, bool flip) {
+void DevelopResampled(IspState* state, const uint8_t* raw, uint32_t wireWidth, uint32_t wireHeight,
+                      uint8_t layout, uint8_t* destination, uint32_t width, uint32_t height,
+                      bool mirror, bool flip) {
   if (state->TapsX.SourceSize != wireWidth || state->TapsX.OutputSize != width) {
     IspBuildAxisTaps(wireWidth, width, &state->TapsX);
   }
@@ -221,7 +223,8 @@ void DevelopResampled(IspState* state, const uint8_t* raw, uint32_t wireWidth,
     uint32_t count = taps->Count[y];
     const uint16_t* weight = taps->Weight + taps->Offset[y];
     if (count == 1) {
-      const uint16_t* h = HorizontalRow(state, raw, wireWidth, wireHeight, layout, first, width, -1);
+      const uint16_t* h =
+          HorizontalRow(state, raw, wireWidth, wireHeight, layout, first, width, -1);
       for (uint32_t c = 0; c < 3; ++c) {
         for (uint32_t x = 0; x < width; ++x) {
           state->OutputPlanes[c][x] = static_cast<uint8_t>((h[c * planeStride + x] + 8) >> 4);
@@ -230,10 +233,10 @@ void DevelopResampled(IspState* state, const uint8_t* raw, uint32_t wireWidth,
     } else if (count == 2) {
       // Q12 weights x Q4 values -> Q16; rounded to 8 bits. The cache holds
       // both rows.
-      const uint16_t* h0 = HorizontalRow(state, raw, wireWidth, wireHeight, layout, first, width, -1);
-      const uint16_t* h1 =
-          HorizontalRow(state, raw, wireWidth, wireHeight, layout, first + 1, width,
-                        static_cast<int32_t>(first));
+      const uint16_t* h0 =
+          HorizontalRow(state, raw, wireWidth, wireHeight, layout, first, width, -1);
+      const uint16_t* h1 = HorizontalRow(state, raw, wireWidth, wireHeight, layout, first + 1,
+                                         width, static_cast<int32_t>(first));
       uint32_t w0 = weight[0], w1 = weight[1];
       for (uint32_t c = 0; c < 3; ++c) {
         const uint16_t* a = h0 + c * planeStride;
@@ -308,7 +311,8 @@ void SharpenLuma(IspState* state, uint8_t* picture, uint32_t width, uint32_t hei
     columns[-1] = columns[0];
     columns[width] = columns[width - 1];
     for (uint32_t x = 0; x < width; ++x) {
-      int32_t blur = (columns[static_cast<int32_t>(x) - 1] + 2 * columns[x] + columns[x + 1] + 8) >> 4;
+      int32_t blur =
+          (columns[static_cast<int32_t>(x) - 1] + 2 * columns[x] + columns[x + 1] + 8) >> 4;
       int32_t c = current[x];
       int32_t v = c + (((c - blur) * strength + 2) >> 2);
       out[2 * x] = static_cast<uint8_t>(v < 16 ? 16 : (v > 235 ? 235 : v));
@@ -343,9 +347,9 @@ void IspMeasureFrame(const uint8_t* raw, uint32_t wireWidth, uint32_t wireHeight
     const uint8_t* even = raw + static_cast<size_t>(y) * wireWidth;
     const uint8_t* odd = even + wireWidth;
     for (uint32_t x = 0; x + 1 < wireWidth; x += 8) {
-      statistics->Sum[2] += even[x];                // B
-      statistics->Sum[1] += even[x + 1] + odd[x];   // G twice
-      statistics->Sum[0] += odd[x + 1];             // R
+      statistics->Sum[2] += even[x];               // B
+      statistics->Sum[1] += even[x + 1] + odd[x];  // G twice
+      statistics->Sum[0] += odd[x + 1];            // R
       ++statistics->Samples;
     }
   }
@@ -413,9 +417,9 @@ void IspBuildAxisTaps(uint32_t sourceSize, uint32_t outputSize, IspAxisTaps* tap
   taps->MaxCount = maxCount;
 }
 
-NTSTATUS ISPFunc_RawToImg(uint64_t ispHandle, void* context, uint32_t mode,
-                          const uint32_t* record, uint8_t* destination, const uint8_t* raw,
-                          uint32_t width, uint32_t height) {
+NTSTATUS ISPFunc_RawToImg(uint64_t ispHandle, void* context, uint32_t mode, const uint32_t* record,
+                          uint8_t* destination, const uint8_t* raw, uint32_t width,
+                          uint32_t height) {
   (void)context;
   (void)mode;  // the driver always asks for 2 (YUYV); there is no other output
   IspState* state = reinterpret_cast<IspState*>(static_cast<uintptr_t>(ispHandle));

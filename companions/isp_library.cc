@@ -5,9 +5,9 @@
 // The handle is the address of the IspState, allocated from pool with the
 // tag "Isp0". Every call takes the handle first; a null handle does nothing
 // and answers STATUS_INVALID_HANDLE (the prpmanf calls answer 0 bytes).
-#include <cstring>
-
 #include "companions/isp_library.h"
+
+#include <cstring>
 
 namespace {
 
@@ -31,8 +31,7 @@ NTSTATUS ISPFunc_Init(uint64_t* ispHandle, void* context, PDEVICE_OBJECT physica
                       const WCHAR* sensorName, uint8_t highSpeed, ReadByteRoutine readSensorByte,
                       WritePacketRoutine writeSensorPacket,
                       ExecuteSectionRoutine executeScriptSection,
-                      ReadByteRoutine readControllerByte,
-                      WritePairsRoutine writeControllerPairs) {
+                      ReadByteRoutine readControllerByte, WritePairsRoutine writeControllerPairs) {
   (void)context;
   (void)physicalDeviceObject;
   if (ispHandle == nullptr) return STATUS_INVALID_PARAMETER;
@@ -53,7 +52,8 @@ NTSTATUS ISPFunc_Init(uint64_t* ispHandle, void* context, PDEVICE_OBJECT physica
   state->WriteControllerPairs = writeControllerPairs;
   IspSelectRowRoutines(&state->Rows);
   for (uint32_t i = 0; i < IspRowCacheSlots; ++i) state->CachedRow[i] = -1;
-  state->WhiteGains = static_cast<uint32_t>(IspUnityGain) | (static_cast<uint32_t>(IspUnityGain) << 16);
+  state->WhiteGains =
+      static_cast<uint32_t>(IspUnityGain) | (static_cast<uint32_t>(IspUnityGain) << 16);
   *ispHandle = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(state));
   return STATUS_SUCCESS;
 }
@@ -136,7 +136,8 @@ NTSTATUS ISPFunc_Rotate(uint64_t ispHandle, void* context, uint32_t mirror, uint
   (void)context;
   IspState* state = StateOf(ispHandle);
   if (state == nullptr) return STATUS_INVALID_HANDLE;
-  uint32_t orientation = (mirror != 0 ? IspOrientationMirror : 0) | (flip != 0 ? IspOrientationFlip : 0);
+  uint32_t orientation =
+      (mirror != 0 ? IspOrientationMirror : 0) | (flip != 0 ? IspOrientationFlip : 0);
   IspStoreShared(&state->Orientation, orientation);
   return STATUS_SUCCESS;
 }
@@ -180,11 +181,20 @@ uint32_t ISPFunc_prpmanf_GetCustomProperty(uint64_t ispHandle, void* context,
   if (state == nullptr || word == nullptr) return 0;
   uint32_t value;
   switch (id) {
-    case IspPropertyVersion: value = IspLibraryVersion; break;
-    case IspPropertyMeanLuma: value = IspLoadShared(&state->MeanLuma); break;
-    case IspPropertyWhiteGains: value = IspLoadShared(&state->WhiteGains); break;
-    case IspPropertyAwbSmoothing: value = IspLoadShared(&state->AwbSmoothing); break;
-    default: return 0;
+    case IspPropertyVersion:
+      value = IspLibraryVersion;
+      break;
+    case IspPropertyMeanLuma:
+      value = IspLoadShared(&state->MeanLuma);
+      break;
+    case IspPropertyWhiteGains:
+      value = IspLoadShared(&state->WhiteGains);
+      break;
+    case IspPropertyAwbSmoothing:
+      value = IspLoadShared(&state->AwbSmoothing);
+      break;
+    default:
+      return 0;
   }
   std::memcpy(word, &value, sizeof(value));
   return sizeof(value);

@@ -190,15 +190,15 @@ void IspPadColumns(const uint8_t* row, uint32_t width, int32_t first, uint32_t c
 // Property values after clamping to their ranges (core/companions.h), with
 // the "0 means neutral" readings of Contrast, Saturation and Gamma resolved.
 struct IspSettings {
-  int32_t Brightness;  // -128..127
-  int32_t Contrast;    // 1..255, 64 neutral
-  int32_t Saturation;  // 1..255, 64 neutral
-  int32_t Sharpness;   // 0..15
-  int32_t Kelvin;      // 0 automatic, else 2500..10000
-  int32_t Hue;         // -180..180
-  int32_t Gamma;       // 50..300, 100 linear
-  int32_t BackLight;   // 0..2
-  int32_t ColorEnable; // 0 or 1
+  int32_t Brightness;   // -128..127
+  int32_t Contrast;     // 1..255, 64 neutral
+  int32_t Saturation;   // 1..255, 64 neutral
+  int32_t Sharpness;    // 0..15
+  int32_t Kelvin;       // 0 automatic, else 2500..10000
+  int32_t Hue;          // -180..180
+  int32_t Gamma;        // 50..300, 100 linear
+  int32_t BackLight;    // 0..2
+  int32_t ColorEnable;  // 0 or 1
 };
 // `record` may be null: it then reads as all zero.
 void IspClampSettings(const uint32_t* record, IspSettings* settings);
@@ -244,7 +244,7 @@ constexpr uint32_t IspMaxTapWeights = 3 * IspMaxWidth;
 struct IspAxisTaps {
   uint32_t SourceSize;  // the key the table was built for; 0 = not built
   uint32_t OutputSize;
-  uint32_t MaxCount;    // the most taps of any output position
+  uint32_t MaxCount;  // the most taps of any output position
   // When MaxCount is 1 or 2 (enlarging, or shrinking by less than 2): the
   // same taps as two fixed ones, First and Second (Second = First with
   // weight 0 where there is one tap), for a loop without a count.
@@ -292,48 +292,52 @@ struct IspState {
   WritePairsRoutine WriteControllerPairs;
 
   // Shared.
-  uint64_t WireGeometry;      // packed, see IspGeometryValid; 0 = not known
-  uint32_t CaptureWidth;      // the output size given to StartCapture
+  uint64_t WireGeometry;  // packed, see IspGeometryValid; 0 = not known
+  uint32_t CaptureWidth;  // the output size given to StartCapture
   uint32_t CaptureHeight;
-  uint32_t Orientation;       // IspOrientationMirror | IspOrientationFlip
-  uint32_t StreamState;       // last KS state notified, 0..3
+  uint32_t Orientation;  // IspOrientationMirror | IspOrientationFlip
+  uint32_t StreamState;  // last KS state notified, 0..3
   // Automatic white balance follows the frame's grey-world gains at once
   // (0) or moves 1/2^n of the way each frame (n = 1..7), which steadies it
   // on a moving scene.
   uint32_t AwbSmoothing;
-  uint32_t AwbRestart;        // 1: forget the smoothed gains at the next frame
-  uint32_t MeanLuma;          // statistics of the last developed frame
-  uint32_t WhiteGains;        // red | blue << 16, Q12, in force at the last frame
+  uint32_t AwbRestart;  // 1: forget the smoothed gains at the next frame
+  uint32_t MeanLuma;    // statistics of the last developed frame
+  uint32_t WhiteGains;  // red | blue << 16, Q12, in force at the last frame
 
   // Frame path.
   IspRowRoutines Rows;
-  int32_t AwbRedGain;         // smoothed automatic gains, Q12; 0 = none yet
+  int32_t AwbRedGain;  // smoothed automatic gains, Q12; 0 = none yet
   int32_t AwbBlueGain;
   bool SettingsValid;
-  IspSettings Settings;       // the values the tables below were built for
-  int32_t MatrixLayout;       // source layout, gains and chroma of `Coefficients`
+  IspSettings Settings;  // the values the tables below were built for
+  int32_t MatrixLayout;  // source layout, gains and chroma of `Coefficients`
   int32_t MatrixRedGain;
   int32_t MatrixBlueGain;
   IspRowCoefficients Coefficients;
-  int32_t GammaCurveValue;    // the gamma `GammaCurve` was built for; 0 = none
+  int32_t GammaCurveValue;  // the gamma `GammaCurve` was built for; 0 = none
   uint8_t GammaCurve[256];
-  bool LumaIsClamp;           // the luma table is the studio clamp alone
+  bool LumaIsClamp;  // the luma table is the studio clamp alone
   uint8_t LumaTable[256];
   IspAxisTaps TapsX;
   IspAxisTaps TapsY;
   int32_t CachedRow[IspRowCacheSlots];  // source row held by each slot, -1 none
   uint32_t NextSlot;
   uint16_t RowCache[IspRowCacheSlots][3][IspMaxWidth];
-  uint8_t SourcePlanes[3][IspMaxWidth];   // one demosaiced / unpacked wire row
-  uint8_t OutputPlanes[3][IspMaxWidth];   // one resampled output row
+  uint8_t SourcePlanes[3][IspMaxWidth];  // one demosaiced / unpacked wire row
+  uint8_t OutputPlanes[3][IspMaxWidth];  // one resampled output row
   uint32_t Accumulator[3][IspMaxWidth];
-  uint8_t SharpenRows[3][IspMaxWidth];    // original luma above, at and below the row
+  uint8_t SharpenRows[3][IspMaxWidth];       // original luma above, at and below the row
   uint16_t SharpenColumns[IspMaxWidth + 2];  // vertical (1 2 1) sums, edges repeated
 };
 
 // The shared words of the state are read and written whole, without a lock.
-inline uint32_t IspLoadShared(const uint32_t* cell) { return __atomic_load_n(cell, __ATOMIC_RELAXED); }
-inline uint64_t IspLoadShared(const uint64_t* cell) { return __atomic_load_n(cell, __ATOMIC_RELAXED); }
+inline uint32_t IspLoadShared(const uint32_t* cell) {
+  return __atomic_load_n(cell, __ATOMIC_RELAXED);
+}
+inline uint64_t IspLoadShared(const uint64_t* cell) {
+  return __atomic_load_n(cell, __ATOMIC_RELAXED);
+}
 inline void IspStoreShared(uint32_t* cell, uint32_t value) {
   __atomic_store_n(cell, value, __ATOMIC_RELAXED);
 }

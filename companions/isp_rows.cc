@@ -31,8 +31,8 @@ inline int32_t Mean(int32_t a, int32_t b) { return (a + b + 1) >> 1; }
 // elsewhere. "own" is the colour of this row's colour sites (B on even rows,
 // R on odd rows), "other" the colour of the other row kind.
 inline void DemosaicPixel(const uint8_t* above, const uint8_t* row, const uint8_t* below,
-                          uint32_t x, uint32_t width, uint32_t oddRow, int32_t* own,
-                          int32_t* green, int32_t* other) {
+                          uint32_t x, uint32_t width, uint32_t oddRow, int32_t* own, int32_t* green,
+                          int32_t* other) {
   uint32_t l = LeftOf(x, width);
   uint32_t r = RightOf(x, width);
   int32_t horizontal = Mean(row[l], row[r]);
@@ -59,8 +59,8 @@ inline void DemosaicPixelRgb(const uint8_t* above, const uint8_t* row, const uin
 }
 
 // The 32-bit matrix of the planar rows.
-inline void StorePair(int32_t c0a, int32_t c1a, int32_t c2a, int32_t c0b, int32_t c1b,
-                      int32_t c2b, const IspRowCoefficients* k, uint8_t* out) {
+inline void StorePair(int32_t c0a, int32_t c1a, int32_t c2a, int32_t c0b, int32_t c1b, int32_t c2b,
+                      const IspRowCoefficients* k, uint8_t* out) {
   int32_t y0 = (k->Y[0] * c0a + k->Y[1] * c1a + k->Y[2] * c2a + k->YBias) >> 12;
   int32_t y1 = (k->Y[0] * c0b + k->Y[1] * c1b + k->Y[2] * c2b + k->YBias) >> 12;
   int32_t s0 = c0a + c0b, s1 = c1a + c1b, s2 = c2a + c2b;
@@ -79,7 +79,8 @@ inline int32_t Saturate16(int32_t v) { return v < -32768 ? -32768 : (v > 32767 ?
 
 inline int32_t LumaQ4(int32_t value, int16_t coefficient) {
   return static_cast<int32_t>((static_cast<uint32_t>(value << 8) *
-                               static_cast<uint32_t>(static_cast<uint16_t>(coefficient))) >> 16);
+                               static_cast<uint32_t>(static_cast<uint16_t>(coefficient))) >>
+                              16);
 }
 
 inline uint8_t Luma16(int32_t own, int32_t green, int32_t other, const int16_t* c, int ownIndex,
@@ -104,8 +105,8 @@ inline uint8_t Chroma16(int32_t ownSum, int32_t greenSum, int32_t otherSum, cons
 
 // Pairs [firstPair, endPair) of the fused row.
 void DevelopBayerPairs(const uint8_t* above, const uint8_t* row, const uint8_t* below,
-                            uint32_t width, uint32_t oddRow, uint32_t firstPair, uint32_t endPair,
-                            const IspRowCoefficients* k, uint8_t* out) {
+                       uint32_t width, uint32_t oddRow, uint32_t firstPair, uint32_t endPair,
+                       const IspRowCoefficients* k, uint8_t* out) {
   // Coefficient order is R, G, B; "own" is B on even rows and R on odd rows.
   int ownIndex = oddRow ? 0 : 2;
   int otherIndex = oddRow ? 2 : 0;

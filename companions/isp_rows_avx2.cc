@@ -43,8 +43,7 @@ ISP_AVX2 inline __m256i GreenSites(uint32_t oddRow) {
   return _mm256_set1_epi16(oddRow ? 0x00FF : static_cast<int16_t>(0xFF00));
 }
 
-ISP_AVX2 inline void MakeRowVectors(const IspRowCoefficients* k, uint32_t oddRow,
-                                    RowVectors* v) {
+ISP_AVX2 inline void MakeRowVectors(const IspRowCoefficients* k, uint32_t oddRow, RowVectors* v) {
   int own = oddRow ? 0 : 2;  // coefficient order is R, G, B
   int other = oddRow ? 2 : 0;
   // Multiply-add of a byte pair by 64 and 64: the pair's sum x 64.
@@ -85,8 +84,8 @@ ISP_AVX2 inline void DemosaicStep(__m256i greenSites, const uint8_t* above, cons
 
 // Luma, Q4 >> 4, of pixels whose channels sit in the high bytes (x 256).
 ISP_AVX2 inline __m256i Luma(const RowVectors& v, __m256i own, __m256i green, __m256i other) {
-  __m256i sum = _mm256_adds_epu16(_mm256_mulhi_epu16(own, v.yOwn),
-                                  _mm256_mulhi_epu16(green, v.yGreen));
+  __m256i sum =
+      _mm256_adds_epu16(_mm256_mulhi_epu16(own, v.yOwn), _mm256_mulhi_epu16(green, v.yGreen));
   sum = _mm256_adds_epu16(sum, _mm256_mulhi_epu16(other, v.yOther));
   return _mm256_srli_epi16(_mm256_adds_epu16(sum, v.yBias), 4);
 }
@@ -113,17 +112,17 @@ ISP_AVX2 inline void ColourStep(const RowVectors& v, __m256i own, __m256i green,
   // Luma a pixel pair per 16-bit lane: even pixels (low bytes) and odd
   // pixels (high bytes), each moved into the high byte (x 256).
   const __m256i highBytes = _mm256_set1_epi16(static_cast<int16_t>(0xFF00));
-  __m256i lumaEven = Luma(v, _mm256_slli_epi16(own, 8), _mm256_slli_epi16(green, 8),
-                          _mm256_slli_epi16(other, 8));
+  __m256i lumaEven =
+      Luma(v, _mm256_slli_epi16(own, 8), _mm256_slli_epi16(green, 8), _mm256_slli_epi16(other, 8));
   __m256i lumaOdd = Luma(v, _mm256_and_si256(own, highBytes), _mm256_and_si256(green, highBytes),
                          _mm256_and_si256(other, highBytes));
   // Bytes Y0 Cb Y1 Cr per pair.
-  __m256i luma = _mm256_packus_epi16(lumaEven, lumaOdd);  // even lumas | odd lumas
-  __m256i chroma = _mm256_packus_epi16(cb, cr);           // Cb | Cr
-  __m256i withCb = _mm256_unpacklo_epi8(luma, chroma);    // Y0 Cb per pair
-  __m256i withCr = _mm256_unpackhi_epi8(luma, chroma);    // Y1 Cr per pair
-  __m256i a = _mm256_unpacklo_epi16(withCb, withCr);      // pairs 0..3 | 8..11
-  __m256i b = _mm256_unpackhi_epi16(withCb, withCr);      // pairs 4..7 | 12..15
+  __m256i luma = _mm256_packus_epi16(lumaEven, lumaOdd);   // even lumas | odd lumas
+  __m256i chroma = _mm256_packus_epi16(cb, cr);            // Cb | Cr
+  __m256i withCb = _mm256_unpacklo_epi8(luma, chroma);     // Y0 Cb per pair
+  __m256i withCr = _mm256_unpackhi_epi8(luma, chroma);     // Y1 Cr per pair
+  __m256i a = _mm256_unpacklo_epi16(withCb, withCr);       // pairs 0..3 | 8..11
+  __m256i b = _mm256_unpackhi_epi16(withCb, withCr);       // pairs 4..7 | 12..15
   __m256i first = _mm256_permute2x128_si256(a, b, 0x20);   // pixels 0..15
   __m256i second = _mm256_permute2x128_si256(a, b, 0x31);  // pixels 16..31
   Store(out, _mm256_min_epu8(_mm256_max_epu8(first, v.low), v.high));
@@ -137,8 +136,8 @@ struct PaddedRows {
   uint8_t row[Step + 2];
   uint8_t below[Step + 2];
 };
-inline void PadRows(const uint8_t* above, const uint8_t* row, const uint8_t* below,
-                    uint32_t width, int32_t start, PaddedRows* padded) {
+inline void PadRows(const uint8_t* above, const uint8_t* row, const uint8_t* below, uint32_t width,
+                    int32_t start, PaddedRows* padded) {
   IspPadColumns(above, width, start - 1, Step + 2, padded->above);
   IspPadColumns(row, width, start - 1, Step + 2, padded->row);
   IspPadColumns(below, width, start - 1, Step + 2, padded->below);
@@ -246,8 +245,8 @@ ISP_AVX2 void IspDemosaicBayerRow_AVX2(const uint8_t* above, const uint8_t* row,
                    ownPlane, green, otherPlane);
     if (width > Step) {
       uint32_t start = LastStart(width);
-      DemosaicPadded(greenSites, above, row, below, width, start, 0, width - start, ownPlane,
-                     green, otherPlane);
+      DemosaicPadded(greenSites, above, row, below, width, start, 0, width - start, ownPlane, green,
+                     otherPlane);
     }
     return;
   }
@@ -263,13 +262,12 @@ ISP_AVX2 void IspDemosaicBayerRow_AVX2(const uint8_t* above, const uint8_t* row,
   }
   DemosaicPadded(greenSites, above, row, below, width, 0, 0, 2, ownPlane, green, otherPlane);
   uint32_t start = LastStart(width);
-  DemosaicPadded(greenSites, above, row, below, width, start, width - 2 - start, 2, ownPlane,
-                 green, otherPlane);
+  DemosaicPadded(greenSites, above, row, below, width, start, width - 2 - start, 2, ownPlane, green,
+                 otherPlane);
 }
 
-ISP_AVX2 void IspConvertRgbRow_AVX2(const uint8_t* red, const uint8_t* green,
-                                    const uint8_t* blue, uint32_t width,
-                                    const IspRowCoefficients* k, uint8_t* out) {
+ISP_AVX2 void IspConvertRgbRow_AVX2(const uint8_t* red, const uint8_t* green, const uint8_t* blue,
+                                    uint32_t width, const IspRowCoefficients* k, uint8_t* out) {
   if (width < Step) {
     IspConvertRgbRow_C(red, green, blue, width, k, out);
     return;

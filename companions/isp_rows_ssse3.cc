@@ -46,8 +46,7 @@ ISP_SSSE3 inline __m128i GreenSites(uint32_t oddRow) {
   return _mm_set1_epi16(oddRow ? 0x00FF : static_cast<int16_t>(0xFF00));
 }
 
-ISP_SSSE3 inline void MakeRowVectors(const IspRowCoefficients* k, uint32_t oddRow,
-                                    RowVectors* v) {
+ISP_SSSE3 inline void MakeRowVectors(const IspRowCoefficients* k, uint32_t oddRow, RowVectors* v) {
   int own = oddRow ? 0 : 2;  // coefficient order is R, G, B
   int other = oddRow ? 2 : 0;
   // Multiply-add of a byte pair by 64 and 64: the pair's sum x 64.
@@ -73,14 +72,14 @@ ISP_SSSE3 inline void MakeRowVectors(const IspRowCoefficients* k, uint32_t oddRo
 // Demosaic of 16 pixels from row[0] on (row[0] an even column), reading
 // row[-1] .. row[16] and the same columns above and below.
 ISP_SSSE3 inline void DemosaicStep(__m128i greenSites, const uint8_t* above, const uint8_t* row,
-                                  const uint8_t* below, __m128i* own, __m128i* green,
-                                  __m128i* other) {
+                                   const uint8_t* below, __m128i* own, __m128i* green,
+                                   __m128i* other) {
   __m128i c = Load(row);
   __m128i horizontal = _mm_avg_epu8(Load(row - 1), Load(row + 1));
   __m128i vertical = _mm_avg_epu8(Load(above), Load(below));
   __m128i cross = _mm_avg_epu8(horizontal, vertical);
   __m128i corners = _mm_avg_epu8(_mm_avg_epu8(Load(above - 1), Load(above + 1)),
-                                    _mm_avg_epu8(Load(below - 1), Load(below + 1)));
+                                 _mm_avg_epu8(Load(below - 1), Load(below + 1)));
   *green = Select(greenSites, c, cross);
   *own = Select(greenSites, horizontal, c);
   *other = Select(greenSites, vertical, corners);
@@ -88,24 +87,22 @@ ISP_SSSE3 inline void DemosaicStep(__m128i greenSites, const uint8_t* above, con
 
 // Luma, Q4 >> 4, of pixels whose channels sit in the high bytes (x 256).
 ISP_SSSE3 inline __m128i Luma(const RowVectors& v, __m128i own, __m128i green, __m128i other) {
-  __m128i sum = _mm_adds_epu16(_mm_mulhi_epu16(own, v.yOwn),
-                                  _mm_mulhi_epu16(green, v.yGreen));
+  __m128i sum = _mm_adds_epu16(_mm_mulhi_epu16(own, v.yOwn), _mm_mulhi_epu16(green, v.yGreen));
   sum = _mm_adds_epu16(sum, _mm_mulhi_epu16(other, v.yOther));
   return _mm_srli_epi16(_mm_adds_epu16(sum, v.yBias), 4);
 }
 
 // Chroma of pixel pairs from their sums (already x 64).
 ISP_SSSE3 inline __m128i Chroma(__m128i own, __m128i green, __m128i other, __m128i kOwn,
-                               __m128i kGreen, __m128i kOther, __m128i bias) {
-  __m128i sum =
-      _mm_adds_epi16(_mm_mulhrs_epi16(own, kOwn), _mm_mulhrs_epi16(green, kGreen));
+                                __m128i kGreen, __m128i kOther, __m128i bias) {
+  __m128i sum = _mm_adds_epi16(_mm_mulhrs_epi16(own, kOwn), _mm_mulhrs_epi16(green, kGreen));
   sum = _mm_adds_epi16(sum, _mm_mulhrs_epi16(other, kOther));
   return _mm_srai_epi16(_mm_adds_epi16(sum, bias), 4);
 }
 
 // The matrix for 16 pixels of three channels into 32 bytes of YUYV.
 ISP_SSSE3 inline void ColourStep(const RowVectors& v, __m128i own, __m128i green, __m128i other,
-                                uint8_t* out) {
+                                 uint8_t* out) {
   // Pair sums x 64, pairs 0..7.
   __m128i ownSum = _mm_maddubs_epi16(own, v.sixtyFours);
   __m128i greenSum = _mm_maddubs_epi16(green, v.sixtyFours);
@@ -116,8 +113,8 @@ ISP_SSSE3 inline void ColourStep(const RowVectors& v, __m128i own, __m128i green
   // Luma a pixel pair per 16-bit lane: even pixels (low bytes) and odd
   // pixels (high bytes), each moved into the high byte (x 256).
   const __m128i highBytes = _mm_set1_epi16(static_cast<int16_t>(0xFF00));
-  __m128i lumaEven = Luma(v, _mm_slli_epi16(own, 8), _mm_slli_epi16(green, 8),
-                          _mm_slli_epi16(other, 8));
+  __m128i lumaEven =
+      Luma(v, _mm_slli_epi16(own, 8), _mm_slli_epi16(green, 8), _mm_slli_epi16(other, 8));
   __m128i lumaOdd = Luma(v, _mm_and_si128(own, highBytes), _mm_and_si128(green, highBytes),
                          _mm_and_si128(other, highBytes));
   // Bytes Y0 Cb Y1 Cr per pair.
@@ -125,8 +122,8 @@ ISP_SSSE3 inline void ColourStep(const RowVectors& v, __m128i own, __m128i green
   __m128i chroma = _mm_packus_epi16(cb, cr);           // Cb | Cr
   __m128i withCb = _mm_unpacklo_epi8(luma, chroma);    // Y0 Cb per pair
   __m128i withCr = _mm_unpackhi_epi8(luma, chroma);    // Y1 Cr per pair
-  __m128i a = _mm_unpacklo_epi16(withCb, withCr);  // pairs 0..3
-  __m128i b = _mm_unpackhi_epi16(withCb, withCr);  // pairs 4..7
+  __m128i a = _mm_unpacklo_epi16(withCb, withCr);      // pairs 0..3
+  __m128i b = _mm_unpackhi_epi16(withCb, withCr);      // pairs 4..7
   Store(out, _mm_min_epu8(_mm_max_epu8(a, v.low), v.high));
   Store(out + 16, _mm_min_epu8(_mm_max_epu8(b, v.low), v.high));
 }
@@ -138,8 +135,8 @@ struct PaddedRows {
   uint8_t row[Step + 2];
   uint8_t below[Step + 2];
 };
-inline void PadRows(const uint8_t* above, const uint8_t* row, const uint8_t* below,
-                    uint32_t width, int32_t start, PaddedRows* padded) {
+inline void PadRows(const uint8_t* above, const uint8_t* row, const uint8_t* below, uint32_t width,
+                    int32_t start, PaddedRows* padded) {
   IspPadColumns(above, width, start - 1, Step + 2, padded->above);
   IspPadColumns(row, width, start - 1, Step + 2, padded->row);
   IspPadColumns(below, width, start - 1, Step + 2, padded->below);
@@ -150,8 +147,8 @@ inline void PadRows(const uint8_t* above, const uint8_t* row, const uint8_t* bel
 inline uint32_t LastStart(uint32_t width) { return (width - Step + 1) & ~1u; }
 
 ISP_SSSE3 void DevelopPadded(const RowVectors& v, const uint8_t* above, const uint8_t* row,
-                            const uint8_t* below, uint32_t width, uint32_t start, uint32_t from,
-                            uint32_t pixels, uint8_t* out) {
+                             const uint8_t* below, uint32_t width, uint32_t start, uint32_t from,
+                             uint32_t pixels, uint8_t* out) {
   PaddedRows padded;
   PadRows(above, row, below, width, static_cast<int32_t>(start), &padded);
   __m128i own, green, other;
@@ -174,7 +171,7 @@ inline void PadEnds(const uint8_t* source, uint32_t width, uint8_t* padded) {
 }
 
 ISP_SSSE3 void DevelopEnds(const RowVectors& v, const uint8_t* above, const uint8_t* row,
-                          const uint8_t* below, uint32_t width, uint8_t* out) {
+                           const uint8_t* below, uint32_t width, uint8_t* out) {
   PaddedRows padded;
   PadEnds(above, width, padded.above);
   PadEnds(row, width, padded.row);
@@ -189,9 +186,9 @@ ISP_SSSE3 void DevelopEnds(const RowVectors& v, const uint8_t* above, const uint
 }
 
 ISP_SSSE3 void DemosaicPadded(__m128i greenSites, const uint8_t* above, const uint8_t* row,
-                             const uint8_t* below, uint32_t width, uint32_t start, uint32_t from,
-                             uint32_t pixels, uint8_t* ownPlane, uint8_t* greenPlane,
-                             uint8_t* otherPlane) {
+                              const uint8_t* below, uint32_t width, uint32_t start, uint32_t from,
+                              uint32_t pixels, uint8_t* ownPlane, uint8_t* greenPlane,
+                              uint8_t* otherPlane) {
   PaddedRows padded;
   PadRows(above, row, below, width, static_cast<int32_t>(start), &padded);
   __m128i own, green, other;
@@ -209,8 +206,8 @@ ISP_SSSE3 void DemosaicPadded(__m128i greenSites, const uint8_t* above, const ui
 }  // namespace
 
 ISP_SSSE3 void IspDevelopBayerRow_SSSE3(const uint8_t* above, const uint8_t* row,
-                                      const uint8_t* below, uint32_t width, uint32_t oddRow,
-                                      const IspRowCoefficients* k, uint8_t* out) {
+                                        const uint8_t* below, uint32_t width, uint32_t oddRow,
+                                        const IspRowCoefficients* k, uint8_t* out) {
   RowVectors v;
   MakeRowVectors(k, oddRow, &v);
   if (width < Step + 3) {
@@ -237,8 +234,8 @@ ISP_SSSE3 void IspDevelopBayerRow_SSSE3(const uint8_t* above, const uint8_t* row
 }
 
 ISP_SSSE3 void IspDemosaicBayerRow_SSSE3(const uint8_t* above, const uint8_t* row,
-                                       const uint8_t* below, uint32_t width, uint32_t oddRow,
-                                       uint8_t* red, uint8_t* green, uint8_t* blue) {
+                                         const uint8_t* below, uint32_t width, uint32_t oddRow,
+                                         uint8_t* red, uint8_t* green, uint8_t* blue) {
   uint8_t* ownPlane = oddRow ? red : blue;
   uint8_t* otherPlane = oddRow ? blue : red;
   const __m128i greenSites = GreenSites(oddRow);
@@ -247,8 +244,8 @@ ISP_SSSE3 void IspDemosaicBayerRow_SSSE3(const uint8_t* above, const uint8_t* ro
                    ownPlane, green, otherPlane);
     if (width > Step) {
       uint32_t start = LastStart(width);
-      DemosaicPadded(greenSites, above, row, below, width, start, 0, width - start, ownPlane,
-                     green, otherPlane);
+      DemosaicPadded(greenSites, above, row, below, width, start, 0, width - start, ownPlane, green,
+                     otherPlane);
     }
     return;
   }
@@ -264,13 +261,12 @@ ISP_SSSE3 void IspDemosaicBayerRow_SSSE3(const uint8_t* above, const uint8_t* ro
   }
   DemosaicPadded(greenSites, above, row, below, width, 0, 0, 2, ownPlane, green, otherPlane);
   uint32_t start = LastStart(width);
-  DemosaicPadded(greenSites, above, row, below, width, start, width - 2 - start, 2, ownPlane,
-                 green, otherPlane);
+  DemosaicPadded(greenSites, above, row, below, width, start, width - 2 - start, 2, ownPlane, green,
+                 otherPlane);
 }
 
-ISP_SSSE3 void IspConvertRgbRow_SSSE3(const uint8_t* red, const uint8_t* green,
-                                    const uint8_t* blue, uint32_t width,
-                                    const IspRowCoefficients* k, uint8_t* out) {
+ISP_SSSE3 void IspConvertRgbRow_SSSE3(const uint8_t* red, const uint8_t* green, const uint8_t* blue,
+                                      uint32_t width, const IspRowCoefficients* k, uint8_t* out) {
   if (width < Step) {
     IspConvertRgbRow_C(red, green, blue, width, k, out);
     return;

@@ -90,9 +90,8 @@ int64_t Log2Q16(uint32_t x) {
 // 2^(-2^-i) in Q30 for i = 1..16: round(2^30 * 2^(-2^-i)), e.g.
 // i = 1: 2^30 / sqrt(2) = 759250124.99 -> 759250125.
 const uint32_t HalvingPowersQ30[16] = {
-    759250125,  902905651,  984625594,  1028218693, 1050733751, 1062175491,
-    1067942999, 1070838486, 1072289173, 1073015252, 1073378477, 1073560135,
-    1073650976, 1073696399, 1073719111, 1073730468};
+    759250125,  902905651,  984625594,  1028218693, 1050733751, 1062175491, 1067942999, 1070838486,
+    1072289173, 1073015252, 1073378477, 1073560135, 1073650976, 1073696399, 1073719111, 1073730468};
 
 // 2^(-a) in Q30 for a >= 0 in Q16.
 uint64_t Exp2NegQ30(int64_t a) {
@@ -114,9 +113,9 @@ void IspClampSettings(const uint32_t* record, IspSettings* s) {
   }
   // Brightness and Hue are signed values carried in u32.
   s->Brightness = Clamp(static_cast<int32_t>(v[IspBrightness]), -128, 127);
-  s->Contrast = v[IspContrast] == 0 ? IspNeutralContrast
-                                    : static_cast<int32_t>(v[IspContrast] > 255 ? 255
-                                                                                : v[IspContrast]);
+  s->Contrast = v[IspContrast] == 0
+                    ? IspNeutralContrast
+                    : static_cast<int32_t>(v[IspContrast] > 255 ? 255 : v[IspContrast]);
   s->Saturation = v[IspSaturation] == 0
                       ? IspNeutralSaturation
                       : static_cast<int32_t>(v[IspSaturation] > 255 ? 255 : v[IspSaturation]);
@@ -240,7 +239,8 @@ void IspBuildRowCoefficients(uint8_t layout, int32_t redGain, int32_t blueGain,
     }
   } else {
     for (int i = 0; i < 3; ++i) {
-      for (int j = 0; j < 3; ++j) m[i][j] = RoundShift(rgb[i][j] * gains[j], 16);  // Q16 x Q12 -> Q12
+      for (int j = 0; j < 3; ++j)
+        m[i][j] = RoundShift(rgb[i][j] * gains[j], 16);  // Q16 x Q12 -> Q12
     }
   }
   int16_t* rows[3] = {k->Y, k->Cb, k->Cr};
@@ -302,7 +302,8 @@ void IspGreyWorldGains(const IspFrameStatistics* statistics, uint8_t layout, int
     red = rgb[0];
     green = rgb[1];
     blue = rgb[2];
-    *meanLuma = static_cast<uint32_t>(Clamp(static_cast<int32_t>((y + (16 << 8) + 128) >> 8), 0, 255));
+    *meanLuma =
+        static_cast<uint32_t>(Clamp(static_cast<int32_t>((y + (16 << 8) + 128) >> 8), 0, 255));
   } else {
     red = static_cast<int64_t>((statistics->Sum[0] << 8) / n);
     green = static_cast<int64_t>((statistics->Sum[1] << 8) / (2 * n));
@@ -313,8 +314,11 @@ void IspGreyWorldGains(const IspFrameStatistics* statistics, uint8_t layout, int
   if (green < (8 << 8)) return;
   // Gain = mean green / mean of the channel, Q12; a channel with nothing in
   // it gets the largest gain.
-  *redGain = red == 0 ? IspAutoGainMax
-                      : static_cast<int32_t>(Clamp64((green << 12) / red, IspAutoGainMin, IspAutoGainMax));
-  *blueGain = blue == 0 ? IspAutoGainMax
-                        : static_cast<int32_t>(Clamp64((green << 12) / blue, IspAutoGainMin, IspAutoGainMax));
+  *redGain =
+      red == 0 ? IspAutoGainMax
+               : static_cast<int32_t>(Clamp64((green << 12) / red, IspAutoGainMin, IspAutoGainMax));
+  *blueGain =
+      blue == 0
+          ? IspAutoGainMax
+          : static_cast<int32_t>(Clamp64((green << 12) / blue, IspAutoGainMin, IspAutoGainMax));
 }

@@ -99,7 +99,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     controller.registers[IspWireWidthHighRegister] = (wireWidth >> 8) & 0xFF;
     controller.registers[IspWireHeightLowRegister] = wireHeight & 0xFF;
     controller.registers[IspWireHeightHighRegister] = (wireHeight >> 8) & 0xFF;
-    controller.registers[IspWireLayoutRegister] = static_cast<uint8_t>((flags >> 4) & 3);  // 0, 1 or junk
+    controller.registers[IspWireLayoutRegister] =
+        static_cast<uint8_t>((flags >> 4) & 3);  // 0, 1 or junk
   }
 
   uint64_t handle = 0;
@@ -126,8 +127,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (known && (reportedWidth != registerWidth || reportedHeight != registerHeight)) {
     __builtin_trap();
   }
-  size_t rawBytes = known ? size_t{registerWidth} * registerHeight * (wireYuyv ? 2 : 1)
-                          : size_t{width} * height;
+  size_t rawBytes =
+      known ? size_t{registerWidth} * registerHeight * (wireYuyv ? 2 : 1) : size_t{width} * height;
   Develop(handle, &controller, record, width, height, rawBytes, content, length, flags);
   if (flags & 0x80) {
     // A second frame after a stop: the output size in Bayer.

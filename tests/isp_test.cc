@@ -85,8 +85,8 @@ struct Session {
   FakeCamera camera;
   uint64_t handle = 0;
   Session() {
-    NTSTATUS status = ISPFunc_Init(&handle, &camera, nullptr, u"OV7670", 1, ReadSensor,
-                                   WriteSensor, RunSection, ReadController, WritePairs);
+    NTSTATUS status = ISPFunc_Init(&handle, &camera, nullptr, u"OV7670", 1, ReadSensor, WriteSensor,
+                                   RunSection, ReadController, WritePairs);
     EXPECT_EQ(status, STATUS_SUCCESS);
   }
   ~Session() { ISPFunc_Exit(handle, &camera, nullptr); }
@@ -99,9 +99,9 @@ struct Session {
   std::vector<uint8_t> Develop(const std::vector<uint8_t>& raw, uint32_t width, uint32_t height,
                                const Record& record) {
     std::vector<uint8_t> out(size_t{width} * height * 2, 0xEE);
-    EXPECT_EQ(ISPFunc_RawToImg(handle, &camera, 2, record.data(), out.data(), raw.data(), width,
-                               height),
-              STATUS_SUCCESS);
+    EXPECT_EQ(
+        ISPFunc_RawToImg(handle, &camera, 2, record.data(), out.data(), raw.data(), width, height),
+        STATUS_SUCCESS);
     return out;
   }
 };
@@ -156,28 +156,27 @@ TEST(IspDevelop, UniformBayerPatchesGiveBt601ValuesAtEveryRatio) {
     uint32_t wireWidth, wireHeight, width, height;
   };
   const Ratio ratios[] = {
-      {128, 96, 128, 96},    // equal size
-      {64, 48, 128, 96},     // 2x
-      {256, 192, 128, 96},   // 1/2
-      {32, 24, 128, 96},     // 4x
-      {512, 384, 128, 96},   // 1/4
-      {160, 120, 128, 96},   // 1280 x 960 -> 1024 x 768 in small
-      {98, 74, 130, 62},     // odd ratios, enlarging one way and shrinking the other
+      {128, 96, 128, 96},   // equal size
+      {64, 48, 128, 96},    // 2x
+      {256, 192, 128, 96},  // 1/2
+      {32, 24, 128, 96},    // 4x
+      {512, 384, 128, 96},  // 1/4
+      {160, 120, 128, 96},  // 1280 x 960 -> 1024 x 768 in small
+      {98, 74, 130, 62},    // odd ratios, enlarging one way and shrinking the other
       {1280, 960, 1024, 768},
   };
-  const Rgb colours[] = {{128, 128, 128}, {255, 0, 0},   {0, 255, 0},     {0, 0, 255},
-                         {255, 255, 0},   {0, 0, 0},     {255, 255, 255}, {210, 150, 120},
-                         {30, 60, 200}};
+  const Rgb colours[] = {{128, 128, 128}, {255, 0, 0},     {0, 255, 0},
+                         {0, 0, 255},     {255, 255, 0},   {0, 0, 0},
+                         {255, 255, 255}, {210, 150, 120}, {30, 60, 200}};
   Session session;
   for (const Ratio& ratio : ratios) {
-    session.Start(ratio.wireWidth, ratio.wireHeight, IspWireLayoutBayer, ratio.width,
-                  ratio.height);
+    session.Start(ratio.wireWidth, ratio.wireHeight, IspWireLayoutBayer, ratio.width, ratio.height);
     for (const Rgb& colour : colours) {
       // The largest frame is slow under the sanitizers: one colour is enough.
       if (ratio.wireWidth == 1280 && colour.r != 210) continue;
-      SCOPED_TRACE(testing::Message() << ratio.wireWidth << "x" << ratio.wireHeight << " -> "
-                                      << ratio.width << "x" << ratio.height << " colour "
-                                      << colour.r << "," << colour.g << "," << colour.b);
+      SCOPED_TRACE(testing::Message()
+                   << ratio.wireWidth << "x" << ratio.wireHeight << " -> " << ratio.width << "x"
+                   << ratio.height << " colour " << colour.r << "," << colour.g << "," << colour.b);
       std::vector<uint8_t> raw = UniformBayer(ratio.wireWidth, ratio.wireHeight, colour);
       std::vector<uint8_t> out = session.Develop(raw, ratio.width, ratio.height, NeutralRecord);
       Ycc expected = ReferenceYcc(colour);
@@ -201,17 +200,17 @@ TEST(IspDevelop, EdgesStayWhereTheyAreAtEveryRatio) {
   struct Ratio {
     uint32_t wireWidth, wireHeight, width, height;
   };
-  const Ratio ratios[] = {{128, 96, 128, 96}, {64, 48, 128, 96},  {256, 192, 128, 96},
+  const Ratio ratios[] = {{128, 96, 128, 96}, {64, 48, 128, 96},   {256, 192, 128, 96},
                           {32, 24, 128, 96},  {512, 384, 128, 96}, {160, 120, 128, 96}};
   Session session;
   for (const Ratio& ratio : ratios) {
     SCOPED_TRACE(testing::Message() << ratio.wireWidth << " -> " << ratio.width);
-    session.Start(ratio.wireWidth, ratio.wireHeight, IspWireLayoutBayer, ratio.width,
-                  ratio.height);
-    std::vector<uint8_t> raw = MakeBayer(ratio.wireWidth, ratio.wireHeight, [&](uint32_t x, uint32_t y) {
-      bool bright = x >= ratio.wireWidth / 2 && y >= ratio.wireHeight / 2;
-      return bright ? Rgb{240, 240, 240} : Rgb{10, 10, 10};
-    });
+    session.Start(ratio.wireWidth, ratio.wireHeight, IspWireLayoutBayer, ratio.width, ratio.height);
+    std::vector<uint8_t> raw =
+        MakeBayer(ratio.wireWidth, ratio.wireHeight, [&](uint32_t x, uint32_t y) {
+          bool bright = x >= ratio.wireWidth / 2 && y >= ratio.wireHeight / 2;
+          return bright ? Rgb{240, 240, 240} : Rgb{10, 10, 10};
+        });
     std::vector<uint8_t> out = session.Develop(raw, ratio.width, ratio.height, NeutralRecord);
     // Demosaic and the filters reach about two wire pixels either side.
     const uint32_t margin = 3 + 2 * ((ratio.width + ratio.wireWidth - 1) / ratio.wireWidth);
@@ -309,7 +308,9 @@ TEST(IspProperties, EachValueMovesThePictureTheRightWay) {
   };
   const Case cases[] = {
       {"brightness +40 adds 40 to luma", IspBrightness, 40,
-       [&](auto& n, auto& m) { return near(m.rampMid, n.rampMid + 40, 1) && near(m.rampLow, n.rampLow + 40, 1); }},
+       [&](auto& n, auto& m) {
+         return near(m.rampMid, n.rampMid + 40, 1) && near(m.rampLow, n.rampLow + 40, 1);
+       }},
       {"brightness -40 takes 40 off", IspBrightness, Signed(-40),
        [&](auto& n, auto& m) { return near(m.rampMid, n.rampMid - 40, 1); }},
       {"contrast 128 doubles the distance from mid grey", IspContrast, 128,
@@ -320,16 +321,21 @@ TEST(IspProperties, EachValueMovesThePictureTheRightWay) {
       {"contrast 32 halves it", IspContrast, 32,
        [&](auto& n, auto& m) { return near(m.rampQuarter, 126 + 0.5 * (n.rampQuarter - 126), 1); }},
       {"contrast 0 reads as 64", IspContrast, 0,
-       [&](auto& n, auto& m) { return near(m.rampLow, n.rampLow, 0) && near(m.rampHigh, n.rampHigh, 0); }},
+       [&](auto& n, auto& m) {
+         return near(m.rampLow, n.rampLow, 0) && near(m.rampHigh, n.rampHigh, 0);
+       }},
       {"saturation 128 doubles chroma", IspSaturation, 128,
        [&](auto& n, auto& m) {
          return near(m.orange.cb - 128, 2 * (n.orange.cb - 128), 1.5) &&
-                near(m.orange.cr - 128, 2 * (n.orange.cr - 128), 1.5) && near(m.orange.y, n.orange.y, 0);
+                near(m.orange.cr - 128, 2 * (n.orange.cr - 128), 1.5) &&
+                near(m.orange.y, n.orange.y, 0);
        }},
       {"saturation 1 all but greys chroma", IspSaturation, 1,
        [&](auto&, auto& m) { return near(m.orange.cb, 128, 1.5) && near(m.orange.cr, 128, 1.5); }},
       {"saturation 0 reads as 64", IspSaturation, 0,
-       [&](auto& n, auto& m) { return near(m.orange.cb, n.orange.cb, 0) && near(m.orange.cr, n.orange.cr, 0); }},
+       [&](auto& n, auto& m) {
+         return near(m.orange.cb, n.orange.cb, 0) && near(m.orange.cr, n.orange.cr, 0);
+       }},
       {"colour enable 0 gives monochrome", IspColorEnable, 0,
        [&](auto& n, auto& m) {
          return m.orange.cb == 128 && m.orange.cr == 128 && near(m.orange.y, n.orange.y, 0);
@@ -380,11 +386,10 @@ TEST(IspProperties, EachValueMovesThePictureTheRightWay) {
     record[c.index] = c.value;
     ChartMeasure m = Measure(session.Develop(raw, ChartWidth, ChartHeight, record));
     EXPECT_TRUE(c.holds(neutral, m))
-        << c.name << ": ramp " << m.rampLow << "/" << m.rampMid << "/" << m.rampHigh
-        << " orange " << m.orange.y << "," << m.orange.cb << "," << m.orange.cr << " grey "
-        << m.grey.cb << "," << m.grey.cr << " (neutral ramp " << neutral.rampLow << "/"
-        << neutral.rampMid << "/" << neutral.rampHigh << " orange " << neutral.orange.cb << ","
-        << neutral.orange.cr << ")";
+        << c.name << ": ramp " << m.rampLow << "/" << m.rampMid << "/" << m.rampHigh << " orange "
+        << m.orange.y << "," << m.orange.cb << "," << m.orange.cr << " grey " << m.grey.cb << ","
+        << m.grey.cr << " (neutral ramp " << neutral.rampLow << "/" << neutral.rampMid << "/"
+        << neutral.rampHigh << " orange " << neutral.orange.cb << "," << neutral.orange.cr << ")";
   }
 }
 
@@ -418,11 +423,28 @@ TEST(IspProperties, AutomaticWhiteBalanceGreysATintedScene) {
   Session session;
   Record automatic = NeutralRecord;
   automatic[IspWhiteBalance] = 0;
-  Ycc fixed = MeanOver(session.Develop(raw, width, height, NeutralRecord), width, 0, width, 0, height);
-  Ycc balanced = MeanOver(session.Develop(raw, width, height, automatic), width, 0, width, 0, height);
+  Ycc fixed =
+      MeanOver(session.Develop(raw, width, height, NeutralRecord), width, 0, width, 0, height);
+  Ycc balanced =
+      MeanOver(session.Develop(raw, width, height, automatic), width, 0, width, 0, height);
   EXPECT_GT(fixed.cr, 140) << "the tint shows at a fixed 6500 K";
   EXPECT_NEAR(balanced.cb, 128, 1);
   EXPECT_NEAR(balanced.cr, 128, 1);
+
+  // The same grey in YUYV off the wire: the balance works through the
+  // YCbCr -> RGB -> YCbCr matrix and lands where the Bayer frame did. The
+  // tint (Y 113, Cb 112, Cr 151) is 150, 100, 80 in BT.601.
+  std::vector<uint8_t> yuyv(size_t{width} * height * 2);
+  for (size_t i = 0; i < yuyv.size(); i += 4) {
+    yuyv[i] = yuyv[i + 2] = 113;
+    yuyv[i + 1] = 112;
+    yuyv[i + 3] = 151;
+  }
+  session.Start(width, height, IspWireLayoutYuyv, width, height);
+  Ycc wire = MeanOver(session.Develop(yuyv, width, height, automatic), width, 0, width, 0, height);
+  EXPECT_NEAR(wire.cb, 128, 1.5);
+  EXPECT_NEAR(wire.cr, 128, 1.5);
+  EXPECT_NEAR(wire.y, balanced.y, 1.5);
 }
 
 TEST(IspProperties, AllZeroRecordGivesNeutralLumaInMonochrome) {
@@ -457,8 +479,10 @@ TEST(IspOrientation, MirrorAndFlipReverseGradients) {
   struct Case {
     uint32_t wireWidth, wireHeight;
   };
-  const Case cases[] = {{64, 32}, {32, 16}, {80, 40}};  // equal size, enlarged, shrunk
-  const uint32_t width = 64, height = 32;
+  // Equal size, enlarged from an odd wire width, shrunk; 33 pixel pairs a
+  // row, so the middle pair stays in place.
+  const Case cases[] = {{66, 32}, {33, 16}, {80, 40}};
+  const uint32_t width = 66, height = 32;
   for (const Case& c : cases) {
     SCOPED_TRACE(c.wireWidth);
     Session session;
@@ -588,9 +612,9 @@ TEST(IspHandle, BadFrameArgumentsLeaveTheDestinationUntouched) {
     bool nullRaw, nullDestination;
   };
   const Case cases[] = {
-      {"odd width", 33, 16, false, false},   {"width 0", 0, 16, false, false},
-      {"height 0", 32, 0, false, false},     {"too wide", 1602, 2, false, false},
-      {"too high", 2, 1202, false, false},   {"no raw frame", 32, 16, true, false},
+      {"odd width", 33, 16, false, false},     {"width 0", 0, 16, false, false},
+      {"height 0", 32, 0, false, false},       {"too wide", 1602, 2, false, false},
+      {"too high", 2, 1202, false, false},     {"no raw frame", 32, 16, true, false},
       {"no destination", 32, 16, false, true},
   };
   Session session;
@@ -732,7 +756,8 @@ TEST(IspCustomProperties, SmoothedWhiteBalanceMovesPartWayEachFrame) {
   ASSERT_EQ(ISPFunc_StreamStateNotify(session.handle, &session.camera, 0), STATUS_SUCCESS);
   session.Develop(red, width, height, automatic);
   EXPECT_NEAR(redGain(), 0.5, 0.001);
-  EXPECT_EQ(ISPFunc_StreamStateNotify(session.handle, &session.camera, 4), STATUS_INVALID_PARAMETER);
+  EXPECT_EQ(ISPFunc_StreamStateNotify(session.handle, &session.camera, 4),
+            STATUS_INVALID_PARAMETER);
 }
 
 // ---------------------------------------------------------------- vector rows
@@ -748,13 +773,15 @@ TEST(IspRows, VectorRowsGiveThePortableBytes) {
     bool available;
   };
   const Form forms[] = {
-      {"SSSE3", {IspDevelopBayerRow_SSSE3, IspDemosaicBayerRow_SSSE3, IspConvertRgbRow_SSSE3},
+      {"SSSE3",
+       {IspDevelopBayerRow_SSSE3, IspDemosaicBayerRow_SSSE3, IspConvertRgbRow_SSSE3},
        IspCpuHasSsse3()},
-      {"AVX2", {IspDevelopBayerRow_AVX2, IspDemosaicBayerRow_AVX2, IspConvertRgbRow_AVX2},
+      {"AVX2",
+       {IspDevelopBayerRow_AVX2, IspDemosaicBayerRow_AVX2, IspConvertRgbRow_AVX2},
        IspCpuHasAvx2()},
   };
   // Around every step length and its edges; odd widths for the demosaic.
-  const uint32_t widths[] = {1,  2,  3,  4,  6,  8,  15, 16, 17, 18, 19, 20,  26,  31, 32,
+  const uint32_t widths[] = {1,  2,  3,  4,  6,  8,  15, 16, 17, 18, 19, 20, 26,  31,  32,
                              33, 34, 35, 36, 37, 40, 50, 63, 64, 66, 67, 98, 130, 642, 1600};
   IspSettings neutral;
   IspClampSettings(NeutralRecord.data(), &neutral);
