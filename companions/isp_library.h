@@ -163,6 +163,11 @@ bool IspCpuHasSsse3();
 bool IspCpuHasAvx2();
 #endif
 
+// Whether an RGB row with these coefficients can leave the luma clamp or
+// 16..240 (the fused 16-bit formula at its extremes). When it cannot, the
+// vector forms leave the final clamp out, which changes no byte.
+bool IspRgbRowNeedsClamp(const IspRowCoefficients* k);
+
 // One set of row routines, chosen once at ISPFunc_Init (not per row).
 struct IspRowRoutines {
   IspBayerRowRoutine DevelopBayerRow;

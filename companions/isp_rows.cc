@@ -192,6 +192,32 @@ void IspPadColumns(const uint8_t* row, uint32_t width, int32_t first, uint32_t c
   }
 }
 
+bool IspRgbRowNeedsClamp(const IspRowCoefficients* k) {
+  // Luma rises with every channel (its coefficients are taken unsigned):
+  // its ends are all channels 0 and all 255.
+  int32_t lowest = static_cast<uint16_t>(k->YBias16) >> 4;
+  int32_t top = static_cast<uint16_t>(k->YBias16);
+  for (int i = 0; i < 3; ++i) top += LumaQ4(255, k->Y[i]);
+  int32_t highest = (top > 65535 ? 65535 : top) >> 4;
+  if (lowest < k->YMin || highest > k->YMax) return true;
+  // Each chroma term is monotonic in its pair sum (0..510): the ends are
+  // each term at its own extreme, as long as no sum saturates.
+  const int16_t* rows[2] = {k->Cb, k->Cr};
+  const int16_t biases[2] = {k->CbBias16, k->CrBias16};
+  for (int r = 0; r < 2; ++r) {
+    int32_t low = 0, high = 0;
+    for (int i = 0; i < 3; ++i) {
+      int32_t a = ChromaQ4(0, rows[r][i]), b = ChromaQ4(510, rows[r][i]);
+      low += a < b ? a : b;
+      high += a < b ? b : a;
+    }
+    if (low < -32768 || high > 32767) return true;  // a sum could saturate
+    if (low + biases[r] < -32768 || high + biases[r] > 32767) return true;
+    if ((low + biases[r]) >> 4 < 16 || (high + biases[r]) >> 4 > 240) return true;
+  }
+  return false;
+}
+
 void IspPortableRowRoutines(IspRowRoutines* routines) {
   routines->DevelopBayerRow = IspDevelopBayerRow_C;
   routines->DemosaicRow = IspDemosaicBayerRow_C;

@@ -36,6 +36,7 @@ struct RowVectors {
   __m256i crOwn, crGreen, crOther, crBias;
   __m256i low, high;
   __m256i greenSites;
+  bool clamp;  // the final clamp can change a byte
 };
 
 ISP_AVX2 inline __m256i GreenSites(uint32_t oddRow) {
@@ -64,6 +65,7 @@ ISP_AVX2 inline void MakeRowVectors(const IspRowCoefficients* k, uint32_t oddRow
   v->low = _mm256_set1_epi16(static_cast<int16_t>(k->YMin | (16 << 8)));
   v->high = _mm256_set1_epi16(static_cast<int16_t>(k->YMax | (240 << 8)));
   v->greenSites = GreenSites(oddRow);
+  v->clamp = IspRgbRowNeedsClamp(k);
 }
 
 // Demosaic of 32 pixels from row[0] on (row[0] an even column), reading
@@ -125,8 +127,12 @@ ISP_AVX2 inline void ColourStep(const RowVectors& v, __m256i own, __m256i green,
   __m256i b = _mm256_unpackhi_epi16(withCb, withCr);       // pairs 4..7 | 12..15
   __m256i first = _mm256_permute2x128_si256(a, b, 0x20);   // pixels 0..15
   __m256i second = _mm256_permute2x128_si256(a, b, 0x31);  // pixels 16..31
-  Store(out, _mm256_min_epu8(_mm256_max_epu8(first, v.low), v.high));
-  Store(out + 32, _mm256_min_epu8(_mm256_max_epu8(second, v.low), v.high));
+  if (v.clamp) {
+    first = _mm256_min_epu8(_mm256_max_epu8(first, v.low), v.high);
+    second = _mm256_min_epu8(_mm256_max_epu8(second, v.low), v.high);
+  }
+  Store(out, first);
+  Store(out + 32, second);
 }
 
 // Padded copies of columns start - 1 .. start + 32 of the three rows, for

@@ -35,6 +35,7 @@ struct RowVectors {
   __m128i crOwn, crGreen, crOther, crBias;
   __m128i low, high;
   __m128i greenSites;
+  bool clamp;  // the final clamp can change a byte
 };
 
 ISP_SSSE3 inline __m128i Select(__m128i mask, __m128i ifSet, __m128i ifClear) {
@@ -67,6 +68,7 @@ ISP_SSSE3 inline void MakeRowVectors(const IspRowCoefficients* k, uint32_t oddRo
   v->low = _mm_set1_epi16(static_cast<int16_t>(k->YMin | (16 << 8)));
   v->high = _mm_set1_epi16(static_cast<int16_t>(k->YMax | (240 << 8)));
   v->greenSites = GreenSites(oddRow);
+  v->clamp = IspRgbRowNeedsClamp(k);
 }
 
 // Demosaic of 16 pixels from row[0] on (row[0] an even column), reading
@@ -124,8 +126,12 @@ ISP_SSSE3 inline void ColourStep(const RowVectors& v, __m128i own, __m128i green
   __m128i withCr = _mm_unpackhi_epi8(luma, chroma);    // Y1 Cr per pair
   __m128i a = _mm_unpacklo_epi16(withCb, withCr);      // pairs 0..3
   __m128i b = _mm_unpackhi_epi16(withCb, withCr);      // pairs 4..7
-  Store(out, _mm_min_epu8(_mm_max_epu8(a, v.low), v.high));
-  Store(out + 16, _mm_min_epu8(_mm_max_epu8(b, v.low), v.high));
+  if (v.clamp) {
+    a = _mm_min_epu8(_mm_max_epu8(a, v.low), v.high);
+    b = _mm_min_epu8(_mm_max_epu8(b, v.low), v.high);
+  }
+  Store(out, a);
+  Store(out + 16, b);
 }
 
 // Padded copies of columns start - 1 .. start + 16 of the three rows, for

@@ -790,12 +790,25 @@ TEST(IspRows, VectorRowsGiveThePortableBytes) {
     for (auto& b : v) b = static_cast<uint8_t>(random());
     return v;
   };
-  for (uint32_t round = 0; round < 10; ++round) {
-    // The neutral matrix, then random coefficients and biases over the whole
-    // 16-bit range (saturation included), with both luma clamps.
+  for (uint32_t round = 0; round < 12; ++round) {
+    // The neutral matrix, built ones, then random coefficients and biases
+    // over the whole 16-bit range (saturation included), both luma clamps.
     IspRowCoefficients k;
     IspBuildRowCoefficients(IspWireLayoutBayer, IspUnityGain, IspUnityGain, &neutral, &k);
-    if (round > 0) {
+    if (round > 0 && round < 5) {
+      // Matrices the library builds, some that stay inside the clamps and
+      // some that do not.
+      Record record = NeutralRecord;
+      record[IspSaturation] = 1 + random() % 255;
+      record[IspHue] = Signed(static_cast<int32_t>(random() % 361) - 180);
+      record[IspWhiteBalance] = 2500 + random() % 7501;
+      IspSettings settings;
+      IspClampSettings(record.data(), &settings);
+      int32_t red, blue;
+      IspKelvinToGains(settings.Kelvin, &red, &blue);
+      IspBuildRowCoefficients(IspWireLayoutBayer, round == 1 ? IspUnityGain : red,
+                              round == 1 ? IspUnityGain : blue, &settings, &k);
+    } else if (round >= 5) {
       for (int16_t* row : {k.Y, k.Cb, k.Cr}) {
         for (int j = 0; j < 3; ++j) row[j] = static_cast<int16_t>(random() % 65536 - 32768);
       }
