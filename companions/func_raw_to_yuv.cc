@@ -153,6 +153,36 @@ FuncRgb CellAverage(const uint8_t* raw, size_t stride, uint64_t cx0, uint64_t cx
   return FuncRgb{RoundedMean(sr, n), RoundedMean(sg, 2 * n), RoundedMean(sb, n)};
 }
 
+// Each output pixel the mean of kx x ky whole cells. Inlined into its
+// callers so that constant ratios unroll.
+__attribute__((always_inline)) inline void AreaIntegerRatio(const uint8_t* raw, size_t stride,
+                                                            uint8_t* dst, uint32_t width,
+                                                            uint32_t height, uint32_t kx,
+                                                            uint32_t ky) {
+  uint32_t n = kx * ky;
+  size_t dstStride = 2 * static_cast<size_t>(width);
+  for (uint32_t y = 0; y < height; ++y) {
+    const uint8_t* band = raw + stride * (2 * static_cast<size_t>(ky) * y);
+    uint8_t* out = dst + dstStride * y;
+    FuncRgb pixel[2] = {};
+    for (uint32_t x = 0; x < width; ++x) {
+      uint32_t sb = 0, sg = 0, sr = 0;
+      const uint8_t* cell = band + 2 * static_cast<size_t>(kx) * x;
+      for (uint32_t cy = 0; cy < ky; ++cy, cell += 2 * stride) {
+        const uint8_t* bottom = cell + stride;
+        for (uint32_t cx = 0; cx < 2 * kx; cx += 2) {
+          sb += cell[cx];
+          sg += cell[cx + 1] + bottom[cx];
+          sr += bottom[cx + 1];
+        }
+      }
+      pixel[x & 1] = FuncRgb{RoundedMean(sr, n), RoundedMean(sg, 2 * n), RoundedMean(sb, n)};
+      if ((x & 1) != 0) FuncPackPair(pixel[0], pixel[1], out + 2 * static_cast<size_t>(x - 1));
+    }
+    if ((width & 1) != 0) FuncPackLone(pixel[0], out + 2 * static_cast<size_t>(width - 1));
+  }
+}
+
 void AreaDownscale(const FuncRowSet* rows, const uint8_t* raw, uint32_t rawWidth,
                    uint32_t rawHeight, uint8_t* dst, uint32_t width, uint32_t height) {
   uint64_t cellsX = rawWidth / 2, cellsY = rawHeight / 2;
@@ -167,26 +197,10 @@ void AreaDownscale(const FuncRowSet* rows, const uint8_t* raw, uint32_t rawWidth
   if (cellsX % width == 0 && cellsY % height == 0) {  // kx x ky cells a pixel
     uint32_t kx = static_cast<uint32_t>(cellsX / width),
              ky = static_cast<uint32_t>(cellsY / height);
-    uint32_t n = kx * ky;
-    for (uint32_t y = 0; y < height; ++y) {
-      const uint8_t* band = raw + stride * (2 * static_cast<size_t>(ky) * y);
-      uint8_t* out = dst + dstStride * y;
-      FuncRgb pixel[2] = {};
-      for (uint32_t x = 0; x < width; ++x) {
-        uint32_t sb = 0, sg = 0, sr = 0;
-        const uint8_t* cell = band + 2 * static_cast<size_t>(kx) * x;
-        for (uint32_t cy = 0; cy < ky; ++cy, cell += 2 * stride) {
-          const uint8_t* bottom = cell + stride;
-          for (uint32_t cx = 0; cx < 2 * kx; cx += 2) {
-            sb += cell[cx];
-            sg += cell[cx + 1] + bottom[cx];
-            sr += bottom[cx + 1];
-          }
-        }
-        pixel[x & 1] = FuncRgb{RoundedMean(sr, n), RoundedMean(sg, 2 * n), RoundedMean(sb, n)};
-        if ((x & 1) != 0) FuncPackPair(pixel[0], pixel[1], out + 2 * static_cast<size_t>(x - 1));
-      }
-      if ((width & 1) != 0) FuncPackLone(pixel[0], out + 2 * static_cast<size_t>(width - 1));
+    if (kx == 2 && ky == 2) {  // the 4x wire, its loops unrolled
+      AreaIntegerRatio(raw, stride, dst, width, height, 2, 2);
+    } else {
+      AreaIntegerRatio(raw, stride, dst, width, height, kx, ky);
     }
     return;
   }
