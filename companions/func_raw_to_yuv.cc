@@ -10,7 +10,7 @@
 // Raw at least twice as large on both axes (the sensor sends 2x or 4x the
 // picture): area average over whole Bayer cells. Each 2 x 2 cell is one
 // colour sample (its B, the mean of its two G, its R) centred in the cell; an
-// output pixel averages the cells its area covers (rounded to nearest), so a
+// output pixel averages the cells its area covers (means round down), so a
 // 2x wire gives one cell per pixel (a row function of its own) and a 4x wire
 // four. No aliasing of the mosaic, exact on flat colour.
 //
@@ -74,7 +74,8 @@ void BayerGrToYuyvRow_C(const uint8_t* above, const uint8_t* row, const uint8_t*
 
 void BayerCellsToYuyvRow_C(const uint8_t* top, const uint8_t* bottom, uint8_t* dstYuyv, int width) {
   auto cell = [&](int x) {
-    return FuncRgb{bottom[2 * x + 1], (top[2 * x + 1] + bottom[2 * x] + 1u) >> 1, top[2 * x]};
+    return FuncRgb{bottom[2 * x + 1], static_cast<uint32_t>(top[2 * x + 1] + bottom[2 * x]) >> 1,
+                   top[2 * x]};
   };
   int x = 0;
   for (; x + 1 < width; x += 2) FuncPackPair(cell(x), cell(x + 1), dstYuyv + 2 * x);
@@ -129,10 +130,11 @@ inline void NextSpan(SpanStepper* s) {
   }
 }
 
-// The rounded mean of `sum` over `n`; a shift when n is a power of two.
-inline uint32_t RoundedMean(uint64_t sum, uint64_t n) {
-  if ((n & (n - 1)) == 0) return static_cast<uint32_t>((sum + n / 2) >> __builtin_ctzll(n));
-  return static_cast<uint32_t>((sum + n / 2) / n);
+// The mean of `sum` over `n`, rounded down as the camera's means are; a
+// shift when n is a power of two.
+inline uint32_t MeanOf(uint64_t sum, uint64_t n) {
+  if ((n & (n - 1)) == 0) return static_cast<uint32_t>(sum >> __builtin_ctzll(n));
+  return static_cast<uint32_t>(sum / n);
 }
 
 // Mean colour of the Bayer cells [cx0, cx1) x [cy0, cy1).
@@ -150,7 +152,7 @@ FuncRgb CellAverage(const uint8_t* raw, size_t stride, uint64_t cx0, uint64_t cx
     }
   }
   uint64_t n = (cx1 - cx0) * (cy1 - cy0);
-  return FuncRgb{RoundedMean(sr, n), RoundedMean(sg, 2 * n), RoundedMean(sb, n)};
+  return FuncRgb{MeanOf(sr, n), MeanOf(sg, 2 * n), MeanOf(sb, n)};
 }
 
 // Each output pixel the mean of kx x ky whole cells. Inlined into its
@@ -176,7 +178,7 @@ __attribute__((always_inline)) inline void AreaIntegerRatio(const uint8_t* raw, 
           sr += bottom[cx + 1];
         }
       }
-      pixel[x & 1] = FuncRgb{RoundedMean(sr, n), RoundedMean(sg, 2 * n), RoundedMean(sb, n)};
+      pixel[x & 1] = FuncRgb{MeanOf(sr, n), MeanOf(sg, 2 * n), MeanOf(sb, n)};
       if ((x & 1) != 0) FuncPackPair(pixel[0], pixel[1], out + 2 * static_cast<size_t>(x - 1));
     }
     if ((width & 1) != 0) FuncPackLone(pixel[0], out + 2 * static_cast<size_t>(width - 1));

@@ -183,7 +183,7 @@ void YuyvToI420Row_AVX2(const uint8_t* srcA, const uint8_t* srcB, uint8_t* dstYA
 
 // One YUYV row of `width` pixels from the Bayer cells of a B G row (`top`)
 // and the G R row under it: pixel x is the cell at raw columns 2x and 2x + 1,
-// its B, the rounded mean of its two G ((g1 + g2 + 1) >> 1) and its R. The
+// its B, the mean of its two G ((g1 + g2) >> 1) and its R. The
 // raw rows are at least 2 x width long.
 typedef void (*FuncBayerCellRow)(const uint8_t* top, const uint8_t* bottom, uint8_t* dstYuyv,
                                  int width);

@@ -175,8 +175,10 @@ FUNC_AVX2 inline void BayerCellsStep(const uint8_t* top, const uint8_t* bottom, 
   __m256i t0 = Load(top + 2 * x), t1 = Load(top + 2 * x + 32);
   __m256i b0 = Load(bottom + 2 * x), b1 = Load(bottom + 2 * x + 32);
   __m256i be = ByteOfGroups(t0, t1, 0), bo = ByteOfGroups(t0, t1, 2);
-  __m256i ge = _mm256_avg_epu16(ByteOfGroups(t0, t1, 1), ByteOfGroups(b0, b1, 0));
-  __m256i go = _mm256_avg_epu16(ByteOfGroups(t0, t1, 3), ByteOfGroups(b0, b1, 2));
+  __m256i ge =
+      _mm256_srli_epi16(_mm256_add_epi16(ByteOfGroups(t0, t1, 1), ByteOfGroups(b0, b1, 0)), 1);
+  __m256i go =
+      _mm256_srli_epi16(_mm256_add_epi16(ByteOfGroups(t0, t1, 3), ByteOfGroups(b0, b1, 2)), 1);
   __m256i re = ByteOfGroups(b0, b1, 1), ro = ByteOfGroups(b0, b1, 3);
   StorePairs16(re, ge, be, ro, go, bo, dstYuyv + 2 * x);
 }
