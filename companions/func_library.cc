@@ -1,6 +1,7 @@
 // The format-conversion library's handle: a small pool block that holds the
 // rows chosen for this processor at FUNC_Init.
 
+#include "companions/handle_table.h"
 #include "companions/func_rows.h"
 #include "core/companions.h"
 
@@ -19,44 +20,11 @@ struct FuncState {
 constexpr size_t ScratchRowBytes = 2 * (static_cast<size_t>(FuncScratchCapacity) + 2);
 constexpr size_t StateBytes = sizeof(FuncState) + 3 * ScratchRowBytes;
 
-// Handles given out and not yet released, 0 in a free slot; accessed
-// atomically. A call with any other value is refused before its memory is
-// touched, so a handle used after its Exit, or released twice, does nothing.
-constexpr int MaxLiveHandles = 64;
-uint64_t LiveHandles[MaxLiveHandles];
-
-bool AddLiveHandle(uint64_t handle) {
-  for (uint64_t& slot : LiveHandles) {
-    uint64_t expected = 0;
-    if (__atomic_compare_exchange_n(&slot, &expected, handle, false, __ATOMIC_ACQ_REL,
-                                    __ATOMIC_ACQUIRE)) {
-      return true;
-    }
-  }
-  return false;
-}
-
-bool RemoveLiveHandle(uint64_t handle) {
-  for (uint64_t& slot : LiveHandles) {
-    uint64_t expected = handle;
-    if (__atomic_compare_exchange_n(&slot, &expected, 0, false, __ATOMIC_ACQ_REL,
-                                    __ATOMIC_ACQUIRE)) {
-      return true;
-    }
-  }
-  return false;
-}
-
-bool IsLiveHandle(uint64_t handle) {
-  if (handle == 0) return false;
-  for (uint64_t& slot : LiveHandles) {
-    if (__atomic_load_n(&slot, __ATOMIC_ACQUIRE) == handle) return true;
-  }
-  return false;
-}
+// Handles given out and not yet released.
+CompanionHandleTable LiveHandles;
 
 FuncState* StateOf(uint64_t funcHandle) {
-  if (!IsLiveHandle(funcHandle)) return nullptr;
+  if (!IsLiveHandle(&LiveHandles, funcHandle)) return nullptr;
   auto* state = reinterpret_cast<FuncState*>(static_cast<uintptr_t>(funcHandle));
   return state->Signature == FuncSignature ? state : nullptr;
 }
@@ -117,7 +85,7 @@ uint64_t FUNC_Init() {
   for (int i = 0; i < 3; ++i) state->Scratch.Rows[i] = rows + i * ScratchRowBytes;
   state->Scratch.Capacity = FuncScratchCapacity;
   uint64_t handle = reinterpret_cast<uintptr_t>(state);
-  if (!AddLiveHandle(handle)) {
+  if (!AddLiveHandle(&LiveHandles, handle)) {
     ExFreePoolWithTag(state, FuncPoolTag);
     return 0;
   }
@@ -127,7 +95,7 @@ uint64_t FUNC_Init() {
 // Shut-down (last step of CamUnInitialize).
 void FUNC_Exit(uint64_t funcHandle) {
   FuncState* state = StateOf(funcHandle);
-  if (state == nullptr || !RemoveLiveHandle(funcHandle)) return;
+  if (state == nullptr || !RemoveLiveHandle(&LiveHandles, funcHandle)) return;
   state->Signature = 0;
   ExFreePoolWithTag(state, FuncPoolTag);
 }

@@ -422,8 +422,8 @@ NTSTATUS ISPFunc_RawToImg(uint64_t ispHandle, void* context, uint32_t mode, cons
                           uint32_t height) {
   (void)context;
   (void)mode;  // the driver always asks for 2 (YUYV); there is no other output
-  IspState* state = reinterpret_cast<IspState*>(static_cast<uintptr_t>(ispHandle));
-  if (state == nullptr || state->Signature != IspStateSignature) return STATUS_INVALID_HANDLE;
+  IspState* state = IspStateOf(ispHandle);
+  if (state == nullptr) return STATUS_INVALID_HANDLE;
   // A YUYV row holds whole pixel pairs: an odd width has no picture.
   if (destination == nullptr || raw == nullptr || width == 0 || height == 0 ||
       width > IspMaxWidth || height > IspMaxHeight || (width & 1) != 0) {

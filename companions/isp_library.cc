@@ -9,13 +9,14 @@
 
 #include <cstring>
 
-namespace {
+CompanionHandleTable IspLiveHandles;
 
-IspState* StateOf(uint64_t handle) {
-  IspState* state = reinterpret_cast<IspState*>(static_cast<uintptr_t>(handle));
-  if (state == nullptr || state->Signature != IspStateSignature) return nullptr;
-  return state;
+IspState* IspStateOf(uint64_t handle) {
+  if (!IsLiveHandle(&IspLiveHandles, handle)) return nullptr;
+  return reinterpret_cast<IspState*>(static_cast<uintptr_t>(handle));
 }
+
+namespace {
 
 uint32_t ReadWireRegisterWord(IspState* state, void* context, uint8_t lowRegister,
                               uint8_t highRegister) {
@@ -54,7 +55,12 @@ NTSTATUS ISPFunc_Init(uint64_t* ispHandle, void* context, PDEVICE_OBJECT physica
   for (uint32_t i = 0; i < IspRowCacheSlots; ++i) state->CachedRow[i] = -1;
   state->WhiteGains =
       static_cast<uint32_t>(IspUnityGain) | (static_cast<uint32_t>(IspUnityGain) << 16);
-  *ispHandle = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(state));
+  const uint64_t handle = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(state));
+  if (!AddLiveHandle(&IspLiveHandles, handle)) {
+    ExFreePoolWithTag(state, IspPoolTag);
+    return STATUS_INSUFFICIENT_RESOURCES;
+  }
+  *ispHandle = handle;
   return STATUS_SUCCESS;
 }
 
@@ -62,8 +68,10 @@ NTSTATUS ISPFunc_Init(uint64_t* ispHandle, void* context, PDEVICE_OBJECT physica
 NTSTATUS ISPFunc_Exit(uint64_t ispHandle, void* context, PDEVICE_OBJECT physicalDeviceObject) {
   (void)context;
   (void)physicalDeviceObject;
-  IspState* state = StateOf(ispHandle);
-  if (state == nullptr) return STATUS_INVALID_HANDLE;
+  IspState* state = IspStateOf(ispHandle);
+  if (state == nullptr || !RemoveLiveHandle(&IspLiveHandles, ispHandle)) {
+    return STATUS_INVALID_HANDLE;
+  }
   state->Signature = 0;
   ExFreePoolWithTag(state, IspPoolTag);
   return STATUS_SUCCESS;
@@ -77,7 +85,7 @@ NTSTATUS ISPFunc_Exit(uint64_t ispHandle, void* context, PDEVICE_OBJECT physical
 NTSTATUS ISPFunc_StartCapture(uint64_t ispHandle, void* context, uint32_t mode, uint32_t width,
                               uint32_t height, uint32_t* wireWidth, uint32_t* wireHeight) {
   (void)mode;
-  IspState* state = StateOf(ispHandle);
+  IspState* state = IspStateOf(ispHandle);
   if (state == nullptr) return STATUS_INVALID_HANDLE;
   uint32_t w = 0, h = 0;
   uint8_t layout = IspWireLayoutBayer;
@@ -109,7 +117,7 @@ NTSTATUS ISPFunc_StartCapture(uint64_t ispHandle, void* context, uint32_t mode, 
 // developed after it (none, normally) take the output size in Bayer.
 NTSTATUS ISPFunc_StopCapture(uint64_t ispHandle, void* context) {
   (void)context;
-  IspState* state = StateOf(ispHandle);
+  IspState* state = IspStateOf(ispHandle);
   if (state == nullptr) return STATUS_INVALID_HANDLE;
   IspStoreShared(&state->WireGeometry, uint64_t{0});
   IspStoreShared(&state->CaptureWidth, 0u);
@@ -123,7 +131,7 @@ NTSTATUS ISPFunc_StopCapture(uint64_t ispHandle, void* context) {
 // 3 (run) is refused.
 NTSTATUS ISPFunc_StreamStateNotify(uint64_t ispHandle, void* context, uint32_t streamState) {
   (void)context;
-  IspState* state = StateOf(ispHandle);
+  IspState* state = IspStateOf(ispHandle);
   if (state == nullptr) return STATUS_INVALID_HANDLE;
   if (streamState > 3) return STATUS_INVALID_PARAMETER;
   IspStoreShared(&state->StreamState, streamState);
@@ -134,7 +142,7 @@ NTSTATUS ISPFunc_StreamStateNotify(uint64_t ispHandle, void* context, uint32_t s
 // Frame path or worker thread; a plain store, taken by the next frame.
 NTSTATUS ISPFunc_Rotate(uint64_t ispHandle, void* context, uint32_t mirror, uint32_t flip) {
   (void)context;
-  IspState* state = StateOf(ispHandle);
+  IspState* state = IspStateOf(ispHandle);
   if (state == nullptr) return STATUS_INVALID_HANDLE;
   uint32_t orientation =
       (mirror != 0 ? IspOrientationMirror : 0) | (flip != 0 ? IspOrientationFlip : 0);
@@ -175,7 +183,7 @@ uint32_t* PropertyWord(STREAM_PROPERTY_DESCRIPTOR* descriptor, uint32_t* id) {
 uint32_t ISPFunc_prpmanf_GetCustomProperty(uint64_t ispHandle, void* context,
                                            STREAM_PROPERTY_DESCRIPTOR* descriptor) {
   (void)context;
-  IspState* state = StateOf(ispHandle);
+  IspState* state = IspStateOf(ispHandle);
   uint32_t id = 0;
   uint32_t* word = PropertyWord(descriptor, &id);
   if (state == nullptr || word == nullptr) return 0;
@@ -204,7 +212,7 @@ uint32_t ISPFunc_prpmanf_GetCustomProperty(uint64_t ispHandle, void* context,
 uint32_t ISPFunc_prpmanf_SetCustomProperty(uint64_t ispHandle, void* context,
                                            STREAM_PROPERTY_DESCRIPTOR* descriptor) {
   (void)context;
-  IspState* state = StateOf(ispHandle);
+  IspState* state = IspStateOf(ispHandle);
   uint32_t id = 0;
   uint32_t* word = PropertyWord(descriptor, &id);
   if (state == nullptr || word == nullptr) return 0;

@@ -22,6 +22,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "companions/handle_table.h"
 #include "companions/isp_wire_registers.h"
 #include "core/companions.h"
 #include "platform/kernel.h"
@@ -335,6 +336,11 @@ struct IspState {
   uint8_t SharpenRows[3][IspMaxWidth];       // original luma above, at and below the row
   uint16_t SharpenColumns[IspMaxWidth + 2];  // vertical (1 2 1) sums, edges repeated
 };
+
+// The handles ISPFunc_Init gave out and ISPFunc_Exit has not taken back.
+extern CompanionHandleTable IspLiveHandles;
+// The state behind a live handle, or null for any other value.
+IspState* IspStateOf(uint64_t handle);
 
 // The shared words of the state are read and written whole, without a lock.
 inline uint32_t IspLoadShared(const uint32_t* cell) {

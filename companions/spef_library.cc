@@ -8,6 +8,7 @@
 
 #include <cstring>
 
+#include "companions/handle_table.h"
 #include "companions/spef_effects.h"
 
 namespace {
@@ -17,41 +18,8 @@ constexpr uint32_t SpefSignature = 0x46455053;  // "SPEF"
 constexpr size_t PrivateOffset = (sizeof(SpefRecord) + 15) & ~static_cast<size_t>(15);
 constexpr size_t BlockBytes = PrivateOffset + sizeof(SpefPrivate);
 
-// Handles given out and not yet released, 0 in a free slot; accessed
-// atomically. A call with any other value is refused before its memory is
-// touched, so a handle used after its Exit, or released twice, does nothing.
-constexpr int MaxLiveHandles = 64;
-uint64_t LiveHandles[MaxLiveHandles];
-
-bool AddLiveHandle(uint64_t handle) {
-  for (uint64_t& slot : LiveHandles) {
-    uint64_t expected = 0;
-    if (__atomic_compare_exchange_n(&slot, &expected, handle, false, __ATOMIC_ACQ_REL,
-                                    __ATOMIC_ACQUIRE)) {
-      return true;
-    }
-  }
-  return false;
-}
-
-bool RemoveLiveHandle(uint64_t handle) {
-  for (uint64_t& slot : LiveHandles) {
-    uint64_t expected = handle;
-    if (__atomic_compare_exchange_n(&slot, &expected, 0, false, __ATOMIC_ACQ_REL,
-                                    __ATOMIC_ACQUIRE)) {
-      return true;
-    }
-  }
-  return false;
-}
-
-bool IsLiveHandle(uint64_t handle) {
-  if (handle == 0) return false;
-  for (uint64_t& slot : LiveHandles) {
-    if (__atomic_load_n(&slot, __ATOMIC_ACQUIRE) == handle) return true;
-  }
-  return false;
-}
+// Handles given out and not yet released.
+CompanionHandleTable LiveHandles;
 
 SpefRecord* RecordOf(uint64_t handle) {
   return reinterpret_cast<SpefRecord*>(static_cast<uintptr_t>(handle));
@@ -90,7 +58,7 @@ void PickUpEffect(uint64_t handle) {
 }  // namespace
 
 SpefPrivate* SpefPrivateOf(uint64_t spefHandle) {
-  if (!IsLiveHandle(spefHandle)) return nullptr;
+  if (!IsLiveHandle(&LiveHandles, spefHandle)) return nullptr;
   auto* priv = reinterpret_cast<SpefPrivate*>(static_cast<uintptr_t>(spefHandle) + PrivateOffset);
   return priv->Signature == SpefSignature ? priv : nullptr;
 }
@@ -131,7 +99,7 @@ uint64_t SPEF_Init(const WCHAR* folder) {
   priv->Signature = SpefSignature;
   priv->ActiveEffect = 0;
   uint64_t handle = reinterpret_cast<uintptr_t>(block);
-  if (!AddLiveHandle(handle)) {
+  if (!AddLiveHandle(&LiveHandles, handle)) {
     ExFreePoolWithTag(block, SpefPoolTag);
     return 0;
   }
@@ -141,7 +109,7 @@ uint64_t SPEF_Init(const WCHAR* folder) {
 // Shut-down (CamUnInitialize).
 void SPEF_Exit(uint64_t spefHandle) {
   SpefPrivate* priv = SpefPrivateOf(spefHandle);
-  if (priv == nullptr || !RemoveLiveHandle(spefHandle)) return;
+  if (priv == nullptr || !RemoveLiveHandle(&LiveHandles, spefHandle)) return;
   priv->Signature = 0;
   ExFreePoolWithTag(RecordOf(spefHandle), SpefPoolTag);
 }
