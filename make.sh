@@ -39,8 +39,12 @@ case "${1:-run}" in
       for t in $targets; do
         mkdir -p "build/fuzz/corpus/$t"
         echo "fuzz: $t for ${MR740_FUZZ_SECONDS:-20} s"
+        corpora=("build/fuzz/corpus/$t")
+        [ -d "fuzz/corpus/$t" ] && corpora+=("fuzz/corpus/$t")
         ./build/fuzz/fuzz/fuzz_$t -max_total_time="${MR740_FUZZ_SECONDS:-20}" \
-          -print_final_stats=0 "build/fuzz/corpus/$t" "fuzz/corpus/$t" 2>&1 | tail -n 2
+          -print_final_stats=0 "${corpora[@]}" > "build/fuzz/$t.log" 2>&1 ||
+          { tail -n 40 "build/fuzz/$t.log"; exit 1; }
+        tail -n 1 "build/fuzz/$t.log"
       done
     fi
     ;;
