@@ -451,12 +451,8 @@ void ResampleThroughRows(const FuncRowSet* rows, const FuncScratch* scratch, con
 // Frame path (the driver's own raw route): see the head of this file.
 void FUNC_RawToYuv(uint64_t funcHandle, const uint8_t* raw, uint32_t rawWidth, uint32_t rawHeight,
                    uint8_t* destination, uint32_t width, uint32_t height) {
-  if (destination == nullptr || width == 0 || height == 0) return;
-  // Sizes beyond what an int row index and a 64-bit offset carry are not
-  // pictures; they are refused rather than wrapped.
-  constexpr uint32_t limit = 1u << 24;
-  if (width > limit || height > limit) return;
-  if (raw == nullptr || rawWidth == 0 || rawHeight == 0 || rawWidth > limit || rawHeight > limit) {
+  if (destination == nullptr || !FuncPictureSizeValid(width, height)) return;
+  if (raw == nullptr || !FuncPictureSizeValid(rawWidth, rawHeight)) {
     PaintBlack(destination, static_cast<size_t>(width) * height);
     return;
   }

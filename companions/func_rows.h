@@ -219,6 +219,13 @@ bool FuncCpuHasAvx2();
 const FuncRowSet* FuncBestRows();
 // The rows of a handle: those chosen at FUNC_Init, or the best rows for a
 // null handle (the driver does not test FUNC_Init's result).
+// Sizes beyond what an int row index and a 64-bit offset carry are not
+// pictures: the conversions refuse them rather than wrap.
+constexpr uint32_t FuncMaxSide = 1u << 24;
+inline bool FuncPictureSizeValid(uint32_t width, uint32_t height) {
+  return width != 0 && height != 0 && width <= FuncMaxSide && height <= FuncMaxSide;
+}
+
 const FuncRowSet* FuncRowsOf(uint64_t funcHandle);
 // Makes a handle use the portable rows, so tests can compare the two paths
 // through the whole-picture drivers.

@@ -20,11 +20,7 @@ void YuyvToBgr24Row_C(const uint8_t* srcYuyv, uint8_t* dstBgr, int width) {
 
 void FUNC_YuvToBmp(uint64_t funcHandle, const uint8_t* source, uint32_t width, uint32_t height,
                    uint8_t* destination) {
-  constexpr uint32_t limit = 1u << 24;
-  if (source == nullptr || destination == nullptr || width == 0 || height == 0 || width > limit ||
-      height > limit) {
-    return;
-  }
+  if (source == nullptr || destination == nullptr || !FuncPictureSizeValid(width, height)) return;
   FuncYuyvToBgrRow row = FuncRowsOf(funcHandle)->YuyvToBgrRow;
   size_t srcStride = 2 * static_cast<size_t>(width), dstStride = 3 * static_cast<size_t>(width);
   for (uint32_t y = 0; y < height; ++y) {

@@ -34,11 +34,7 @@ void YuyvToYRow_C(const uint8_t* srcYuyv, uint8_t* dstY, int width) {
 
 void FUNC_YuvToI420(uint64_t funcHandle, const uint8_t* source, uint32_t width, uint32_t height,
                     uint8_t* destination) {
-  constexpr uint32_t limit = 1u << 24;
-  if (source == nullptr || destination == nullptr || width == 0 || height == 0 || width > limit ||
-      height > limit) {
-    return;
-  }
+  if (source == nullptr || destination == nullptr || !FuncPictureSizeValid(width, height)) return;
   FuncYuyvToI420Row row = FuncRowsOf(funcHandle)->YuyvToI420Row;
   size_t srcStride = 2 * static_cast<size_t>(width), yStride = width, cStride = width / 2;
   uint8_t* planeY = destination;

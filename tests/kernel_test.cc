@@ -12,11 +12,10 @@
 
 #include "platform/kernel.h"
 #include "platform/kernel_control.h"
+#include "tests/kernel_test_clock.h"
 
 namespace {
 
-// 2026-03-01 00:00:00 in 100 ns units since 1601.
-constexpr int64_t kStart = 116444736000000000LL + 1772323200LL * 10000000LL;
 
 // Tags of this file's own blocks, so that blocks other tests hold do not count.
 constexpr ULONG kTagA = 0x41747354;  // "TstA"
@@ -35,18 +34,6 @@ class KernelClock : public ::testing::Test {
     SetKernelClockMode(KernelClockMode::Real);
   }
 };
-
-int64_t Clock() {
-  LARGE_INTEGER now;
-  KeQuerySystemTime(&now);
-  return now.QuadPart;
-}
-
-NTSTATUS WaitFor(KEVENT* event, int64_t timeout) {
-  LARGE_INTEGER t;
-  t.QuadPart = timeout;
-  return KeWaitForSingleObject(event, Executive, KernelMode, FALSE, &t);
-}
 
 TEST_F(KernelClock, EventsGivePreviousStateAndOnlySynchronizationResetsOnWait) {
   struct Case {

@@ -11,25 +11,12 @@
 
 #include "platform/kernel.h"
 #include "platform/kernel_control.h"
+#include "tests/kernel_test_clock.h"
 
 namespace {
 
-// 2026-03-01 00:00:00 in 100 ns units since 1601.
-constexpr int64_t kStart = 116444736000000000LL + 1772323200LL * 10000000LL;
 constexpr KPRIORITY kSignalPriority = 12;
 constexpr KPRIORITY kEndingPriority = 13;
-
-int64_t Clock() {
-  LARGE_INTEGER now;
-  KeQuerySystemTime(&now);
-  return now.QuadPart;
-}
-
-NTSTATUS WaitFor(KEVENT* event, int64_t timeout) {
-  LARGE_INTEGER t;
-  t.QuadPart = timeout;
-  return KeWaitForSingleObject(event, Executive, KernelMode, FALSE, &t);
-}
 
 void StartThread(PKSTART_ROUTINE routine, void* context) {
   HANDLE handle = nullptr;
