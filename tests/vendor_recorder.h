@@ -1,0 +1,181 @@
+// A fake capture host that records every vendor request the driver sends and
+// answers reads from a register file, for the tests of controller access and
+// scripts. Install one VendorRecorder per test; it uninstalls itself.
+//
+// Each request is described as a line "R VVVV IIII dir data", for example
+// "1 60AB 0012 out" (no data stage), "3 7A00 0200 out [35 12 F0 34]" or
+// "2 6000 8012 in 1" (a one-byte data stage towards the host).
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "core/host_contract.h"
+#include "platform/kernel.h"
+
+struct VendorCall {
+  uint8_t request = 0;
+  uint16_t value = 0;
+  uint16_t index = 0;
+  bool getData = false;
+  bool hasDataStage = false;
+  uint32_t length = 0;
+  std::vector<uint8_t> data;  // bytes sent (out) or answered (in)
+  int64_t time = 0;           // system time when the request arrived
+  const void* buffer = nullptr;
+
+  std::string Text() const {
+    char head[48];
+    std::snprintf(head, sizeof head, "%u %04X %04X %s", request, value, index,
+                  getData ? "in" : "out");
+    std::string text = head;
+    if (!hasDataStage) return text;
+    if (getData) return text + " " + std::to_string(length);
+    text += " [";
+    for (size_t i = 0; i < data.size(); ++i) {
+      char byte[4];
+      std::snprintf(byte, sizeof byte, i == 0 ? "%02X" : " %02X", data[i]);
+      text += byte;
+    }
+    return text + "]";
+  }
+};
+
+class VendorRecorder {
+ public:
+  VendorRecorder() {
+    Instance() = this;
+    static const HostCalls calls = MakeCalls();
+    SetHostCalls(&calls);
+  }
+  ~VendorRecorder() {
+    SetHostCalls(nullptr);
+    Instance() = nullptr;
+  }
+  VendorRecorder(const VendorRecorder&) = delete;
+  VendorRecorder& operator=(const VendorRecorder&) = delete;
+
+  // The register file: (bus << 8 | register) -> byte. Writes of request 1 and
+  // the pair list of request 3 update it; reads of request 2 answer from it.
+  std::map<uint16_t, uint8_t> registers;
+  // When not empty, one-byte reads take their answer from here first.
+  std::deque<uint8_t> readQueue;
+  // Answers of request 8 by (bus << 8 | form) then register: 16-bit values.
+  std::map<uint32_t, uint16_t> wide;
+  // Decides the status of a request; null: STATUS_SUCCESS for all.
+  std::function<NTSTATUS(const VendorCall&)> status;
+
+  std::vector<VendorCall> Calls() {
+    std::lock_guard<std::mutex> hold(lock_);
+    return calls_;
+  }
+  std::vector<std::string> Lines() {
+    std::vector<std::string> lines;
+    for (const VendorCall& call : Calls()) lines.push_back(call.Text());
+    return lines;
+  }
+  void Clear() {
+    std::lock_guard<std::mutex> hold(lock_);
+    calls_.clear();
+  }
+  // Fails request number `nth` (1 = the next one) with `code`.
+  void FailNth(size_t nth, NTSTATUS code) {
+    size_t target = Calls().size() + nth;
+    std::shared_ptr<size_t> seen = std::make_shared<size_t>(Calls().size());
+    status = [target, seen, code](const VendorCall&) {
+      return ++*seen == target ? code : STATUS_SUCCESS;
+    };
+  }
+
+ private:
+  static VendorRecorder*& Instance() {
+    static VendorRecorder* instance = nullptr;
+    return instance;
+  }
+
+  static NTSTATUS Control(DeviceContext*, uint8_t request, uint16_t value, uint16_t index,
+                          void* buffer, uint32_t* bufferLength, BOOLEAN getData,
+                          PCOMMAND_COMPLETE_FUNCTION, void*) {
+    VendorRecorder* self = Instance();
+    VendorCall call;
+    call.request = request;
+    call.value = value;
+    call.index = index;
+    call.getData = getData != FALSE;
+    call.hasDataStage = bufferLength != nullptr;
+    call.length = bufferLength ? *bufferLength : 0;
+    call.buffer = buffer;
+    LARGE_INTEGER now;
+    KeQuerySystemTime(&now);
+    call.time = now.QuadPart;
+    auto* bytes = static_cast<uint8_t*>(buffer);
+    if (call.hasDataStage && !call.getData && call.length > 0) {
+      call.data.assign(bytes, bytes + call.length);
+    }
+    std::lock_guard<std::mutex> hold(self->lock_);
+    NTSTATUS result = self->status ? self->status(call) : STATUS_SUCCESS;
+    if (result == STATUS_SUCCESS) self->Apply(call, bytes);
+    self->calls_.push_back(call);
+    return result;
+  }
+
+  void Apply(VendorCall& call, uint8_t* bytes) {
+    uint8_t bus = call.value >> 8;
+    if (call.request == 1 && !(call.index & 0x8000)) {
+      registers[uint16_t(bus << 8 | (call.index & 0xFF))] = uint8_t(call.value);
+    } else if (call.request == 3 && call.index == 0x0200) {
+      for (uint32_t i = 0; i + 1 < call.length; i += 2) {
+        registers[uint16_t(bus << 8 | bytes[i])] = bytes[i + 1];
+      }
+    } else if (call.request == 2 && call.getData && call.length >= 1) {
+      uint8_t answer = registers[uint16_t(bus << 8 | (call.index & 0xFF))];
+      if (!readQueue.empty()) {
+        answer = readQueue.front();
+        readQueue.pop_front();
+      }
+      bytes[0] = answer;
+      call.data.assign(bytes, bytes + 1);
+    } else if (call.request == 8 && call.getData) {
+      uint16_t answer = wide[uint32_t(call.value) << 16 | call.index];
+      if (call.length >= 1) bytes[0] = uint8_t(answer);
+      if (call.length >= 2) bytes[1] = uint8_t(answer >> 8);
+      call.data.assign(bytes, bytes + call.length);
+    } else if (call.request == 6 && call.getData) {
+      for (uint32_t i = 0; i < call.length; ++i) bytes[i] = uint8_t(call.value + i);
+      call.data.assign(bytes, bytes + call.length);
+    }
+  }
+
+  static HostCalls MakeCalls() {
+    HostCalls calls{};
+    calls.DriverEntry = [](void*, void*, uint32_t, uint32_t, PHW_RECEIVE_DEVICE_SRB) {
+      return STATUS_NOT_SUPPORTED;
+    };
+    calls.AdapterReceivePacket = [](PHW_STREAM_REQUEST_BLOCK, const USBCAMD_DEVICE_DATA*,
+                                    PDEVICE_OBJECT*, BOOLEAN) -> DeviceContext* {
+      return nullptr;
+    };
+    calls.InitializeNewInterface = [](DeviceContext*, const USBCAMD_DEVICE_DATA2*, uint32_t,
+                                      uint32_t) { return STATUS_NOT_SUPPORTED; };
+    calls.ControlVendorCommand = &Control;
+    calls.SelectAlternateInterface = [](DeviceContext*, USBD_INTERFACE_INFORMATION*) {
+      return STATUS_NOT_SUPPORTED;
+    };
+    calls.DeviceNotification = [](uint32_t, void*, PHW_STREAM_REQUEST_BLOCK) {};
+    calls.StreamNotification = [](uint32_t, HW_STREAM_OBJECT*, PHW_STREAM_REQUEST_BLOCK) {};
+    calls.ParseConfigurationDescriptorEx =
+        [](USB_CONFIGURATION_DESCRIPTOR*, void*, int32_t, int32_t, int32_t, int32_t,
+           int32_t) -> USB_INTERFACE_DESCRIPTOR* { return nullptr; };
+    return calls;
+  }
+
+  std::mutex lock_;
+  std::vector<VendorCall> calls_;
+};
