@@ -40,20 +40,36 @@ constexpr uint64_t FILE_CREATED = 2;
 
 // Opens or creates the file named by `attributes` (an absolute "\??\X:\..."
 // name; the root must be null). With FILE_OPEN_IF a missing file comes into
-// being empty. Names compare as the host's file system compares them; with
-// OBJ_CASE_INSENSITIVE a name that differs from an existing file only by case
-// opens that file. A missing folder gives STATUS_OBJECT_PATH_NOT_FOUND, an
-// unmapped drive STATUS_OBJECT_PATH_NOT_FOUND, a malformed name
-// STATUS_OBJECT_NAME_INVALID.
+// being empty; with FILE_OPEN it gives STATUS_OBJECT_NAME_NOT_FOUND. Other
+// dispositions give STATUS_NOT_SUPPORTED: files are only read here. Names
+// compare as the host's file system compares them; with OBJ_CASE_INSENSITIVE
+// a folder or file that is missing under its exact name is looked for among
+// the entries that differ from it only in ASCII case, level by level (camera
+// descriptions are written on a system that ignores case), and only when none
+// matches does FILE_OPEN_IF create the file, under the name as given.
+// ioStatus->Information is FILE_OPENED or FILE_CREATED.
+// A missing folder gives STATUS_OBJECT_PATH_NOT_FOUND, an unmapped drive
+// STATUS_OBJECT_PATH_NOT_FOUND, a malformed name STATUS_OBJECT_NAME_INVALID
+// (another prefix, no drive, an empty, "." or ".." component, a character a
+// file name cannot hold), a folder or anything but a regular file
+// STATUS_ACCESS_DENIED. allocationSize, fileAttributes, shareAccess,
+// createOptions and the extended attributes are accepted and not used: reads
+// are always synchronous and nothing is ever written.
 NTSTATUS ZwCreateFile(HANDLE* fileHandle, ACCESS_MASK desiredAccess, OBJECT_ATTRIBUTES* attributes,
                       IO_STATUS_BLOCK* ioStatus, LARGE_INTEGER* allocationSize,
                       ULONG fileAttributes, ULONG shareAccess, ULONG createDisposition,
                       ULONG createOptions, void* eaBuffer, ULONG eaLength);
 
 // Reads up to `length` bytes at `*byteOffset` (null: at the file's current
-// position). Bytes read go to ioStatus->Information. At or past the end of the
-// file: STATUS_END_OF_FILE with no bytes. `event`, `apcRoutine`, `apcContext`
-// and `key` must be null; the read is synchronous.
+// position, which then moves on). Bytes read go to ioStatus->Information; a
+// read that meets the end of the file brings what there is, with success. At
+// or past the end of the file: STATUS_END_OF_FILE with no bytes. `event`,
+// `apcRoutine`, `apcContext` and `key` must be null and an offset must not be
+// negative (else STATUS_INVALID_PARAMETER); the read is synchronous. A handle
+// opened without FILE_READ_DATA or GENERIC_READ gives STATUS_ACCESS_DENIED.
+// Reads on different handles, and reads at explicit offsets on one handle, may
+// run at the same time; closing a handle while another thread reads through
+// it is the caller's fault, as in the kernel.
 NTSTATUS ZwReadFile(HANDLE fileHandle, HANDLE event, void* apcRoutine, void* apcContext,
                     IO_STATUS_BLOCK* ioStatus, void* buffer, ULONG length,
                     LARGE_INTEGER* byteOffset, ULONG* key);

@@ -1,0 +1,457 @@
+// The file layer as the script reader uses it: object names onto host paths,
+// open-if, reads at explicit offsets, case-insensitive lookup, fault
+// injection, and no handle left open.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/files.h"
+#include "platform/files_control.h"
+#include "platform/handles.h"
+#include "platform/registry_control.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// Drive letters these tests map, and one they keep unmapped. No other letter
+// is touched, so a mapping another suite (or MR740_DRIVE_C) made stays.
+constexpr char kDrive = 'T';
+constexpr char kUnmapped = 'Q';
+
+std::string MakeTempFolder(const char* what) {
+  static std::atomic<int> serial{0};
+  fs::path folder = fs::temp_directory_path() /
+                    ("mr740-" + std::string(what) + "-" + std::to_string(::getpid()) + "-" +
+                     std::to_string(serial++));
+  fs::create_directories(folder);
+  return folder.string();
+}
+
+void WriteHostFile(const std::string& path, const std::string& bytes) {
+  fs::create_directories(fs::path(path).parent_path());
+  std::ofstream out(path, std::ios::binary);
+  out << bytes;
+}
+
+std::string ReadHostFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// ZwCreateFile as the script reader calls it.
+NTSTATUS OpenAsDriver(const std::u16string& name, HANDLE* handle, IO_STATUS_BLOCK* io,
+                      ULONG disposition = FILE_OPEN_IF,
+                      ULONG attributes = OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE,
+                      ACCESS_MASK access = FILE_READ_DATA) {
+  std::u16string copy = name;
+  UNICODE_STRING text;
+  text.Buffer = copy.data();
+  text.Length = USHORT(copy.size() * 2);
+  text.MaximumLength = text.Length;
+  OBJECT_ATTRIBUTES oa;
+  InitializeObjectAttributes(&oa, &text, attributes, nullptr, nullptr);
+  return ZwCreateFile(handle, access, &oa, io, nullptr, FILE_ATTRIBUTE_NORMAL, FILE_SHARE_READ,
+                      disposition, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
+}
+
+NTSTATUS ReadAt(HANDLE handle, int64_t offset, void* buffer, ULONG length, uint64_t* got) {
+  IO_STATUS_BLOCK io{-1, 99};
+  LARGE_INTEGER at;
+  at.QuadPart = offset;
+  NTSTATUS status = ZwReadFile(handle, nullptr, nullptr, nullptr, &io, buffer, length, &at, nullptr);
+  *got = io.Information;
+  EXPECT_EQ(io.Status, status);
+  return status;
+}
+
+// Everything the driver reads back of a file, 128 bytes at a time.
+std::string ReadWhole(HANDLE handle) {
+  std::string text;
+  char buffer[128];
+  uint64_t got = 0;
+  while (NT_SUCCESS(ReadAt(handle, int64_t(text.size()), buffer, sizeof buffer, &got)) && got) {
+    text.append(buffer, got);
+  }
+  return text;
+}
+
+class Files : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    root_ = MakeTempFolder("files");
+    ASSERT_TRUE(MapDosDrive(kDrive, root_));
+    ASSERT_TRUE(MapDosDrive(kUnmapped, ""));
+    openBefore_ = OpenPlatformHandles(HandleKind::File);
+  }
+  void TearDown() override {
+    EXPECT_EQ(OpenPlatformHandles(HandleKind::File), openBefore_) << "a file handle leaked";
+    MapDosDrive(kDrive, "");
+    FileFailRead(0, STATUS_SUCCESS);
+    std::error_code ignored;
+    fs::remove_all(root_, ignored);
+  }
+  std::string root_;
+  uint32_t openBefore_ = 0;
+};
+
+TEST_F(Files, ObjectNamesMapOntoHostPathsOrAreRefusedAsMalformed) {
+  struct Case {
+    std::u16string name;
+    const char* hostPath;  // below the drive's folder; null: refused
+  } cases[] = {
+      {u"\\??\\T:\\Cameras\\OV7670\\Cam.txt", "/Cameras/OV7670/Cam.txt"},
+      {u"\\??\\t:\\a.txt", "/a.txt"},
+      {u"\\??\\T:\\with blank\\x y.TXT", "/with blank/x y.TXT"},
+      {u"\\??\\T:\\caf\u00E9.txt", "/caf\xC3\xA9.txt"},
+      {u"\\??\\Q:\\a.txt", nullptr},  // drive not mapped
+      {u"\\??\\T:\\..\\etc\\passwd", nullptr},
+      {u"\\??\\T:\\a\\..\\..\\b", nullptr},
+      {u"\\??\\T:\\a\\.\\b", nullptr},
+      {u"\\??\\T:\\a\\\\b", nullptr},
+      {u"\\??\\T:\\a\\", nullptr},
+      {u"\\??\\T:\\", nullptr},
+      {u"\\??\\T:a.txt", nullptr},
+      {u"\\??\\T:\\a/../b", nullptr},
+      {u"\\??\\T:\\a*.txt", nullptr},
+      {u"\\??\\T:\\a\x01.txt", nullptr},
+      {u"\\??\\1:\\a.txt", nullptr},
+      {u"T:\\a.txt", nullptr},
+      {u"\\DosDevices\\T:\\a.txt", nullptr},
+      {u"\\??\\\\T:\\a.txt", nullptr},
+      {std::u16string(u"\\??\\T:\\a") + char16_t(0xD800) + u"b", nullptr},
+  };
+  for (const Case& c : cases) {
+    std::string path = "unchanged";
+    bool mapped = HostPathOfObjectName(c.name, &path);
+    SCOPED_TRACE(NarrowAscii(c.name));
+    if (c.hostPath) {
+      EXPECT_TRUE(mapped);
+      EXPECT_EQ(path, root_ + c.hostPath);
+    } else {
+      EXPECT_FALSE(mapped);
+      EXPECT_EQ(path, "unchanged");
+    }
+  }
+}
+
+TEST_F(Files, CreateFileOpensCreatesOrRefusesByName) {
+  WriteHostFile(root_ + "/Cameras/OV7670/Cam.txt", "script");
+  fs::create_directories(root_ + "/Empty");
+  ASSERT_TRUE(MapDosDrive('U', root_ + "/no such folder"));
+  struct Case {
+    std::u16string name;
+    ULONG disposition;
+    ULONG attributes;
+    NTSTATUS status;
+    uint64_t information;
+    const char* hostFile;  // that must exist afterwards, with `contents`
+    const char* contents;
+  } cases[] = {
+      {u"\\??\\T:\\Cameras\\OV7670\\Cam.txt", FILE_OPEN_IF, OBJ_CASE_INSENSITIVE, STATUS_SUCCESS,
+       FILE_OPENED, "/Cameras/OV7670/Cam.txt", "script"},
+      {u"\\??\\T:\\Cameras\\OV7670\\Cam.txt", FILE_OPEN, OBJ_CASE_INSENSITIVE, STATUS_SUCCESS,
+       FILE_OPENED, "/Cameras/OV7670/Cam.txt", "script"},
+      {u"\\??\\T:\\Empty\\New.txt", FILE_OPEN_IF, OBJ_CASE_INSENSITIVE, STATUS_SUCCESS,
+       FILE_CREATED, "/Empty/New.txt", ""},
+      {u"\\??\\T:\\Empty\\Other.txt", FILE_OPEN, OBJ_CASE_INSENSITIVE,
+       STATUS_OBJECT_NAME_NOT_FOUND, 0, nullptr, nullptr},
+      {u"\\??\\T:\\Missing\\Cam.txt", FILE_OPEN_IF, OBJ_CASE_INSENSITIVE,
+       STATUS_OBJECT_PATH_NOT_FOUND, 0, nullptr, nullptr},
+      {u"\\??\\T:\\Cameras\\OV7670\\Cam.txt\\x", FILE_OPEN_IF, OBJ_CASE_INSENSITIVE,
+       STATUS_OBJECT_PATH_NOT_FOUND, 0, nullptr, nullptr},
+      {u"\\??\\Q:\\Cam.txt", FILE_OPEN_IF, OBJ_CASE_INSENSITIVE, STATUS_OBJECT_PATH_NOT_FOUND, 0,
+       nullptr, nullptr},
+      {u"\\??\\U:\\Cam.txt", FILE_OPEN_IF, OBJ_CASE_INSENSITIVE, STATUS_OBJECT_PATH_NOT_FOUND, 0,
+       nullptr, nullptr},
+      {u"\\??\\T:\\..\\Cam.txt", FILE_OPEN_IF, OBJ_CASE_INSENSITIVE, STATUS_OBJECT_NAME_INVALID,
+       0, nullptr, nullptr},
+      {u"C:\\Cam.txt", FILE_OPEN_IF, OBJ_CASE_INSENSITIVE, STATUS_OBJECT_NAME_INVALID, 0, nullptr,
+       nullptr},
+      {u"\\??\\T:\\Empty", FILE_OPEN_IF, OBJ_CASE_INSENSITIVE, STATUS_ACCESS_DENIED, 0, nullptr,
+       nullptr},
+      {u"\\??\\T:\\Cam.txt", FILE_OVERWRITE_IF, OBJ_CASE_INSENSITIVE, STATUS_NOT_SUPPORTED, 0,
+       nullptr, nullptr},
+      // Other case: found at every level when the name asks for it ...
+      {u"\\??\\T:\\CAMERAS\\ov7670\\cam.TXT", FILE_OPEN_IF, OBJ_CASE_INSENSITIVE, STATUS_SUCCESS,
+       FILE_OPENED, "/Cameras/OV7670/Cam.txt", "script"},
+      // ... and not when it does not: the folder is missing, the file is new.
+      {u"\\??\\T:\\CAMERAS\\OV7670\\Cam.txt", FILE_OPEN_IF, 0, STATUS_OBJECT_PATH_NOT_FOUND, 0,
+       nullptr, nullptr},
+      {u"\\??\\T:\\Cameras\\OV7670\\CAM.TXT", FILE_OPEN_IF, 0, STATUS_SUCCESS, FILE_CREATED,
+       "/Cameras/OV7670/CAM.TXT", ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(NarrowAscii(c.name));
+    HANDLE handle = nullptr;
+    IO_STATUS_BLOCK io{-1, 99};
+    NTSTATUS status = OpenAsDriver(c.name, &handle, &io, c.disposition, c.attributes);
+    EXPECT_EQ(status, c.status) << NtStatusName(status);
+    if (!NT_SUCCESS(status)) {
+      EXPECT_EQ(handle, nullptr);
+      continue;
+    }
+    EXPECT_EQ(io.Status, STATUS_SUCCESS);
+    EXPECT_EQ(io.Information, c.information);
+    EXPECT_EQ(ReadWhole(handle), c.contents);
+    EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
+    EXPECT_EQ(ReadHostFile(root_ + c.hostFile), c.contents);
+  }
+  // Nothing appeared where an open failed.
+  EXPECT_FALSE(fs::exists(root_ + "/Missing"));
+  EXPECT_FALSE(fs::exists(root_ + "/Empty/Other.txt"));
+  MapDosDrive('U', "");
+}
+
+TEST_F(Files, OpenIfOfAMissingScriptGivesAnEmptyFileThatReadsAsEnded) {
+  HANDLE handle = nullptr;
+  IO_STATUS_BLOCK io{};
+  ASSERT_EQ(OpenAsDriver(u"\\??\\T:\\Cam.txt", &handle, &io), STATUS_SUCCESS);
+  EXPECT_EQ(io.Information, FILE_CREATED);
+  EXPECT_TRUE(fs::is_regular_file(root_ + "/Cam.txt"));
+  EXPECT_EQ(fs::file_size(root_ + "/Cam.txt"), 0u);
+  uint8_t buffer[128];
+  std::memset(buffer, 0xA5, sizeof buffer);
+  uint64_t got = 7;
+  EXPECT_EQ(ReadAt(handle, 0, buffer, 1, &got), STATUS_END_OF_FILE);
+  EXPECT_EQ(got, 0u);
+  EXPECT_EQ(buffer[0], 0xA5);
+  EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
+  // A second open finds it.
+  ASSERT_EQ(OpenAsDriver(u"\\??\\T:\\Cam.txt", &handle, &io), STATUS_SUCCESS);
+  EXPECT_EQ(io.Information, FILE_OPENED);
+  EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
+  EXPECT_EQ(ZwClose(handle), STATUS_INVALID_HANDLE);
+}
+
+TEST_F(Files, ReadsBringTheBytesAtTheirOffsetAndEndOfFileAtOrPastTheEnd) {
+  std::string text;
+  for (int i = 0; i < 300; ++i) text.push_back(char('A' + i % 26));
+  WriteHostFile(root_ + "/Cam.txt", text);
+  HANDLE handle = nullptr;
+  IO_STATUS_BLOCK io{};
+  ASSERT_EQ(OpenAsDriver(u"\\??\\T:\\Cam.txt", &handle, &io), STATUS_SUCCESS);
+  struct Case {
+    int64_t offset;
+    ULONG length;
+    NTSTATUS status;
+    uint64_t bytes;
+  } cases[] = {
+      {0, 128, STATUS_SUCCESS, 128},
+      {128, 128, STATUS_SUCCESS, 128},
+      {256, 128, STATUS_SUCCESS, 44},  // the short last read keeps the rest of the buffer
+      {299, 128, STATUS_SUCCESS, 1},
+      {300, 128, STATUS_END_OF_FILE, 0},
+      {301, 128, STATUS_END_OF_FILE, 0},
+      {int64_t(1) << 40, 128, STATUS_END_OF_FILE, 0},
+      {17, 1, STATUS_SUCCESS, 1},
+      {17, 0, STATUS_SUCCESS, 0},
+      {-1, 128, STATUS_INVALID_PARAMETER, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.offset);
+    std::vector<char> buffer(c.length + 1, '#');
+    uint64_t got = 0;
+    LARGE_INTEGER at;
+    at.QuadPart = c.offset;
+    IO_STATUS_BLOCK result{-1, 99};
+    NTSTATUS status =
+        ZwReadFile(handle, nullptr, nullptr, nullptr, &result, buffer.data(), c.length, &at, nullptr);
+    EXPECT_EQ(status, c.status) << NtStatusName(status);
+    if (status == STATUS_INVALID_PARAMETER) continue;
+    got = result.Information;
+    EXPECT_EQ(result.Status, c.status);
+    EXPECT_EQ(got, c.bytes);
+    EXPECT_EQ(std::string(buffer.data(), got), text.substr(std::min<size_t>(c.offset, 300), got));
+    for (size_t i = got; i < buffer.size(); ++i) ASSERT_EQ(buffer[i], '#') << i;
+  }
+  // Without an offset the read starts where the last one without an offset
+  // ended.
+  char buffer[200];
+  IO_STATUS_BLOCK result{};
+  ASSERT_EQ(ZwReadFile(handle, nullptr, nullptr, nullptr, &result, buffer, 200, nullptr, nullptr),
+            STATUS_SUCCESS);
+  ASSERT_EQ(result.Information, 200u);
+  ASSERT_EQ(ZwReadFile(handle, nullptr, nullptr, nullptr, &result, buffer, 200, nullptr, nullptr),
+            STATUS_SUCCESS);
+  EXPECT_EQ(result.Information, 100u);
+  EXPECT_EQ(std::string(buffer, 100), text.substr(200));
+  EXPECT_EQ(ZwReadFile(handle, nullptr, nullptr, nullptr, &result, buffer, 200, nullptr, nullptr),
+            STATUS_END_OF_FILE);
+  EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
+}
+
+TEST_F(Files, ReadRefusesBadHandlesAndArguments) {
+  WriteHostFile(root_ + "/Cam.txt", "x\r\n");
+  HANDLE handle = nullptr, writeOnly = nullptr;
+  IO_STATUS_BLOCK io{};
+  ASSERT_EQ(OpenAsDriver(u"\\??\\T:\\Cam.txt", &handle, &io), STATUS_SUCCESS);
+  ASSERT_EQ(OpenAsDriver(u"\\??\\T:\\Cam.txt", &writeOnly, &io, FILE_OPEN_IF,
+                         OBJ_CASE_INSENSITIVE, FILE_WRITE_DATA),
+            STATUS_SUCCESS);
+  char buffer[8];
+  LARGE_INTEGER at;
+  at.QuadPart = 0;
+  KEVENT event{};
+  ULONG key = 0;
+  EXPECT_EQ(ZwReadFile(nullptr, nullptr, nullptr, nullptr, &io, buffer, 8, &at, nullptr),
+            STATUS_INVALID_HANDLE);
+  EXPECT_EQ(ZwReadFile(&event, nullptr, nullptr, nullptr, &io, buffer, 8, &at, nullptr),
+            STATUS_INVALID_HANDLE);
+  EXPECT_EQ(ZwReadFile(handle, &event, nullptr, nullptr, &io, buffer, 8, &at, nullptr),
+            STATUS_INVALID_PARAMETER);
+  EXPECT_EQ(ZwReadFile(handle, nullptr, nullptr, nullptr, &io, buffer, 8, &at, &key),
+            STATUS_INVALID_PARAMETER);
+  EXPECT_EQ(ZwReadFile(handle, nullptr, nullptr, nullptr, nullptr, buffer, 8, &at, nullptr),
+            STATUS_INVALID_PARAMETER);
+  EXPECT_EQ(ZwReadFile(handle, nullptr, nullptr, nullptr, &io, nullptr, 8, &at, nullptr),
+            STATUS_INVALID_PARAMETER);
+  EXPECT_EQ(ZwReadFile(writeOnly, nullptr, nullptr, nullptr, &io, buffer, 8, &at, nullptr),
+            STATUS_ACCESS_DENIED);
+  EXPECT_EQ(ZwClose(writeOnly), STATUS_SUCCESS);
+  EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
+  EXPECT_EQ(ZwReadFile(handle, nullptr, nullptr, nullptr, &io, buffer, 8, &at, nullptr),
+            STATUS_INVALID_HANDLE);
+}
+
+TEST_F(Files, CaseInsensitiveLookupPrefersTheExactNameThenTheSmallestMatch) {
+  WriteHostFile(root_ + "/cams/a.txt", "lower");
+  WriteHostFile(root_ + "/cams/A.TXT", "upper");
+  WriteHostFile(root_ + "/cams/A.txt", "mixed");
+  fs::create_directories(root_ + "/CAMS");  // exact folder for an upper-case name
+  WriteHostFile(root_ + "/Other/Cam.txt", "other");
+  struct Case {
+    std::u16string name;
+    const char* contents;
+  } cases[] = {
+      {u"\\??\\T:\\cams\\a.txt", "lower"},
+      {u"\\??\\T:\\cams\\A.TXT", "upper"},
+      {u"\\??\\T:\\cams\\a.TXT", "upper"},  // no exact entry: "A.TXT" < "A.txt" < "a.txt"
+      {u"\\??\\T:\\oTHER\\cAM.tXT", "other"},
+      {u"\\??\\T:\\CAMS\\a.txt", ""},  // the exact folder wins; the file is new there
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(NarrowAscii(c.name));
+    HANDLE handle = nullptr;
+    IO_STATUS_BLOCK io{};
+    ASSERT_EQ(OpenAsDriver(c.name, &handle, &io), STATUS_SUCCESS);
+    EXPECT_EQ(ReadWhole(handle), c.contents);
+    EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
+  }
+  EXPECT_TRUE(fs::exists(root_ + "/CAMS/a.txt"));
+  EXPECT_EQ(fs::directory_entry(root_ + "/Other").exists(), true);
+  EXPECT_EQ(std::distance(fs::directory_iterator(root_), fs::directory_iterator()), 3);
+}
+
+TEST_F(Files, InjectedReadFailureHitsTheNthReadOnceAndLeavesTheBuffer) {
+  WriteHostFile(root_ + "/Cam.txt", "0123456789");
+  HANDLE handle = nullptr;
+  IO_STATUS_BLOCK io{};
+  ASSERT_EQ(OpenAsDriver(u"\\??\\T:\\Cam.txt", &handle, &io), STATUS_SUCCESS);
+  const uint64_t before = FileReadCount();
+  FileFailRead(2, STATUS_IO_DEVICE_ERROR);
+  char buffer[4] = {'#', '#', '#', '#'};
+  uint64_t got = 0;
+  EXPECT_EQ(ReadAt(handle, 0, buffer, 4, &got), STATUS_SUCCESS);
+  EXPECT_EQ(got, 4u);
+  std::memset(buffer, '#', 4);
+  EXPECT_EQ(ReadAt(handle, 4, buffer, 4, &got), STATUS_IO_DEVICE_ERROR);
+  EXPECT_EQ(got, 0u);
+  EXPECT_EQ(std::string(buffer, 4), "####");
+  EXPECT_EQ(ReadAt(handle, 4, buffer, 4, &got), STATUS_SUCCESS);
+  EXPECT_EQ(std::string(buffer, 4), "4567");
+  EXPECT_EQ(FileReadCount() - before, 3u);
+
+  // Off again: no read fails.
+  FileFailRead(1, STATUS_IO_DEVICE_ERROR);
+  FileFailRead(0, STATUS_SUCCESS);
+  EXPECT_EQ(ReadAt(handle, 0, buffer, 4, &got), STATUS_SUCCESS);
+  EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
+}
+
+TEST_F(Files, HostFilesOpenDirectlyForTheToolAndDriveLettersAreChecked) {
+  WriteHostFile(root_ + "/plain.txt", "abc");
+  HANDLE handle = nullptr;
+  ASSERT_TRUE(OpenHostFileForReading(root_ + "/plain.txt", &handle));
+  uint64_t got = 0;
+  char buffer[8];
+  EXPECT_EQ(ReadAt(handle, 1, buffer, 8, &got), STATUS_SUCCESS);
+  EXPECT_EQ(std::string(buffer, got), "bc");
+  EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
+  handle = nullptr;
+  EXPECT_FALSE(OpenHostFileForReading(root_ + "/none.txt", &handle));
+  EXPECT_FALSE(OpenHostFileForReading(root_, &handle));  // a folder
+  EXPECT_EQ(handle, nullptr);
+
+  EXPECT_FALSE(MapDosDrive('1', root_));
+  EXPECT_FALSE(MapDosDrive('[', root_));
+  EXPECT_TRUE(MapDosDrive('t', root_ + "/sub"));  // lower case names the same drive
+  std::string path;
+  ASSERT_TRUE(HostPathOfObjectName(u"\\??\\T:\\x", &path));
+  EXPECT_EQ(path, root_ + "/sub/x");
+}
+
+// Two threads read two scripts through their own handles, a third opens and
+// closes a handle on the first over and over: every read brings its own file's
+// bytes.
+TEST(FilesThreads, ConcurrentReadsOnDifferentHandlesSeeTheirOwnBytes) {
+  const std::string root = MakeTempFolder("files-threads");
+  ASSERT_TRUE(MapDosDrive(kDrive, root));
+  const uint32_t openBefore = OpenPlatformHandles(HandleKind::File);
+  std::string texts[2];
+  for (int i = 0; i < 4096; ++i) {
+    texts[0].push_back(char('a' + i % 26));
+    texts[1].push_back(char('0' + i % 10));
+  }
+  WriteHostFile(root + "/one.txt", texts[0]);
+  WriteHostFile(root + "/two.txt", texts[1]);
+  const std::u16string names[2] = {u"\\??\\T:\\ONE.TXT", u"\\??\\T:\\two.txt"};
+  std::atomic<int> mismatches{0};
+  auto reader = [&](int which) {
+    HANDLE handle = nullptr;
+    IO_STATUS_BLOCK io{};
+    if (OpenAsDriver(names[which], &handle, &io) != STATUS_SUCCESS) {
+      ++mismatches;
+      return;
+    }
+    char buffer[128];
+    for (int round = 0; round < 400; ++round) {
+      int64_t offset = (round * 97) % 4096;
+      LARGE_INTEGER at;
+      at.QuadPart = offset;
+      if (ZwReadFile(handle, nullptr, nullptr, nullptr, &io, buffer, 128, &at, nullptr) !=
+              STATUS_SUCCESS ||
+          std::string(buffer, io.Information) != texts[which].substr(offset, 128)) {
+        ++mismatches;
+      }
+    }
+    ZwClose(handle);
+  };
+  std::thread opener([&] {
+    for (int round = 0; round < 100; ++round) {
+      HANDLE handle = nullptr;
+      IO_STATUS_BLOCK io{};
+      if (OpenAsDriver(names[0], &handle, &io) != STATUS_SUCCESS) ++mismatches;
+      ZwClose(handle);
+    }
+  });
+  std::thread first(reader, 0), second(reader, 1);
+  first.join();
+  second.join();
+  opener.join();
+  EXPECT_EQ(mismatches.load(), 0);
+  EXPECT_EQ(OpenPlatformHandles(HandleKind::File), openBefore);
+  MapDosDrive(kDrive, "");
+  std::error_code ignored;
+  fs::remove_all(root, ignored);
+}
+
+}  // namespace
