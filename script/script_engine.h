@@ -70,7 +70,11 @@ enum ScriptFault : uint32_t {
 struct ScriptObserver {
   // A section header at `offset`.
   void (*SectionHeader)(void* observerContext, const char* section, uint64_t offset);
-  // The line at `offset` failed; `keyword` is its first word. TRUE goes on.
+  // A line failed; `keyword` is the first word of the command. `offset` is
+  // the line the fault showed on: the command's own line, or for a block the
+  // body line at fault (the end of the file for a body without its end
+  // keyword, the end keyword's line when the block's request failed).
+  // TRUE goes on.
   BOOLEAN (*LineFailed)(void* observerContext, uint64_t offset, ScriptFault fault,
                         const char* keyword);
 };
@@ -84,6 +88,7 @@ struct ScriptRun {
   ScriptDefineTable Defines;
   const ScriptObserver* Observer;
   void* ObserverContext;
+  uint32_t LineLength;  // characters before the CR of the line at ScriptOffset
 };
 
 // Runs section `sectionName` of the script the registry names (value
@@ -134,3 +139,21 @@ int32_t ScrambleScriptByte(uint8_t character);
 // removed), or whole when it has none. `directory` holds ScriptValueBytes / 2
 // characters; it is left empty when the value cannot be read.
 void GetScriptDirectory(DeviceContext* context, WCHAR* directory);
+
+// Pieces the line reader shares with the block bodies.
+
+// Reads the ScriptLineBytes bytes at run->ScriptOffset into `line`, cleared
+// first so that nothing of an earlier line stands behind a short read, with a
+// zero at line[ScriptLineBytes]. The bytes that came are descrambled when the
+// script is scrambled. Returns the read's status; `*bytesRead` the count.
+NTSTATUS ReadScriptBytes(ScriptRun* run, char line[ScriptLineBytes + 1], uint32_t* bytesRead);
+// Index of the first CR of `line`, or -1 when a zero byte or the end of the
+// ScriptLineBytes comes first.
+int32_t FindScriptLineEnd(const char* line);
+// Changes a to z to upper case, up to the terminating zero.
+void UpperCaseScriptText(char* text);
+// With an observer that goes on after a failed block: leaves the run on the
+// block's end keyword line, so that the reader continues behind it, or ends
+// the run (ScriptOffset 0) when the file has none. `keyword` is the block's
+// begin keyword.
+void SkipScriptBlock(ScriptRun* run, const char* keyword);
