@@ -130,7 +130,9 @@ BOOLEAN ExecuteDefine(ScriptRun* run, const ScriptWords words, ScriptFault* faul
   // A full table ignores further names; a later use of one then fails.
   if (table->DefineCount >= int32_t(ScriptDefineEntries)) return TRUE;
   ScriptDefine* entry = &table->ScriptDefines[table->DefineCount];
-  std::memcpy(entry->Name, words[1], ScriptWordBytes);
+  const size_t nameLength = strnlen(words[1], ScriptWordBytes - 1);
+  std::memcpy(entry->Name, words[1], nameLength);
+  entry->Name[nameLength] = '\0';
   // Looked up before the entry counts: a value may name an earlier DEFINE,
   // never the one being made.
   if (!ParseOperand(run, words[2], &entry->Value, fault)) return FALSE;
