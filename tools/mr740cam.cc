@@ -19,6 +19,7 @@
 #include "core/device_context.h"
 #include "pipeline/frame_pipeline.h"
 #include "platform/kernel_control.h"
+#include "tools/script_tool.h"
 
 namespace {
 
@@ -33,7 +34,11 @@ void Usage() {
   std::fprintf(stderr,
                "usage: mr740cam capture [--out FILE.png] [--size WxH] [--log FILE]\n"
                "  Sends a colour-bar frame through the driver's packet and frame paths\n"
-               "  and writes the developed picture as a PNG file.\n");
+               "  and writes the developed picture as a PNG file.\n"
+               "usage: mr740cam check-script FILE\n"
+               "  Reports, line by line, what the driver would reject in a camera script.\n"
+               "usage: mr740cam scramble-script IN OUT | unscramble-script IN OUT\n"
+               "  Converts a script between its plain and its scrambled form.\n");
 }
 
 bool ParseOptions(int argc, char** argv, Options* options) {
@@ -220,6 +225,7 @@ int Capture(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc >= 2 && IsScriptToolCommand(argv[1])) return RunScriptTool(argc, argv);
   if (argc < 2 || std::strcmp(argv[1], "capture") != 0) {
     Usage();
     return argc < 2 ? 0 : 2;
