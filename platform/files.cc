@@ -6,6 +6,8 @@
 // reads on different handles (or on one handle with explicit offsets) run
 // side by side; only reads at the current position take the object's own lock.
 
+#include "platform/files.h"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -18,7 +20,6 @@
 #include <string>
 #include <vector>
 
-#include "platform/files.h"
 #include "platform/files_control.h"
 #include "platform/handles.h"
 
@@ -86,7 +87,14 @@ void AppendUtf8(std::string* out, uint32_t c) {
 bool IsForbiddenNameChar(char16_t c) {
   if (c < 0x20) return true;
   switch (c) {
-    case u'<': case u'>': case u':': case u'"': case u'/': case u'|': case u'?': case u'*':
+    case u'<':
+    case u'>':
+    case u':':
+    case u'"':
+    case u'/':
+    case u'|':
+    case u'?':
+    case u'*':
       return true;
     default:
       return false;

@@ -2,6 +2,8 @@
 // open-if, reads at explicit offsets, case-insensitive lookup, fault
 // injection, and no handle left open.
 
+#include "platform/files.h"
+
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -13,7 +15,6 @@
 #include <thread>
 #include <vector>
 
-#include "platform/files.h"
 #include "platform/files_control.h"
 #include "platform/handles.h"
 #include "platform/registry_control.h"
@@ -29,9 +30,9 @@ constexpr char kUnmapped = 'Q';
 
 std::string MakeTempFolder(const char* what) {
   static std::atomic<int> serial{0};
-  fs::path folder = fs::temp_directory_path() /
-                    ("mr740-" + std::string(what) + "-" + std::to_string(::getpid()) + "-" +
-                     std::to_string(serial++));
+  fs::path folder =
+      fs::temp_directory_path() / ("mr740-" + std::string(what) + "-" + std::to_string(::getpid()) +
+                                   "-" + std::to_string(serial++));
   fs::create_directories(folder);
   return folder.string();
 }
@@ -67,7 +68,8 @@ NTSTATUS ReadAt(HANDLE handle, int64_t offset, void* buffer, ULONG length, uint6
   IO_STATUS_BLOCK io{-1, 99};
   LARGE_INTEGER at;
   at.QuadPart = offset;
-  NTSTATUS status = ZwReadFile(handle, nullptr, nullptr, nullptr, &io, buffer, length, &at, nullptr);
+  NTSTATUS status =
+      ZwReadFile(handle, nullptr, nullptr, nullptr, &io, buffer, length, &at, nullptr);
   *got = io.Information;
   EXPECT_EQ(io.Status, status);
   return status;
@@ -164,8 +166,8 @@ TEST_F(Files, CreateFileOpensCreatesOrRefusesByName) {
        "/Cameras/OV7670/Cam.txt", "script"},
       {u"\\??\\T:\\Empty\\New.txt", FILE_OPEN_IF, CI, STATUS_SUCCESS, FILE_CREATED,
        "/Empty/New.txt", ""},
-      {u"\\??\\T:\\Empty\\New.txt", FILE_OPEN_IF, CI, STATUS_SUCCESS, FILE_OPENED,
-       "/Empty/New.txt", ""},
+      {u"\\??\\T:\\Empty\\New.txt", FILE_OPEN_IF, CI, STATUS_SUCCESS, FILE_OPENED, "/Empty/New.txt",
+       ""},
       {u"\\??\\T:\\Empty\\Other.txt", FILE_OPEN, CI, STATUS_OBJECT_NAME_NOT_FOUND},
       {u"\\??\\T:\\Missing\\Cam.txt", FILE_OPEN_IF, CI, STATUS_OBJECT_PATH_NOT_FOUND},
       {u"\\??\\T:\\Cameras\\OV7670\\Cam.txt\\x", FILE_OPEN_IF, CI, STATUS_OBJECT_PATH_NOT_FOUND},
@@ -236,8 +238,8 @@ TEST_F(Files, ReadsBringTheBytesAtTheirOffsetAndEndOfFileAtOrPastTheEnd) {
     LARGE_INTEGER at;
     at.QuadPart = c.offset;
     IO_STATUS_BLOCK result{-1, 99};
-    NTSTATUS status =
-        ZwReadFile(handle, nullptr, nullptr, nullptr, &result, buffer.data(), c.length, &at, nullptr);
+    NTSTATUS status = ZwReadFile(handle, nullptr, nullptr, nullptr, &result, buffer.data(),
+                                 c.length, &at, nullptr);
     EXPECT_EQ(status, c.status) << NtStatusName(status);
     if (status == STATUS_INVALID_PARAMETER) continue;
     got = result.Information;
@@ -254,8 +256,8 @@ TEST_F(Files, ReadRefusesBadHandlesAndArguments) {
   HANDLE handle = nullptr, writeOnly = nullptr;
   IO_STATUS_BLOCK io{};
   ASSERT_EQ(OpenAsDriver(u"\\??\\T:\\Cam.txt", &handle, &io), STATUS_SUCCESS);
-  ASSERT_EQ(OpenAsDriver(u"\\??\\T:\\Cam.txt", &writeOnly, &io, FILE_OPEN_IF,
-                         OBJ_CASE_INSENSITIVE, FILE_WRITE_DATA),
+  ASSERT_EQ(OpenAsDriver(u"\\??\\T:\\Cam.txt", &writeOnly, &io, FILE_OPEN_IF, OBJ_CASE_INSENSITIVE,
+                         FILE_WRITE_DATA),
             STATUS_SUCCESS);
   char buffer[8];
   LARGE_INTEGER at;

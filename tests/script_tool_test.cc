@@ -1,6 +1,8 @@
 // The script checker and converter of mr740cam, called as the command line
 // calls them, on files in a temporary folder.
 
+#include "tools/script_tool.h"
+
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -15,7 +17,6 @@
 #include "core/host_contract.h"
 #include "platform/handles.h"
 #include "platform/kernel_control.h"
-#include "tools/script_tool.h"
 
 namespace {
 
@@ -146,10 +147,14 @@ std::vector<CheckCase> CheckCases() {
        {"5: [B] WRITE: name \"REG\" is not defined earlier in this section",
         "6: [B] WRITE: name \"LATER\" is not defined earlier in this section"},
        "7 lines, 2 sections, 2 faults"},
-      {"a split section keeps its names", Lines({"[A]", "DEFINE R 1", "[B]", "[A]", "WRITE 0 R 1"}),
-       {}, "5 lines, 2 sections, 0 faults"},
-      {"BITS_OP_16 with SEQ 2", Lines({"[A]", "BITS_OP_16 42H 1 2 3 4 2"}),
-       {"2: [A] BITS_OP_16: SEQ must be 0 or 1"}, "2 lines, 1 sections, 1 faults"},
+      {"a split section keeps its names",
+       Lines({"[A]", "DEFINE R 1", "[B]", "[A]", "WRITE 0 R 1"}),
+       {},
+       "5 lines, 2 sections, 0 faults"},
+      {"BITS_OP_16 with SEQ 2",
+       Lines({"[A]", "BITS_OP_16 42H 1 2 3 4 2"}),
+       {"2: [A] BITS_OP_16: SEQ must be 0 or 1"},
+       "2 lines, 1 sections, 1 faults"},
       {"a block without its end keyword",
        Lines({"[A]", "WRITE 0 1 2", "BEG_BLK_WR 60H", "12H 34H", "56H 78H"}),
        {"3: [A] BEG_BLK_WR: the file ends before END_BLK_WR, so the driver sends nothing for "
@@ -164,7 +169,8 @@ std::vector<CheckCase> CheckCases() {
         "9: [A] in the BEG_BLK_WR body: a name that is not defined earlier in this section",
         "11: [A] unknown keyword \"WRIT\""},
        "11 lines, 1 sections, 4 faults"},
-      {"too many block lines", manyPairs,
+      {"too many block lines",
+       manyPairs,
        {"35: [BIG] in the BEG_BLK_WR body: more than 32 register pairs"},
        "36 lines, 1 sections, 1 faults"},
       {"a line with no CR in 128 bytes hides the rest of the file",
@@ -172,7 +178,8 @@ std::vector<CheckCase> CheckCases() {
        {"3: [A] no CR within 128 bytes: the driver stops reading the file here and runs none of "
         "the rest"},
        "5 lines, 1 sections, 1 faults"},
-      {"a last line without CR LF", Lines({"[A]", "WRITE 0 1 2"}) + "WRITE 0 1 3",
+      {"a last line without CR LF",
+       Lines({"[A]", "WRITE 0 1 2"}) + "WRITE 0 1 3",
        {"3: [A] the last line has no CR LF: the driver does not run it"},
        "3 lines, 1 sections, 1 faults"},
       {"an empty file", "", {}, "0 lines, 0 sections, 0 faults"},
@@ -241,8 +248,8 @@ TEST_F(ScriptTool, ScrambleAndUnscrambleGiveBackTheText) {
   // The scrambled bytes themselves, from the table of the file format.
   const std::string plain = Write("plain.txt", " a0[z,\r\nAB");
   ASSERT_EQ(RunTool({"scramble-script", plain, folder_ + "/s.txt"}).status, 0);
-  EXPECT_EQ(ReadFile(folder_ + "/s.txt"),
-            std::string("\x10\x11\x00\x0A\x2A\x2B\x2C\x2D" "AB", 10));
+  const char expected[] = {0x10, 0x11, 0x00, 0x0A, 0x2A, 0x2B, 0x2C, 0x2D, 'A', 'B'};
+  EXPECT_EQ(ReadFile(folder_ + "/s.txt"), std::string(expected, sizeof expected));
 }
 
 TEST_F(ScriptTool, ConversionRefusesTextItCannotConvertAndWritesNothing) {

@@ -202,7 +202,7 @@ struct FoundFault {
 
 struct CheckState {
   bool collectingSections = true;
-  std::vector<std::pair<uint64_t, std::string>> headers;  // in file order
+  std::vector<std::pair<uint64_t, std::string>> headers;       // in file order
   std::map<std::pair<uint64_t, uint32_t>, FoundFault> faults;  // by offset, then code
 };
 
@@ -257,9 +257,9 @@ struct OperandWords {
   size_t count;
 };
 const OperandWords CommandOperands[] = {
-    {"DEFINE", 2, 1},     {"WRITE", 1, 3},   {"DELAY", 1, 1},      {"WAIT", 1, 5},
+    {"DEFINE", 2, 1},     {"WRITE", 1, 3},       {"DELAY", 1, 1},   {"WAIT", 1, 5},
     {"BEG_BLK_WR", 1, 1}, {"BEG_BLK_W2B", 1, 1}, {"BITS_OP", 1, 4}, {"BITS_OP_16", 1, 6},
-    {"BEG_CNT_WR", 1, 2}, {"WRITEEX", 1, 3}, {"WRITE2B", 1, 3},    {"WRITE2A", 1, 3},
+    {"BEG_CNT_WR", 1, 2}, {"WRITEEX", 1, 3},     {"WRITE2B", 1, 3}, {"WRITE2A", 1, 3},
 };
 
 // The words the engine read as numbers on the line at `offset`: a command's
@@ -420,7 +420,9 @@ int CheckScript(const char* path, FILE* out, FILE* err) {
   for (const auto& line : printed) {
     std::fprintf(out, "%s:%u: %s\n", path, LineNumberAt(text, line.first), line.second.c_str());
   }
-  for (const std::string& failure : runFailures) std::fprintf(out, "%s: %s\n", path, failure.c_str());
+  for (const std::string& failure : runFailures) {
+    std::fprintf(out, "%s: %s\n", path, failure.c_str());
+  }
 
   std::set<std::string> names;
   for (const auto& header : state.headers) names.insert(header.second);
@@ -455,8 +457,10 @@ int ScrambleScript(const char* in, const char* outPath, FILE* err) {
   const bool prepend = text.empty() || text[0] != ' ';
   std::string scrambled;
   scrambled.reserve(text.size() + 3);
-  if (prepend) scrambled = {char(ScrambleScriptByte(' ')), char(ScrambleScriptByte('\r')),
-                            char(ScrambleScriptByte('\n'))};
+  if (prepend) {
+    scrambled = {char(ScrambleScriptByte(' ')), char(ScrambleScriptByte('\r')),
+                 char(ScrambleScriptByte('\n'))};
+  }
   size_t bad = 0;
   for (size_t i = 0; i < text.size(); ++i) {
     const int32_t byte = ScrambleScriptByte(uint8_t(text[i]));
@@ -487,8 +491,10 @@ int UnscrambleScript(const char* in, const char* outPath, FILE* err) {
   std::string text;
   if (!ReadWholeFile(in, &text, err)) return 2;
   if (text.empty() || uint8_t(text[0]) != ScriptScrambledMark) {
-    std::fprintf(err, "mr740cam: %s is not scrambled (its first byte is not 0x10): it is plain "
-                      "already\n", in);
+    std::fprintf(err,
+                 "mr740cam: %s is not scrambled (its first byte is not 0x10): it is plain "
+                 "already\n",
+                 in);
     return 1;
   }
   for (char& c : text) c = char(DescrambleScriptByte(uint8_t(c)));
