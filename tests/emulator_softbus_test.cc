@@ -1,0 +1,267 @@
+// The software serial bus target: the driver's bit-banged read of a 16-bit
+// register, request by request as the driver makes it, and transfers given
+// as recorded line sequences.
+
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "emulator/emulated_camera.h"
+#include "tests/emulator_test_helpers.h"
+
+namespace {
+
+using namespace emutest;
+
+// The driver's software bus, written out from its description: every line
+// change is a read of the controller register, the bit changed, and a write
+// back, on bus 0. The pauses of 5 ms are left out: the target keeps no time.
+struct DriverSoftBus {
+  EmulatedCamera& cam;
+  int requests = 0;
+
+  uint8_t ReadReg(uint8_t reg) {
+    uint8_t value = 0;
+    Read(cam, 0, reg, &value);
+    ++requests;
+    return value;
+  }
+  void WriteReg(uint8_t reg, uint8_t value) {
+    Write(cam, 0, reg, value);
+    ++requests;
+  }
+  void SetBits(uint8_t reg, uint8_t mask) { WriteReg(reg, ReadReg(reg) | mask); }
+  void ClearBits(uint8_t reg, uint8_t mask) { WriteReg(reg, ReadReg(reg) & ~mask); }
+  void SetClock() { SetBits(7, 0x20); }
+  void ClearClock() { ClearBits(7, 0x20); }
+  void SetData() { SetBits(7, 0x40); }
+  void ClearData() { ClearBits(7, 0x40); }
+
+  void Start() {
+    SetData();
+    SetClock();
+    ClearData();
+    ClearClock();
+  }
+  void Stop() {
+    ClearData();
+    SetClock();
+    SetData();
+  }
+  uint8_t SendByte(uint8_t byte) {
+    for (int bit = 7; bit >= 0; --bit) {
+      if ((byte >> bit) & 1) {
+        SetData();
+      } else {
+        ClearData();
+      }
+      SetClock();
+      ClearClock();
+    }
+    SetData();
+    SetClock();
+    const uint8_t ack = ReadReg(7) & 0x40;
+    ClearClock();
+    return ack;
+  }
+  uint8_t ReceiveByte() {
+    ClearBits(13, 0x40);
+    uint8_t byte = 0;
+    for (int bit = 0; bit < 8; ++bit) {
+      SetClock();
+      byte = uint8_t(byte << 1 | ((ReadReg(7) & 0x40) ? 1 : 0));
+      ClearClock();
+    }
+    return byte;
+  }
+  uint16_t ReadRegister16(uint8_t address, uint8_t high, uint8_t low, uint8_t acks[4]) {
+    SetBits(13, 0x60);
+    SetClock();
+    SetData();
+    Start();
+    acks[0] = SendByte(address);
+    acks[1] = SendByte(high);
+    acks[2] = SendByte(low);
+    Start();
+    acks[3] = SendByte(address | 1);
+    const uint8_t hi = ReceiveByte();
+    SetBits(13, 0x60);
+    ClearClock();
+    ClearData();
+    SetClock();
+    ClearClock();
+    const uint8_t lo = ReceiveByte();
+    SetData();
+    SetClock();
+    ClearClock();
+    Stop();
+    return uint16_t(hi * 256 + lo);
+  }
+};
+
+EmulatedCameraConfig Mi2020OnRevision1() {
+  EmulatedCameraConfig config;
+  config.sensors = {EmulatedSensorConfig{EmulatedSensorKind::MI2020}};
+  config.bcdDevice = 0x0100;
+  return config;
+}
+
+TEST(EmulatedSoftBus, DriverReadOfASixteenBitRegisterReturnsTheSensorsValue) {
+  struct Case {
+    uint16_t reg;
+    uint16_t setTo;  // written first through the revision-1 burst; 0: leave
+    uint16_t expected;
+  };
+  const Case cases[] = {
+      {0x0000, 0, 0x1519},       // chip version
+      {0x0009, 0, 0x0100},       // integration time at power-on
+      {0x0020, 0x0003, 0x0003},  // read mode, mirror and flip
+      {0x1234, 0xA55A, 0xA55A},  // alternating bits
+      {0x7FFF, 0xFFFF, 0xFFFF},
+      {0x8001, 0x0080, 0x0080},
+  };
+  EmulatedCamera cam(Mi2020OnRevision1());
+  // The state the driver's detection leaves: lines driven low.
+  ASSERT_EQ(Write(cam, 0, 13, 0x6A), STATUS_SUCCESS);
+  ASSERT_EQ(Write(cam, 0, 7, 0x00), STATUS_SUCCESS);
+  for (const Case& c : cases) {
+    if (c.setTo != 0) {
+      ASSERT_EQ(Send(cam, 3, 0x7A00, uint16_t(c.reg >> 8),
+                     {uint8_t(c.reg), uint8_t(c.setTo >> 8), uint8_t(c.setTo)}),
+                STATUS_SUCCESS);
+    }
+    DriverSoftBus bus{cam};
+    uint8_t acks[4] = {0xEE, 0xEE, 0xEE, 0xEE};
+    EXPECT_EQ(bus.ReadRegister16(0x7A, uint8_t(c.reg >> 8), uint8_t(c.reg), acks), c.expected)
+        << std::hex << c.reg;
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(acks[i], 0) << "byte " << i << " acknowledged";
+    // About 350 requests, each a read or a write of register 7 or 13.
+    EXPECT_GT(bus.requests, 300);
+    EXPECT_LT(bus.requests, 400);
+  }
+}
+
+TEST(EmulatedSoftBus, ReadsMcuVariablesThroughTheDataRegister) {
+  EmulatedCamera cam(Mi2020OnRevision1());
+  // WRITEEX 7A 338C 2703 on revision 1, then the variable's value.
+  ASSERT_EQ(Send(cam, 3, 0x7A00, 0x33, {0x8C, 0x27, 0x03}), STATUS_SUCCESS);
+  DriverSoftBus bus{cam};
+  uint8_t acks[4];
+  EXPECT_EQ(bus.ReadRegister16(0x7A, 0x33, 0x90, acks), 800) << "context A width at power-on";
+  EXPECT_EQ(bus.ReadRegister16(0x7A, 0x33, 0x8C, acks), 0x2703);
+}
+
+TEST(EmulatedSoftBus, AnAddressWithNoDeviceIsNotAcknowledged) {
+  EmulatedCamera cam(Mi2020OnRevision1());
+  DriverSoftBus bus{cam};
+  uint8_t acks[4] = {0, 0, 0, 0};
+  // The MI2021's address on a camera that carries an MI2020.
+  EXPECT_EQ(bus.ReadRegister16(0x78, 0x00, 0x00, acks), 0xFFFF);
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(acks[i], 0x40) << "byte " << i;
+  // The next transfer to the right address works: the start resets the target.
+  EXPECT_EQ(bus.ReadRegister16(0x7A, 0x00, 0x00, acks), 0x1519);
+}
+
+// Plays a recorded transfer: "S" start, "P" stop, two hex digits a byte sent
+// by the host with its acknowledge clock, "r" a byte read with the host's
+// acknowledge, "n" a byte read with no acknowledge. Returns the acknowledge
+// levels of the bytes sent ('A' low, 'N' high) and the bytes read, in order.
+std::string PlayTransfer(EmulatedCamera& cam, const std::string& script) {
+  uint8_t lines = 0x60;  // clock and data high
+  auto drive = [&](bool clock, bool data) {
+    lines = uint8_t((clock ? 0x20 : 0) | (data ? 0x40 : 0));
+    Write(cam, 0, 7, lines);
+  };
+  auto dataLevel = [&]() {
+    uint8_t value = 0;
+    Read(cam, 0, 7, &value);
+    return (value & 0x40) != 0;
+  };
+  Write(cam, 0, 13, 0x60);
+  drive(true, true);
+  std::string result;
+  for (size_t i = 0; i < script.size(); ++i) {
+    const char c = script[i];
+    if (c == ' ') continue;
+    if (c == 'S') {
+      drive(false, true);
+      drive(true, true);
+      drive(true, false);
+      drive(false, false);
+    } else if (c == 'P') {
+      drive(false, false);
+      drive(true, false);
+      drive(true, true);
+    } else if (c == 'r' || c == 'n') {
+      Write(cam, 0, 13, 0x20);  // release data
+      uint8_t byte = 0;
+      for (int bit = 0; bit < 8; ++bit) {
+        drive(true, true);
+        byte = uint8_t(byte << 1 | (dataLevel() ? 1 : 0));
+        drive(false, true);
+      }
+      Write(cam, 0, 13, 0x60);
+      drive(false, c == 'n');
+      drive(true, c == 'n');
+      drive(false, c == 'n');
+      char text[3];
+      std::snprintf(text, sizeof text, "%02X", byte);
+      result += text;
+    } else if (std::isxdigit(uint8_t(c)) && i + 1 < script.size()) {
+      const uint8_t byte = uint8_t(std::stoi(script.substr(i, 2), nullptr, 16));
+      ++i;
+      for (int bit = 7; bit >= 0; --bit) {
+        const bool level = (byte >> bit) & 1;
+        drive(false, level);
+        drive(true, level);
+        drive(false, level);
+      }
+      Write(cam, 0, 13, 0x20);  // release data for the acknowledge
+      drive(false, true);
+      drive(true, true);
+      result += dataLevel() ? 'N' : 'A';
+      drive(false, true);
+      Write(cam, 0, 13, 0x60);
+    }
+  }
+  return result;
+}
+
+TEST(EmulatedSoftBus, RecordedTransfersWriteAndReadRegisters) {
+  struct Case {
+    EmulatedSensorKind kind;
+    const char* script;
+    std::string answer;
+    uint8_t bus;
+    uint16_t reg;
+    uint16_t value;  // the register afterwards
+  };
+  const Case cases[] = {
+      // MI2020: register 0x0020 = 0x0003, then read it back.
+      {EmulatedSensorKind::MI2020, "S 7A 00 20 00 03 P S 7A 00 20 S 7B r n P", "AAAAA" "AAA" "A" "0003",
+       0x7A, 0x0020, 0x0003},
+      // Two registers in one write: 0x1000 and 0x1001.
+      {EmulatedSensorKind::MI2020, "S 7A 10 00 12 34 56 78 P S 7A 10 01 S 7B r n P",
+       "AAAAAAA" "AAAA" "5678", 0x7A, 0x1000, 0x1234},
+      // OV7670, 8-bit: brightness register 0x55 = 0x20, read back with the next.
+      {EmulatedSensorKind::OV7670, "S 42 55 20 P S 42 0A S 43 r r n P", "AAA" "AA" "A" "767300",
+       0x42, 0x0055, 0x0020},
+      // Nobody at 0x30.
+      {EmulatedSensorKind::OV7670, "S 30 00 P", "NN", 0x42, 0x0055, 0x0000},
+  };
+  for (const Case& c : cases) {
+    EmulatedCameraConfig config;
+    config.sensors = {EmulatedSensorConfig{c.kind}};
+    config.bcdDevice = 0x0100;
+    EmulatedCamera cam(config);
+    EXPECT_EQ(PlayTransfer(cam, c.script), c.answer) << c.script;
+    uint16_t value = 0xEEEE;
+    ASSERT_TRUE(cam.PeekSensorRegister(c.bus, c.reg, &value));
+    EXPECT_EQ(value, c.value) << c.script;
+  }
+}
+
+}  // namespace

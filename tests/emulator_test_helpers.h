@@ -1,0 +1,108 @@
+// Small helpers for the emulated camera's tests: vendor requests in the
+// driver's wire forms, and frame collection from the stream the way the
+// driver's packet routine cuts it.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "emulator/emulated_camera.h"
+
+namespace emutest {
+
+// Request 1: one 8-bit register write.
+inline NTSTATUS Write(EmulatedCamera& cam, uint8_t bus, uint8_t reg, uint8_t value) {
+  return cam.ControlTransfer(1, uint16_t(bus << 8 | value), reg, nullptr, nullptr, false);
+}
+
+// Request 2: a one-step read.
+inline NTSTATUS Read(EmulatedCamera& cam, uint8_t bus, uint8_t reg, uint8_t* value) {
+  uint32_t length = 1;
+  return cam.ControlTransfer(2, uint16_t(bus << 8), reg, value, &length, true);
+}
+
+// Requests 1 and 2 with 0x8000: the two-step read.
+inline NTSTATUS ReadTwoStep(EmulatedCamera& cam, uint8_t bus, uint8_t reg, uint8_t* value) {
+  NTSTATUS status = cam.ControlTransfer(1, uint16_t(bus << 8), uint16_t(0x8000 | reg), nullptr,
+                                        nullptr, false);
+  if (status < 0) return status;
+  uint32_t length = 1;
+  return cam.ControlTransfer(2, uint16_t(bus << 8), uint16_t(0x8000 | reg), value, &length, true);
+}
+
+// An out request with a data stage.
+inline NTSTATUS Send(EmulatedCamera& cam, uint8_t request, uint16_t value, uint16_t index,
+                     std::vector<uint8_t> data) {
+  uint32_t length = uint32_t(data.size());
+  return cam.ControlTransfer(request, value, index, data.data(), &length, false);
+}
+
+// WRITEEX on a revision-2 chip: one quad.
+inline NTSTATUS WriteQuad(EmulatedCamera& cam, uint8_t bus, uint16_t reg, uint16_t value) {
+  return Send(cam, 3, uint16_t(bus << 8), 0x0500,
+              {uint8_t(reg >> 8), uint8_t(reg), uint8_t(value >> 8), uint8_t(value)});
+}
+
+// An MI sensor's MCU variable through 0x338C / 0x3390.
+inline void WriteVariable(EmulatedCamera& cam, uint8_t bus, uint16_t address, uint16_t value) {
+  WriteQuad(cam, bus, 0x338C, address);
+  WriteQuad(cam, bus, 0x3390, value);
+}
+
+// A frame as the driver's packet routine sees it: what lies between the
+// header-only start packet and the packet flagged last.
+struct CollectedFrame {
+  std::vector<uint8_t> bytes;
+  uint64_t startPacket = 0;  // packets pulled before the start packet
+  uint64_t packets = 0;      // non-empty packets of the frame, start and end included
+  uint8_t flagsOr = 0;       // flags of all its packets or-ed together
+  uint8_t endFlags = 0;
+  uint32_t largestPacket = 0;
+};
+
+// Pulls packets until one whole frame went by. `pulled` counts every packet
+// pulled so far (kept by the caller across calls). False if the stream ended
+// or `limit` packets passed without a whole frame.
+inline bool CollectFrame(EmulatedCamera& cam, CollectedFrame* frame, uint64_t* pulled,
+                         uint64_t limit = 200000) {
+  *frame = CollectedFrame();
+  std::vector<uint8_t> packet;
+  bool inFrame = false;
+  for (uint64_t n = 0; n < limit; ++n) {
+    if (!cam.NextPacket(&packet)) return false;
+    const uint64_t index = (*pulled)++;
+    if (packet.empty()) continue;
+    const uint8_t header = packet[0];
+    const uint8_t flags = packet.size() > 1 ? packet[1] : 0;
+    if (!inFrame) {
+      if (packet.size() == header && !(flags & 0x02)) {
+        inFrame = true;
+        frame->startPacket = index;
+        frame->packets = 1;
+        frame->flagsOr = flags;
+        frame->largestPacket = uint32_t(packet.size());
+      }
+      continue;
+    }
+    ++frame->packets;
+    frame->flagsOr |= flags;
+    if (packet.size() > frame->largestPacket) frame->largestPacket = uint32_t(packet.size());
+    if (header < packet.size()) frame->bytes.insert(frame->bytes.end(), packet.begin() + header,
+                                                    packet.end());
+    if (flags & 0x02) {
+      frame->endFlags = flags;
+      return true;
+    }
+  }
+  return false;
+}
+
+// Average of every byte at an even offset of a YUYV frame: its mean luma.
+inline double MeanLuma(const std::vector<uint8_t>& yuyv) {
+  if (yuyv.empty()) return 0;
+  double sum = 0;
+  for (size_t i = 0; i < yuyv.size(); i += 2) sum += yuyv[i];
+  return sum / double(yuyv.size() / 2);
+}
+
+}  // namespace emutest
