@@ -106,54 +106,65 @@ void TestPatternSource::Render(const FrameRequest& r, std::vector<uint8_t>* out)
   const uint32_t markLeft = aw / 16, markRight = aw / 16 + aw / 8;
   const uint32_t markTop = ah / 12, markBottom = ah / 12 + ah / 6;
 
-  std::vector<Rgb> columns(w);
-  std::vector<uint8_t> columnMarked(w);
+  // The colours of each column, and the same on the lines of the square.
+  std::vector<uint8_t> plain(3 * size_t(w)), marked(3 * size_t(w));
   for (uint32_t x = 0; x < w; ++x) {
     const uint32_t ax = ArrayCoordinate(x, w, r.fieldLeft, r.fieldWidth, r.mirror);
-    columns[x] = BarColour(ax, aw, blur);
-    columnMarked[x] = ax >= markLeft && ax < markRight;
+    const Rgb c = BarColour(ax, aw, blur);
+    const bool inSquare = ax >= markLeft && ax < markRight;
+    for (int k = 0; k < 3; ++k) {
+      plain[3 * x + k] = uint8_t(c[k]);
+      marked[3 * x + k] = uint8_t(inSquare ? kWhite : c[k]);
+    }
   }
-  // One line of colours at a time, after gradient, marker and light.
-  std::vector<Rgb> line(w), below(w);
-  auto shade = [&](uint32_t y, std::vector<Rgb>* row) {
+  // One line of colours at a time: the line's gradient, the light and the
+  // brightness make one table from scene level to wire level.
+  std::vector<uint8_t> line(3 * size_t(w)), below(3 * size_t(w));
+  uint8_t levels[256];
+  auto shade = [&](uint32_t y, std::vector<uint8_t>* row) {
     const uint32_t ay = ArrayCoordinate(y, h, r.fieldTop, r.fieldHeight, r.flip);
     const bool markRow = ay >= markTop && ay < markBottom;
-    const int64_t scaleNum = int64_t(3 * ah + ay) * r.lightScale256;
-    const int64_t scaleDen = int64_t(4 * ah) * 256;
-    for (uint32_t x = 0; x < w; ++x) {
-      Rgb c = (markRow && columnMarked[x]) ? Rgb{kWhite, kWhite, kWhite} : columns[x];
-      for (int k = 0; k < 3; ++k) {
-        c[k] = int(std::clamp<int64_t>(c[k] * scaleNum / scaleDen + r.brightness, 0, 255));
-      }
-      (*row)[x] = c;
-    }
+    // Gradient times light as a factor in 1/65536.
+    const int64_t factor =
+        int64_t(3 * ah + ay) * r.lightScale256 * 65536 / (int64_t(4 * ah) * 256);
+    for (int v = 0; v < 256; ++v) levels[v] = Clamp(int(((v * factor) >> 16) + r.brightness));
+    const uint8_t* source = markRow ? marked.data() : plain.data();
+    uint8_t* target = row->data();
+    for (size_t i = 0; i < 3 * size_t(w); ++i) target[i] = levels[source[i]];
   };
+  auto luma = [](const uint8_t* c) { return Clamp(LumaOf(Rgb{c[0], c[1], c[2]})); };
 
   uint8_t* p = out->data();
   switch (r.layout) {
     case WireFrameLayout::Bayer:
       for (uint32_t y = 0; y < h; ++y) {
         shade(y, &line);
-        for (uint32_t x = 0; x < w; ++x) {
-          const int channel = (y & 1) == 0 ? ((x & 1) == 0 ? 2 : 1) : ((x & 1) == 0 ? 1 : 0);
-          *p++ = Clamp(line[x][channel]);
+        const uint8_t* c = line.data();
+        // Blue (2) and green (1) on even lines, green and red (0) on odd ones.
+        const int even = (y & 1) == 0 ? 2 : 1, odd = (y & 1) == 0 ? 1 : 0;
+        for (uint32_t x = 0; x + 1 < w; x += 2) {
+          *p++ = c[3 * x + even];
+          *p++ = c[3 * x + 3 + odd];
         }
+        if (w & 1) *p++ = c[3 * (w - 1) + even];
       }
       break;
     case WireFrameLayout::Yuyv:
       for (uint32_t y = 0; y < h; ++y) {
         shade(y, &line);
+        const uint8_t* c = line.data();
         for (uint32_t x = 0; x + 1 < w; x += 2) {
-          Rgb mean;
-          for (int k = 0; k < 3; ++k) mean[k] = (line[x][k] + line[x + 1][k]) >> 1;
-          *p++ = Clamp(LumaOf(line[x]));
+          const Rgb mean = {(c[3 * x] + c[3 * x + 3]) >> 1, (c[3 * x + 1] + c[3 * x + 4]) >> 1,
+                            (c[3 * x + 2] + c[3 * x + 5]) >> 1};
+          *p++ = luma(c + 3 * x);
           *p++ = Clamp(CbOf(mean));
-          *p++ = Clamp(LumaOf(line[x + 1]));
+          *p++ = luma(c + 3 * x + 3);
           *p++ = Clamp(CrOf(mean));
         }
         if (w & 1) {  // an odd last pixel keeps its own pair
-          *p++ = Clamp(LumaOf(line[w - 1]));
-          *p++ = Clamp(CbOf(line[w - 1]));
+          const uint8_t* last = c + 3 * (w - 1);
+          *p++ = luma(last);
+          *p++ = Clamp(CbOf(Rgb{last[0], last[1], last[2]}));
         }
       }
       break;
@@ -168,16 +179,16 @@ void TestPatternSource::Render(const FrameRequest& r, std::vector<uint8_t>* out)
         } else {
           below = line;
         }
+        const uint8_t* a = line.data();
+        const uint8_t* b = below.data();
         for (uint32_t x = 0; x < w; ++x) {
-          p[size_t(y) * w + x] = Clamp(LumaOf(line[x]));
-          if (y + 1 < h) p[size_t(y + 1) * w + x] = Clamp(LumaOf(below[x]));
+          p[size_t(y) * w + x] = luma(a + 3 * x);
+          if (y + 1 < h) p[size_t(y + 1) * w + x] = luma(b + 3 * x);
         }
         for (uint32_t cx = 0; cx < cw; ++cx) {
-          const uint32_t x0 = 2 * cx, x1 = std::min(2 * cx + 1, w - 1);
+          const uint32_t x0 = 3 * (2 * cx), x1 = 3 * std::min(2 * cx + 1, w - 1);
           Rgb mean;
-          for (int k = 0; k < 3; ++k) {
-            mean[k] = (line[x0][k] + line[x1][k] + below[x0][k] + below[x1][k]) >> 2;
-          }
+          for (int k = 0; k < 3; ++k) mean[k] = (a[x0 + k] + a[x1 + k] + b[x0 + k] + b[x1 + k]) >> 2;
           cb[size_t(y / 2) * cw + cx] = Clamp(CbOf(mean));
           cr[size_t(y / 2) * cw + cx] = Clamp(CrOf(mean));
         }
