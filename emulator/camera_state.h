@@ -18,11 +18,11 @@
 
 // Controller registers with a meaning of their own.
 namespace emu {
-constexpr uint8_t kRegPort = 0x00;       // lens coils (1, 2, 3, 7), orientation input (4)
-constexpr uint8_t kRegStatus = 0x04;     // bit 2: full speed
-constexpr uint8_t kRegPortEnable = 0x06; // output enables of register 0's bits
-constexpr uint8_t kRegLines = 0x07;      // bit 0 button / home switch, bits 5 and 6 software bus
-constexpr uint8_t kRegLineEnable = 0x0D; // bits 5 and 6: software bus lines driven
+constexpr uint8_t kRegPort = 0x00;        // lens coils (1, 2, 3, 7), orientation input (4)
+constexpr uint8_t kRegStatus = 0x04;      // bit 2: full speed
+constexpr uint8_t kRegPortEnable = 0x06;  // output enables of register 0's bits
+constexpr uint8_t kRegLines = 0x07;       // bit 0 button / home switch, bits 5 and 6 software bus
+constexpr uint8_t kRegLineEnable = 0x0D;  // bits 5 and 6: software bus lines driven
 constexpr uint8_t kCoilBits = 0x8E;
 constexpr uint8_t kOrientationBit = 0x10;
 constexpr uint8_t kFullSpeedBit = 0x04;

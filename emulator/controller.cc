@@ -272,8 +272,8 @@ struct RequestRow {
 };
 
 constexpr RequestRow kRequests[] = {
-    {1, RequestWrite},    {2, RequestRead},     {3, RequestWriteList},  {5, RequestStreaming},
-    {6, RequestMemory},   {7, RequestRestart},  {8, RequestWideRead},   {11, RequestEndOfStartup},
+    {1, RequestWrite},  {2, RequestRead},    {3, RequestWriteList}, {5, RequestStreaming},
+    {6, RequestMemory}, {7, RequestRestart}, {8, RequestWideRead},  {11, RequestEndOfStartup},
 };
 
 }  // namespace
@@ -291,7 +291,8 @@ EmulatedCamera::State::State(const EmulatedCameraConfig& cfg)
   for (const EmulatedSensorConfig& sc : config.sensors) {
     FittedSensor fitted;
     fitted.model = MakeSensor(sc.kind);
-    fitted.address = sc.busAddress >= 0 ? uint8_t(sc.busAddress) : fitted.model->DefaultBusAddress();
+    fitted.address =
+        sc.busAddress >= 0 ? uint8_t(sc.busAddress) : fitted.model->DefaultBusAddress();
     fitted.needsTwoStepRead = sc.needsTwoStepRead >= 0 ? sc.needsTwoStepRead != 0
                                                        : fitted.model->DefaultNeedsTwoStepRead();
     fitted.readLatency = std::max<int64_t>(sc.readLatency100ns, 0);

@@ -269,7 +269,9 @@ std::vector<uint8_t> EmulatedCamera::PeekMemory(uint16_t address, size_t length)
   try {
     Lock hold(state_->mutex);
     std::vector<uint8_t> bytes(length);
-    for (size_t i = 0; i < length; ++i) bytes[i] = state_->memory[(address + i) % emu::kMemoryBytes];
+    for (size_t i = 0; i < length; ++i) {
+      bytes[i] = state_->memory[(address + i) % emu::kMemoryBytes];
+    }
     return bytes;
   } catch (...) {
     return {};

@@ -196,15 +196,15 @@ struct ControlRequestInfo {
   bool getData = false;
   bool hasDataStage = false;
   uint32_t length = 0;
-  std::vector<uint8_t> data;  // bytes sent (out requests)
+  std::vector<uint8_t> data;         // bytes sent (out requests)
   NTSTATUS status = STATUS_SUCCESS;  // the answer (in the log)
 };
 
 enum class StreamPacketRole : uint8_t { Empty, FrameStart, FrameData, FrameEnd };
 
 struct StreamPacketInfo {
-  uint64_t sequence = 0;  // packets handed out since the camera was made, 0 first
-  uint64_t frameIndex = 0;  // frame the packet belongs to (meaningless for Empty)
+  uint64_t sequence = 0;       // packets handed out since the camera was made, 0 first
+  uint64_t frameIndex = 0;     // frame the packet belongs to (meaningless for Empty)
   uint32_t packetInFrame = 0;  // 0 for the frame's start packet
   StreamPacketRole role = StreamPacketRole::Empty;
   uint32_t length = 0;
@@ -225,7 +225,7 @@ struct WireFrameInfo {
   uint32_t width = 0;
   uint32_t height = 0;
   WireFrameLayout layout = WireFrameLayout::Bayer;
-  size_t frameBytes = 0;   // bytes the stream carries per frame (two lines short if so set)
+  size_t frameBytes = 0;  // bytes the stream carries per frame (two lines short if so set)
   int64_t framePeriod100ns = 0;
   bool mirror = false;
   bool flip = false;
@@ -340,8 +340,8 @@ class EmulatedCamera {
   void FailNthRequest(uint64_t nth, NTSTATUS status) noexcept;
   // Requests for which `filter` says true fail with `status` and have no
   // effect, at most `times` of them.
-  void FailRequestsMatching(std::function<bool(const ControlRequestInfo&)> filter,
-                            NTSTATUS status, uint64_t times = UINT64_MAX) noexcept;
+  void FailRequestsMatching(std::function<bool(const ControlRequestInfo&)> filter, NTSTATUS status,
+                            uint64_t times = UINT64_MAX) noexcept;
   // The next SelectAlternateSetting fails with `status`.
   void FailNextSelectAlternateSetting(NTSTATUS status) noexcept;
   void ClearRequestFaults() noexcept;

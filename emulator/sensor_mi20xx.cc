@@ -80,8 +80,8 @@ namespace emu {
 namespace {
 
 constexpr uint16_t kChipVersion = 0x0000, kClockDivider = 0x0005, kIntegration = 0x0009,
-                   kReset = 0x000D, kReadMode = 0x0020, kGlobalGain = 0x002F,
-                   kBrightness = 0x0034, kMcuAddress = 0x338C, kMcuData = 0x3390;
+                   kReset = 0x000D, kReadMode = 0x0020, kGlobalGain = 0x002F, kBrightness = 0x0034,
+                   kMcuAddress = 0x338C, kMcuData = 0x3390;
 
 constexpr uint16_t kVarSeqCmd = 0x2103, kVarSeqState = 0x2104, kVarTuning = 0x2511;
 

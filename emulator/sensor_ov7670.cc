@@ -39,9 +39,9 @@
 namespace emu {
 namespace {
 
-constexpr uint8_t kGain = 0x00, kCom1 = 0x04, kAechh = 0x07, kPid = 0x0A, kVer = 0x0B,
-                  kAech = 0x10, kClkrc = 0x11, kCom7 = 0x12, kMidh = 0x1C, kMidl = 0x1D,
-                  kMvfp = 0x1E, kBright = 0x55, kDcw = 0x72;
+constexpr uint8_t kGain = 0x00, kCom1 = 0x04, kAechh = 0x07, kPid = 0x0A, kVer = 0x0B, kAech = 0x10,
+                  kClkrc = 0x11, kCom7 = 0x12, kMidh = 0x1C, kMidl = 0x1D, kMvfp = 0x1E,
+                  kBright = 0x55, kDcw = 0x72;
 
 constexpr int64_t kFramePeriod30 = 333333;  // 1/30 s in 100 ns units
 
@@ -110,8 +110,8 @@ class Ov7670 : public Sensor {
     out.height = h;
     out.mirror = (regs_[kMvfp] & 0x20) != 0;
     out.flip = (regs_[kMvfp] & 0x10) != 0;
-    out.exposure = uint32_t(regs_[kAechh] & 0x3F) << 10 | uint32_t(regs_[kAech]) << 2 |
-                   (regs_[kCom1] & 3);
+    out.exposure =
+        uint32_t(regs_[kAechh] & 0x3F) << 10 | uint32_t(regs_[kAech]) << 2 | (regs_[kCom1] & 3);
     out.nominalExposure = 256;
     out.gain16 = 16 + regs_[kGain];
     out.brightness = int8_t(regs_[kBright]);

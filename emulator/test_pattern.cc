@@ -99,7 +99,8 @@ void TestPatternSource::Render(const FrameRequest& r, std::vector<uint8_t>* out)
   out->assign(bytes, 0);
   if (bytes == 0) return;
   const uint32_t w = r.width, h = r.height;
-  const uint32_t aw = std::max<uint32_t>(r.arrayWidth, 1), ah = std::max<uint32_t>(r.arrayHeight, 1);
+  const uint32_t aw = std::max<uint32_t>(r.arrayWidth, 1);
+  const uint32_t ah = std::max<uint32_t>(r.arrayHeight, 1);
   const uint32_t blur =
       r.lensFitted ? uint32_t(std::abs(int64_t(r.lensPosition) - r.lensFocusPosition)) * aw / 800
                    : 0;
@@ -125,8 +126,7 @@ void TestPatternSource::Render(const FrameRequest& r, std::vector<uint8_t>* out)
     const uint32_t ay = ArrayCoordinate(y, h, r.fieldTop, r.fieldHeight, r.flip);
     const bool markRow = ay >= markTop && ay < markBottom;
     // Gradient times light as a factor in 1/65536.
-    const int64_t factor =
-        int64_t(3 * ah + ay) * r.lightScale256 * 65536 / (int64_t(4 * ah) * 256);
+    const int64_t factor = int64_t(3 * ah + ay) * r.lightScale256 * 65536 / (int64_t(4 * ah) * 256);
     for (int v = 0; v < 256; ++v) levels[v] = Clamp(int(((v * factor) >> 16) + r.brightness));
     const uint8_t* source = markRow ? marked.data() : plain.data();
     uint8_t* target = row->data();
@@ -188,7 +188,9 @@ void TestPatternSource::Render(const FrameRequest& r, std::vector<uint8_t>* out)
         for (uint32_t cx = 0; cx < cw; ++cx) {
           const uint32_t x0 = 3 * (2 * cx), x1 = 3 * std::min(2 * cx + 1, w - 1);
           Rgb mean;
-          for (int k = 0; k < 3; ++k) mean[k] = (a[x0 + k] + a[x1 + k] + b[x0 + k] + b[x1 + k]) >> 2;
+          for (int k = 0; k < 3; ++k) {
+            mean[k] = (a[x0 + k] + a[x1 + k] + b[x0 + k] + b[x1 + k]) >> 2;
+          }
           cb[size_t(y / 2) * cw + cx] = Clamp(CbOf(mean));
           cr[size_t(y / 2) * cw + cx] = Clamp(CrOf(mean));
         }

@@ -116,7 +116,8 @@ TEST(EmulatedController, InputBitsOfTheControllerRegistersFollowTheCamera) {
     EmulatedCamera cam(config);
     uint8_t value = 0xEE;
     ASSERT_EQ(Read(cam, 0, 4, &value), STATUS_SUCCESS);
-    EXPECT_EQ(value, c.expected4) << "high speed " << c.highSpeed << " register 4 " << int(c.register4);
+    EXPECT_EQ(value, c.expected4) << "high speed " << c.highSpeed << ", register 4 "
+                                  << int(c.register4);
   }
 
   EmulatedCamera cam;
@@ -333,7 +334,8 @@ TEST(EmulatedController, EachSensorIsDetectedByItsDescribedIdentity) {
   };
   const Case cases[] = {
       {EmulatedSensorKind::OV7670, 0x0100, 0x42, false, {}, {{0x0A, 0x76}, {0x0B, 0x73}}},
-      {EmulatedSensorKind::OV2640, 0x0200, 0x60, true, {{0xFF, 0x01}}, {{0x0A, 0x26}, {0x0B, 0x42}}},
+      {EmulatedSensorKind::OV2640, 0x0200, 0x60, true, {{0xFF, 0x01}},
+       {{0x0A, 0x26}, {0x0B, 0x42}}},
       {EmulatedSensorKind::MI2020, 0x0100, 0x7A, true, {}, {{0x00, 0x15}, {0xF0, 0x19}}},
       {EmulatedSensorKind::MI2021, 0x0200, 0x78, false, {}, {{0x00, 0x15}, {0xF0, 0x80}}},
   };

@@ -51,7 +51,9 @@ TEST(EmulatedFaults, FilterFailsTheMatchingRequestsAsOftenAsAsked) {
   EXPECT_TRUE(cam.IsStreaming());
   // The read filter stays armed: every second step fails, first steps pass.
   uint8_t value = 0;
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(ReadTwoStep(cam, 0x60, 0x0A, &value), STATUS_DEVICE_DATA_ERROR);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(ReadTwoStep(cam, 0x60, 0x0A, &value), STATUS_DEVICE_DATA_ERROR);
+  }
   EXPECT_EQ(Read(cam, 0, 4, &value), STATUS_SUCCESS);
   cam.ClearRequestFaults();
   EXPECT_EQ(ReadTwoStep(cam, 0x60, 0x0A, &value), STATUS_SUCCESS);
@@ -83,14 +85,16 @@ TEST(EmulatedFaults, UnpluggedCameraAnswersNothingAndStopsItsStream) {
     bool getData;
     int length;
   };
-  const Case cases[] = {{1, 0x0020, 6, false, -1}, {2, 0, 4, true, 1},  {3, 0x6000, 0x0200, false, 2},
-                        {5, 0, 0, false, -1},      {6, 0, 0, true, 64}, {7, 0, 0, false, -1},
-                        {8, 0x6003, 0, true, 2},   {11, 0, 0, false, -1}, {9, 0, 0, false, -1}};
+  const Case cases[] = {
+      {1, 0x0020, 6, false, -1}, {2, 0, 4, true, 1},    {3, 0x6000, 0x0200, false, 2},
+      {5, 0, 0, false, -1},      {6, 0, 0, true, 64},   {7, 0, 0, false, -1},
+      {8, 0x6003, 0, true, 2},   {11, 0, 0, false, -1}, {9, 0, 0, false, -1},
+  };
   for (const Case& c : cases) {
     uint8_t buffer[64] = {};
     uint32_t length = c.length < 0 ? 0 : uint32_t(c.length);
-    EXPECT_EQ(cam.ControlTransfer(c.request, c.value, c.index, buffer, c.length < 0 ? nullptr : &length,
-                                  c.getData),
+    uint32_t* lengthPointer = c.length < 0 ? nullptr : &length;
+    EXPECT_EQ(cam.ControlTransfer(c.request, c.value, c.index, buffer, lengthPointer, c.getData),
               STATUS_DEVICE_NOT_CONNECTED)
         << "request " << int(c.request);
   }
@@ -121,9 +125,12 @@ TEST(EmulatedFaults, SpoiledPacketsDifferFromTheCleanStreamOnlyWhereAsked) {
   };
   const Case cases[] = {
       {"drop the end of a frame", PacketFaultKind::Drop, StreamPacketRole::FrameEnd, 0, 1},
-      {"cut data packets to 10 bytes", PacketFaultKind::Truncate, StreamPacketRole::FrameData, 10, 3},
-      {"invert the flags of a frame end", PacketFaultKind::CorruptByte, StreamPacketRole::FrameEnd, 1, 1},
-      {"invert a data packet's payload", PacketFaultKind::CorruptPayload, StreamPacketRole::FrameData, 0, 1},
+      {"cut data packets to 10 bytes", PacketFaultKind::Truncate, StreamPacketRole::FrameData, 10,
+       3},
+      {"invert the flags of a frame end", PacketFaultKind::CorruptByte, StreamPacketRole::FrameEnd,
+       1, 1},
+      {"invert a data packet's payload", PacketFaultKind::CorruptPayload,
+       StreamPacketRole::FrameData, 0, 1},
       {"start header claims 3 bytes more", PacketFaultKind::HeaderBeyondPacket,
        StreamPacketRole::FrameStart, 3, 2},
   };

@@ -86,7 +86,8 @@ TEST(EmulatedLens, EndStopsHoldTheLens) {
     EmulatedCamera cam(LensCamera(EmulatedLensKind::NoHomeSwitch, c.start));
     ASSERT_EQ(Write(cam, 0, 6, 0x8E), STATUS_SUCCESS);
     // Start the driver's phase on the rotor's so that no step is lost.
-    uint8_t phase = uint8_t(c.start % 4 == 0 ? 3 : c.start % 4 == 1 ? 6 : c.start % 4 == 2 ? 12 : 9);
+    const uint8_t cycle[4] = {3, 6, 12, 9};
+    uint8_t phase = cycle[c.start % 4];
     DriverMove(cam, c.steps, &phase);
     EXPECT_EQ(cam.LensPosition(), c.end) << c.start << " by " << c.steps;
   }

@@ -241,8 +241,8 @@ TEST(EmulatedSoftBus, RecordedTransfersWriteAndReadRegisters) {
   };
   const Case cases[] = {
       // MI2020: register 0x0020 = 0x0003, then read it back.
-      {EmulatedSensorKind::MI2020, "S 7A 00 20 00 03 P S 7A 00 20 S 7B r n P", "AAAAA" "AAA" "A" "0003",
-       0x7A, 0x0020, 0x0003},
+      {EmulatedSensorKind::MI2020, "S 7A 00 20 00 03 P S 7A 00 20 S 7B r n P",
+       "AAAAA" "AAA" "A" "0003", 0x7A, 0x0020, 0x0003},
       // Two registers in one write: 0x1000 and 0x1001.
       {EmulatedSensorKind::MI2020, "S 7A 10 00 12 34 56 78 P S 7A 10 01 S 7B r n P",
        "AAAAAAA" "AAAA" "5678", 0x7A, 0x1000, 0x1234},

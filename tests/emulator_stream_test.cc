@@ -438,6 +438,35 @@ TEST(EmulatedStream, MirrorAndFlipReverseTheWirePicture) {
   EXPECT_NE(mirrored, plain);
 }
 
+TEST(EmulatedStream, EachSensorHasItsMirrorAndFlipBits) {
+  struct Case {
+    EmulatedSensorKind kind;
+    std::vector<RegisterWrite> writes;
+    std::vector<uint16_t> quadAt0020;  // MI: the read mode register, 16-bit
+    bool mirror, flip;
+  };
+  const Case cases[] = {
+      {EmulatedSensorKind::OV7670, {{0x42, 0x1E, 0x20}}, {}, true, false},
+      {EmulatedSensorKind::OV7670, {{0x42, 0x1E, 0x10}}, {}, false, true},
+      {EmulatedSensorKind::OV2640, {{0x60, 0xFF, 0x01}, {0x60, 0x04, 0x80}}, {}, true, false},
+      {EmulatedSensorKind::OV2640, {{0x60, 0xFF, 0x01}, {0x60, 0x04, 0x40}}, {}, false, true},
+      {EmulatedSensorKind::OV2640, {{0x60, 0x04, 0xC0}}, {}, false, false},  // DSP bank: no effect
+      {EmulatedSensorKind::MI2021, {}, {0x0002}, true, false},
+      {EmulatedSensorKind::MI2021, {}, {0x0001}, false, true},
+  };
+  for (const Case& c : cases) {
+    EmulatedCameraConfig config;
+    config.sensors = {EmulatedSensorConfig{c.kind}};
+    EmulatedCamera cam(config);
+    for (const RegisterWrite& w : c.writes)
+      ASSERT_EQ(Write(cam, w.bus, w.reg, w.value), STATUS_SUCCESS);
+    for (uint16_t v : c.quadAt0020) ASSERT_EQ(WriteQuad(cam, 0x78, 0x0020, v), STATUS_SUCCESS);
+    const WireFrameInfo info = cam.CurrentWireFrame();
+    EXPECT_EQ(info.mirror, c.mirror) << int(c.kind);
+    EXPECT_EQ(info.flip, c.flip) << int(c.kind);
+  }
+}
+
 TEST(EmulatedStream, ExposureGainAndBrightnessChangeThePicture) {
   struct Case {
     const char* name;
@@ -463,7 +492,9 @@ TEST(EmulatedStream, ExposureGainAndBrightnessChangeThePicture) {
   for (const Case& c : cases) {
     EmulatedCamera cam(Ov7670());
     SetSmallYuyvMode(cam);
-    for (const RegisterWrite& w : c.writes) ASSERT_EQ(Write(cam, w.bus, w.reg, w.value), STATUS_SUCCESS);
+    for (const RegisterWrite& w : c.writes) {
+      ASSERT_EQ(Write(cam, w.bus, w.reg, w.value), STATUS_SUCCESS);
+    }
     const double change = MeanLuma(OneFrame(cam)) - base;
     EXPECT_GE(change, c.lumaChangeLow) << c.name;
     EXPECT_LE(change, c.lumaChangeHigh) << c.name;
@@ -474,7 +505,9 @@ TEST(EmulatedStream, BayerFramesStartWithBlueThenGreen) {
   EmulatedCamera cam;  // OV2640
   const RegisterWrite writes[] = {{0x60, 0xFF, 0x01}, {0x60, 0x12, 0x40}, {0x60, 0xFF, 0x00},
                                   {0x60, 0x05, 0x01}, {0x60, 0x5A, 0xA0}, {0x60, 0x5B, 0x78}};
-  for (const RegisterWrite& w : writes) ASSERT_EQ(Write(cam, w.bus, w.reg, w.value), STATUS_SUCCESS);
+  for (const RegisterWrite& w : writes) {
+    ASSERT_EQ(Write(cam, w.bus, w.reg, w.value), STATUS_SUCCESS);
+  }
   const std::vector<uint8_t> frame = OneFrame(cam);
   ASSERT_EQ(frame.size(), 640u * 480);
   // The second of eight bars is yellow (red and green, no blue); the fifth
@@ -495,8 +528,9 @@ TEST(EmulatedStream, WireRegistersAgreeWhenTheScriptWritesTheSensorsMode) {
   SetSmallYuyvMode(cam);
   EXPECT_FALSE(cam.WireRegistersAgree());
   // 160 = 0x00A0, 120 = 0x0078, layout 1 (YUYV).
-  ASSERT_EQ(Send(cam, 3, 0x0000, 0x0200, {0x20, 0xA0, 0x21, 0x00, 0x22, 0x78, 0x23, 0x00, 0x24, 0x01}),
-            STATUS_SUCCESS);
+  ASSERT_EQ(
+      Send(cam, 3, 0x0000, 0x0200, {0x20, 0xA0, 0x21, 0x00, 0x22, 0x78, 0x23, 0x00, 0x24, 0x01}),
+      STATUS_SUCCESS);
   EXPECT_TRUE(cam.WireRegistersAgree());
   ASSERT_EQ(Write(cam, 0, 0x24, 0x00), STATUS_SUCCESS);
   EXPECT_FALSE(cam.WireRegistersAgree()) << "Bayer said, YUYV sent";
