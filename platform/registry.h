@@ -1,7 +1,8 @@
 // The registry as the driver calls it: keys opened by path (created when
 // missing), values of type REG_DWORD, REG_SZ and REG_BINARY, the device's
-// software key, and absolute writes to the service key. Key names compare
-// without regard to case. Key handles close with ZwClose.
+// software key and its driver key name, and absolute writes to the service
+// key. Key names compare without regard to case. Key handles close with
+// ZwClose.
 #pragma once
 
 #include <cstdint>
@@ -66,15 +67,40 @@ struct KEY_VALUE_PARTIAL_INFORMATION {
   UCHAR Data[1];
 };
 
+// The value's name (NameLength bytes, no terminator) follows the fixed words;
+// the data follows the name at DataOffset from the start of the record,
+// rounded up to a multiple of 4.
+struct KEY_VALUE_FULL_INFORMATION {
+  ULONG TitleIndex;
+  ULONG Type;
+  ULONG DataOffset;
+  ULONG DataLength;
+  ULONG NameLength;
+  WCHAR Name[1];
+};
+
+enum DEVICE_REGISTRY_PROPERTY : int32_t {
+  DevicePropertyDeviceDescription = 0,
+  DevicePropertyHardwareID = 1,
+  DevicePropertyCompatibleIDs = 2,
+  DevicePropertyBootConfiguration = 3,
+  DevicePropertyBootConfigurationTranslated = 4,
+  DevicePropertyClassName = 5,
+  DevicePropertyClassGuid = 6,
+  DevicePropertyDriverKeyName = 7,
+};
+
 // Opens the key named by `attributes` (relative to its RootDirectory, or an
 // absolute "\REGISTRY\MACHINE\..." path), creating it and every missing level.
 NTSTATUS ZwCreateKey(HANDLE* keyHandle, ACCESS_MASK desiredAccess, OBJECT_ATTRIBUTES* attributes,
                      ULONG titleIndex, UNICODE_STRING* keyClass, ULONG createOptions,
                      ULONG* disposition);
-// Reads a value as KEY_VALUE_PARTIAL_INFORMATION. `length` too small for the
-// header gives STATUS_BUFFER_TOO_SMALL, too small for the data
-// STATUS_BUFFER_OVERFLOW; `resultLength` then holds the size needed. A value
-// that doesn't exist gives STATUS_OBJECT_NAME_NOT_FOUND.
+// Reads a value as KEY_VALUE_PARTIAL_INFORMATION or KEY_VALUE_FULL_INFORMATION.
+// `length` too small for the fixed words gives STATUS_BUFFER_TOO_SMALL (nothing
+// written), too small for the whole record STATUS_BUFFER_OVERFLOW (the fixed
+// words written, and of the full record as much of the name as fits);
+// `resultLength` then holds the size needed. A value that doesn't exist gives
+// STATUS_OBJECT_NAME_NOT_FOUND. The basic record is not served.
 NTSTATUS ZwQueryValueKey(HANDLE keyHandle, UNICODE_STRING* valueName,
                          KEY_VALUE_INFORMATION_CLASS informationClass, void* information,
                          ULONG length, ULONG* resultLength);
@@ -87,3 +113,13 @@ NTSTATUS RtlWriteRegistryValue(ULONG relativeTo, const WCHAR* path, const WCHAR*
 // Opens the software (driver) key of a device.
 NTSTATUS IoOpenDeviceRegistryKey(DEVICE_OBJECT* deviceObject, ULONG devInstKeyType,
                                  ACCESS_MASK desiredAccess, HANDLE* keyHandle);
+// Serves DevicePropertyDriverKeyName only: the path of the device's software
+// key below "\REGISTRY\MACHINE\SYSTEM\CurrentControlSet\Control\Class\"
+// ("{6BDD1FC6-810F-11D0-BEC7-08002BE2092F}\0000"), zero-terminated;
+// `resultLength` gets its size in bytes with the terminator. A software key
+// bound elsewhere gives its whole absolute path. A buffer too small gives
+// STATUS_BUFFER_TOO_SMALL and is left alone, another property
+// STATUS_INVALID_PARAMETER_2, a device without a software key
+// STATUS_OBJECT_NAME_NOT_FOUND.
+NTSTATUS IoGetDeviceProperty(DEVICE_OBJECT* deviceObject, DEVICE_REGISTRY_PROPERTY property,
+                             ULONG bufferLength, void* buffer, ULONG* resultLength);

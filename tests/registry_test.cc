@@ -442,8 +442,8 @@ TEST_F(RegistryKeys, BadArgumentsGiveAStatusNotACrash) {
       {"query without a result length",
        [&] { return ZwQueryValueKey(key, &name, KeyValuePartialInformation, record, 32, nullptr); },
        STATUS_INVALID_PARAMETER},
-      {"query the full record",
-       [&] { return ZwQueryValueKey(key, &name, KeyValueFullInformation, record, 32, &needed); },
+      {"query the basic record",
+       [&] { return ZwQueryValueKey(key, &name, KeyValueBasicInformation, record, 32, &needed); },
        STATUS_NOT_IMPLEMENTED},
       {"query an unknown record",
        [&] {
