@@ -201,6 +201,6 @@ void BM_RegistryDriverSetWhileAttached(benchmark::State& state) {
   std::filesystem::remove(file);
   ResetRegistry();
 }
-BENCHMARK(BM_RegistryDriverSetWhileAttached);
+BENCHMARK(BM_RegistryDriverSetWhileAttached)->MinTime(2.0);
 
 }  // namespace

@@ -819,11 +819,14 @@ void CopyKey(const RegistryKey& key, RegistryKeySnapshot* snapshot) {
   for (const auto& child : key.children) CopyKey(*child.second, &snapshot->subKeys[i++]);
 }
 
-// Checks one edit as ApplyRegistryEdits would apply it.
-bool EditIsValid(const RegistryEdit& edit) {
+// Checks one edit as ApplyRegistryEdits would apply it. `pathChecked`: the
+// path is the one of the edit before, already found good.
+bool EditIsValid(const RegistryEdit& edit, bool pathChecked) {
   std::vector<std::u16string_view> levels;
-  if (!NT_SUCCESS(SplitAbsolutePath(edit.path, &levels))) return false;
-  if (levels.size() > RegistryMaxKeyDepth) return false;
+  if (!pathChecked || edit.kind == RegistryEdit::DeleteKey) {
+    if (!NT_SUCCESS(SplitAbsolutePath(edit.path, &levels))) return false;
+    if (levels.size() > RegistryMaxKeyDepth) return false;
+  }
   switch (edit.kind) {
     case RegistryEdit::CreateKey:
       return true;
@@ -918,7 +921,7 @@ bool SnapshotRegistryKey(const std::u16string& path, RegistryKeySnapshot* snapsh
 
 bool ApplyRegistryEdits(const std::vector<RegistryEdit>& edits, size_t* failed) {
   for (size_t i = 0; i < edits.size(); ++i) {
-    if (!EditIsValid(edits[i])) {
+    if (!EditIsValid(edits[i], i > 0 && edits[i].path == edits[i - 1].path)) {
       if (failed != nullptr) *failed = i;
       return false;
     }
