@@ -19,6 +19,7 @@
 #include "core/device_context.h"
 #include "pipeline/frame_pipeline.h"
 #include "platform/kernel_control.h"
+#include "tools/registry_tool.h"
 #include "tools/script_tool.h"
 
 namespace {
@@ -38,7 +39,12 @@ void Usage() {
                "usage: mr740cam check-script FILE\n"
                "  Reports, line by line, what the driver would reject in a camera script.\n"
                "usage: mr740cam scramble-script IN OUT | unscramble-script IN OUT\n"
-               "  Converts a script between its plain and its scrambled form.\n");
+               "  Converts a script between its plain and its scrambled form.\n"
+               "usage: mr740cam registry load FILE.reg ... | export FILE.reg [KEY] | show [KEY] |\n"
+               "                         set KEY NAME dword:N|TEXT | path\n"
+               "  The registry the driver keeps its settings in, and camera descriptions.\n"
+               "Every command takes --registry FILE (default $MR740_REGISTRY, else\n"
+               "$XDG_STATE_HOME/mr740/registry.reg): the driver's registry, kept across runs.\n");
 }
 
 bool ParseOptions(int argc, char** argv, Options* options) {
@@ -226,6 +232,11 @@ int Capture(const Options& options) {
 
 int main(int argc, char** argv) {
   if (argc >= 2 && IsScriptToolCommand(argv[1])) return RunScriptTool(argc, argv);
+  const std::string registryFile = TakeRegistryFileOption(&argc, argv);
+  if (argc >= 2 && IsRegistryToolCommand(argv[1])) {
+    if (!OpenToolRegistry(registryFile, stderr)) return 1;
+    return RunRegistryTool(argc, argv, stdout, stderr);
+  }
   if (argc < 2 || std::strcmp(argv[1], "capture") != 0) {
     Usage();
     return argc < 2 ? 0 : 2;
