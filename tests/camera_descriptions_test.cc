@@ -1,0 +1,931 @@
+// The camera descriptions shipped under cameras/: every registry file loads
+// with the keys the driver reads, every script passes the script checker, the
+// scrambled script is the scramble of its plain source, each script holds the
+// sections its registry asks for, and on the emulated camera every mode's
+// sections make the sensor send the wire that the mode's keys promise.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "core/device_context.h"
+#include "core/host_contract.h"
+#include "emulator/emulated_camera.h"
+#include "platform/files_control.h"
+#include "platform/kernel_control.h"
+#include "platform/registry_control.h"
+#include "script/script_engine.h"
+#include "script/vendor_request.h"
+#include "tests/device_fixture.h"
+#include "tools/script_tool.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const fs::path kRepository = MR740_SOURCE_DIR;
+const fs::path kCameras = kRepository / "cameras";
+
+constexpr const char* kFormats[] = {"RGB24", "YUYV", "I420"};
+constexpr const char* kQualitySuffixes[] = {"", "_QUALITY", "_FRAMERATE"};
+constexpr const char* kProperties[] = {"Brightness", "Contrast",    "Hue",
+                                       "Saturation", "Sharpness",   "Gamma",
+                                       "ColorEnable", "WhiteBalance", "BackLight"};
+constexpr const char* kPageSettings[] = {"AutoFocusEnable", "Flicker_50HZ", "LightCond",
+                                         "QualityOpt",      "Zoom",         "ZoomLast",
+                                         "FaceTracking",    "MirrorPage",   "FlipPage",
+                                         "SPEFCategory",    "SPEFList"};
+
+// The size keys of the format catalogue and the picture each stands for.
+struct SizeKey {
+  const char* name;
+  uint32_t width, height;
+};
+constexpr SizeKey kSizeKeys[] = {
+    {"160", 160, 120},    {"320", 320, 240},     {"640", 640, 480},     {"800", 800, 600},
+    {"1024", 1024, 768},  {"1280C", 1280, 800},  {"1280B", 1280, 768},  {"1280A", 1280, 960},
+    {"1280", 1280, 1024}, {"1600", 1600, 1200},  {"128", 128, 96},      {"176", 176, 144},
+    {"352", 352, 288},    {"704", 704, 576},     {"1408", 1408, 1152},  {"484", 484, 240},
+    {"1440", 1440, 1152}, {"720", 720, 576},
+};
+
+const SizeKey* FindSizeKey(const std::string& name) {
+  for (const SizeKey& key : kSizeKeys) {
+    if (name == key.name) return &key;
+  }
+  return nullptr;
+}
+
+// ---------------------------------------------------------------- the four models
+
+struct DwordValue {
+  const char* key;  // below the device key; "" is the device key itself
+  const char* name;
+  uint32_t value;
+};
+
+struct Model {
+  const char* regFile;  // below cameras/
+  uint32_t instance;
+  const char* sensor;
+  const char* script;
+  EmulatedSensorKind kind;
+  uint16_t bcdDevice;
+  EmulatedLensKind lens;
+  // Mode keys with a non-zero Enabled, as "[HighSpeed\|FullSpeed\]FORMAT\SIZE".
+  std::set<std::string> modes;
+  std::vector<DwordValue> values;
+};
+
+// What each camera is, from its description: the sensor's bus address and
+// identification bytes are those the sensor answers to, and a sensor that
+// needs the two-step read has a ReadDelay.
+const std::vector<Model>& Models() {
+  static const std::vector<Model> models = {
+      {"ov7670-webcam/ov7670-webcam.reg", 0, "OV7670", "C:\\Cameras\\ov7670-webcam\\OV7670.txt",
+       EmulatedSensorKind::OV7670, 0x0100, EmulatedLensKind::None,
+       {"YUYV\\640", "YUYV\\320", "YUYV\\352", "YUYV\\176", "YUYV\\160", "YUYV\\1280A",
+        "RGB24\\640", "RGB24\\320", "RGB24\\352", "RGB24\\176", "RGB24\\160", "I420\\640",
+        "I420\\320", "I420\\160"},
+       {{"", "StillPin", 2},
+        {"", "PollingShutterKey", 100},
+        {"SensorDetect", "NumOfSensor", 1},
+        {"SensorDetect\\Sensor00", "I2CAddr", 0x42},
+        {"SensorDetect\\Sensor00", "ReadDelay", 0},
+        {"SensorDetect\\Sensor00", "IDLength", 2},
+        {"SensorDetect\\Sensor00\\00", "Address", 0x0A},
+        {"SensorDetect\\Sensor00\\00", "Data", 0x76},
+        {"SensorDetect\\Sensor00\\01", "Address", 0x0B},
+        {"SensorDetect\\Sensor00\\01", "Data", 0x73},
+        {"OV7670\\InitialSetting", "SeparateCtrl", 0},
+        {"OV7670\\PropertySetting", "ISPType", 0},
+        {"OV7670\\PropertySetting", "I2CAddr", 0x42},
+        {"OV7670\\InitialSetting\\YUYV\\640", "ControlMethod", 0x0201},
+        {"OV7670\\InitialSetting\\YUYV\\640", "Enabled", 40}}},
+      {"ov2640-camera/ov2640-camera.reg", 1, "OV2640", "C:\\Cameras\\ov2640-camera\\OV2640.txt",
+       EmulatedSensorKind::OV2640, 0x0200, EmulatedLensKind::None,
+       {"RGB24\\640", "RGB24\\320", "RGB24\\800", "RGB24\\352", "RGB24\\160", "RGB24\\1024",
+        "RGB24\\1280A", "RGB24\\1600", "YUYV\\640", "YUYV\\320", "YUYV\\800", "YUYV\\1024",
+        "YUYV\\1600", "I420\\640", "I420\\320", "I420\\160"},
+       {{"", "StillPin", 0},
+        {"", "DeadPixelRGB24", 48},
+        {"", "BlackBodyDarkRGB24", 12},
+        {"", "BlackBodyDarkYUYV", 24},
+        {"SensorDetect", "NumOfSensor", 1},
+        {"SensorDetect\\Sensor00", "I2CAddr", 0x60},
+        {"SensorDetect\\Sensor00", "ReadDelay", 10000},
+        {"SensorDetect\\Sensor00", "IDLength", 4},
+        {"SensorDetect\\Sensor00\\PageSelect", "PageSelectLen", 1},
+        {"SensorDetect\\Sensor00\\PageSelect\\00", "Address", 0xFF},
+        {"SensorDetect\\Sensor00\\PageSelect\\00", "Data", 0x01},
+        {"SensorDetect\\Sensor00\\00", "Address", 0x0A},
+        {"SensorDetect\\Sensor00\\00", "Data", 0x26},
+        {"SensorDetect\\Sensor00\\01", "Address", 0x0B},
+        {"SensorDetect\\Sensor00\\01", "Data", 0x42},
+        {"OV2640\\InitialSetting", "SeparateCtrl", 0},
+        {"OV2640\\PropertySetting", "ISPType", 0},
+        {"OV2640\\InitialSetting\\RGB24\\1024", "ControlMethod", 0x0102},
+        {"OV2640\\InitialSetting\\RGB24\\1600", "ControlMethod", 0x0101}}},
+      {"mi2020-camera/mi2020-camera.reg", 2, "MI2020", "C:\\Cameras\\mi2020-camera\\MI2020.txt",
+       EmulatedSensorKind::MI2020, 0x0100, EmulatedLensKind::HomeSwitch,
+       {"HighSpeed\\RGB24\\640", "HighSpeed\\RGB24\\320", "HighSpeed\\RGB24\\800",
+        "HighSpeed\\RGB24\\1600", "HighSpeed\\YUYV\\640", "HighSpeed\\YUYV\\320",
+        "HighSpeed\\YUYV\\800", "FullSpeed\\RGB24\\320", "FullSpeed\\RGB24\\160",
+        "FullSpeed\\YUYV\\320", "FullSpeed\\YUYV\\160"},
+       {{"SensorDetect", "NumOfSensor", 1},
+        {"SensorDetect\\Sensor00", "I2CAddr", 0x7A},
+        {"SensorDetect\\Sensor00", "RegisterAddrLo", 0xF0},
+        {"SensorDetect\\Sensor00", "ReadDelay", 20000},
+        {"SensorDetect\\Sensor00\\00", "Address", 0x00},
+        {"SensorDetect\\Sensor00\\00", "Data", 0x15},
+        {"SensorDetect\\Sensor00\\01", "Address", 0xF0},
+        {"SensorDetect\\Sensor00\\01", "Data", 0x19},
+        {"MI2020\\InitialSetting", "SeparateCtrl", 1},
+        {"MI2020\\PropertySetting", "ISPType", 0x00020000},
+        {"MI2020\\PropertySetting", "RegisterAddrLo", 0xF0},
+        {"MI2020\\PropertySetting", "InitPos", 40}}},
+      {"mi2021-camera/mi2021-camera.reg", 3, "MI2021", "C:\\Cameras\\mi2021-camera\\MI2021.txt",
+       EmulatedSensorKind::MI2021, 0x0200, EmulatedLensKind::NoHomeSwitch,
+       {"RGB24\\640", "RGB24\\320", "RGB24\\800", "RGB24\\1280A", "RGB24\\1600", "YUYV\\640",
+        "YUYV\\320", "YUYV\\160", "YUYV\\800", "YUYV\\1600", "I420\\640", "I420\\320"},
+       {{"", "ForceHighSpeed", 1},
+        {"SensorDetect", "NumOfSensor", 1},
+        {"SensorDetect\\Sensor00", "I2CAddr", 0x78},
+        {"SensorDetect\\Sensor00", "RegisterAddrLo", 0xF0},
+        {"SensorDetect\\Sensor00", "ReadDelay", 0},
+        {"SensorDetect\\Sensor00\\00", "Address", 0x00},
+        {"SensorDetect\\Sensor00\\00", "Data", 0x15},
+        {"SensorDetect\\Sensor00\\01", "Address", 0xF0},
+        {"SensorDetect\\Sensor00\\01", "Data", 0x80},
+        {"MI2021\\InitialSetting", "SeparateCtrl", 0},
+        {"MI2021\\PropertySetting", "ISPType", 0x00010001},
+        {"MI2021\\PropertySetting", "RegisterAddrLo", 0xF0}}},
+  };
+  return models;
+}
+
+std::u16string DeviceKey(const Model& model) { return DeviceSoftwareKeyPath(model.instance); }
+
+std::u16string KeyBelow(const Model& model, const std::string& relative) {
+  return relative.empty() ? DeviceKey(model) : DeviceKey(model) + u"\\" + U16(relative);
+}
+
+uint32_t Dword(const std::u16string& key, const char* name, uint32_t absent = 0) {
+  uint32_t value = absent;
+  GetRegistryDword(key, U16(name), &value);
+  return value;
+}
+
+std::string String(const std::u16string& key, const char* name) {
+  std::u16string value;
+  GetRegistryString(key, U16(name), &value);
+  return NarrowAscii(value);
+}
+
+std::string SensorRoot(const Model& model) { return model.sensor; }
+
+// A mode key found in the registry, with the values the driver reads.
+struct ModeKey {
+  std::string tree;  // "", "HighSpeed\" or "FullSpeed\"
+  std::string format;
+  std::string size;
+  uint32_t enabled = 0;
+  uint32_t controlMethod = 0;
+  uint32_t frameRate = 0;
+  uint32_t alternateSetting = 0;
+};
+
+std::vector<ModeKey> ModeKeys(const Model& model) {
+  const std::u16string initial = KeyBelow(model, SensorRoot(model) + "\\InitialSetting");
+  std::vector<std::string> trees = {""};
+  if (Dword(initial, "SeparateCtrl") != 0) trees = {"HighSpeed\\", "FullSpeed\\"};
+  std::vector<ModeKey> keys;
+  for (const std::string& tree : trees) {
+    for (const char* format : kFormats) {
+      std::vector<std::u16string> sizes;
+      const std::u16string formatKey = initial + u"\\" + U16(tree + format);
+      if (!ListRegistrySubKeys(formatKey, &sizes)) continue;
+      for (const std::u16string& size : sizes) {
+        ModeKey key;
+        key.tree = tree;
+        key.format = format;
+        key.size = NarrowAscii(size);
+        const std::u16string path = formatKey + u"\\" + size;
+        key.enabled = Dword(path, "Enabled");
+        key.controlMethod = Dword(path, "ControlMethod");
+        key.frameRate = Dword(path, "FrameRate", 1000);
+        key.alternateSetting = Dword(path, "AlternateSetting", 1);
+        keys.push_back(key);
+      }
+    }
+  }
+  return keys;
+}
+
+// ---------------------------------------------------------------- files
+
+std::string ReadBytes(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+std::string Lower(std::string text) {
+  for (char& c : text) c = char(std::tolower(static_cast<unsigned char>(c)));
+  return text;
+}
+
+// The host file a Windows path on drive C stands for, found level by level
+// without regard to case as the file layer looks it up; empty when missing.
+fs::path ResolveOnDriveC(const std::string& windowsPath) {
+  if (windowsPath.size() < 3 || Lower(windowsPath.substr(0, 3)) != "c:\\") return {};
+  fs::path at = kRepository;
+  size_t start = 3;
+  while (start <= windowsPath.size()) {
+    size_t end = windowsPath.find('\\', start);
+    if (end == std::string::npos) end = windowsPath.size();
+    const std::string level = Lower(windowsPath.substr(start, end - start));
+    fs::path found;
+    std::error_code error;
+    for (const fs::directory_entry& entry : fs::directory_iterator(at, error)) {
+      if (Lower(entry.path().filename().string()) == level) found = entry.path();
+    }
+    if (found.empty()) return {};
+    at = found;
+    start = end + 1;
+  }
+  return fs::is_regular_file(at) ? at : fs::path();
+}
+
+std::vector<fs::path> FilesUnderCameras(const std::string& suffix) {
+  std::vector<fs::path> files;
+  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(kCameras)) {
+    const std::string name = entry.path().filename().string();
+    if (entry.is_regular_file() && name.size() > suffix.size() &&
+        Lower(name.substr(name.size() - suffix.size())) == suffix) {
+      files.push_back(entry.path());
+    }
+  }
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
+// The text of a script as the driver reads it: descrambled when its first
+// byte marks the scrambled form.
+std::string ScriptText(const fs::path& path) {
+  std::string bytes = ReadBytes(path);
+  if (!bytes.empty() && uint8_t(bytes[0]) == ScriptScrambledMark) {
+    for (char& c : bytes) c = char(DescrambleScriptByte(uint8_t(c)));
+  }
+  return bytes;
+}
+
+// Section names of a script, upper case, from its header lines.
+std::set<std::string> SectionsOf(const fs::path& path) {
+  const std::string text = ScriptText(path);
+  std::set<std::string> sections;
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t end = text.find("\r\n", start);
+    if (end == std::string::npos) end = text.size();
+    const std::string line = text.substr(start, end - start);
+    const size_t first = line.find_first_not_of(" \t");
+    if (first != std::string::npos && line[first] == '[') {
+      const size_t stop = line.find_first_of(" \t", first);
+      const std::string word = line.substr(first, stop == std::string::npos ? std::string::npos
+                                                                             : stop - first);
+      std::string name = word.substr(1, word.size() - 2);
+      for (char& c : name) c = char(std::toupper(static_cast<unsigned char>(c)));
+      sections.insert(name);
+    }
+    start = end + 2;
+  }
+  return sections;
+}
+
+// The sections the driver asks for by fixed name.
+std::set<std::string> FixedSectionNames() {
+  std::set<std::string> names = {
+      "INIT", "FS\\INIT", "HS\\INIT", "POWER_DOWN", "FS\\POWER_DOWN", "HS\\POWER_DOWN",
+      "INIT_PREVIEW", "INIT_CAPTURE", "FLICKER_50HZ", "FLICKER_AUTO", "FLICKER_60HZ",
+      "NORMAL_LIGHT", "LOW_LIGHT", "BACK_LIGHT", "FS\\NORMAL_LIGHT", "FS\\LOW_LIGHT",
+      "FS\\BACK_LIGHT", "HORIZ_NOR_VERTI_NOR", "HORIZ_INV_VERTI_NOR", "HORIZ_NOR_VERTI_INV",
+      "HORIZ_INV_VERTI_INV"};
+  for (const char* prefix : {"", "FS\\", "HS\\"}) {
+    for (const char* axis : {"HORIZ_NOR", "HORIZ_INV", "VERTI_NOR", "VERTI_INV"}) {
+      names.insert(std::string(prefix) + axis);
+    }
+  }
+  for (const char* property : {"BRIGHTNESS", "CONTRAST", "HUE", "SATURATION", "SHARPNESS",
+                               "GAMMA", "WHITEBALANCE", "BACKLIGHT"}) {
+    names.insert(std::string("AUTO_") + property + "_ON");
+    names.insert(std::string("AUTO_") + property + "_OFF");
+  }
+  return names;
+}
+
+std::string ModeSection(const ModeKey& key, const char* suffix) {
+  std::string prefix;
+  if (key.tree == "HighSpeed\\") prefix = "HS\\";
+  if (key.tree == "FullSpeed\\") prefix = "FS\\";
+  return prefix + key.format + "\\" + key.size + suffix;
+}
+
+// Every mode section name of the catalogue, with and without speed prefix.
+bool IsModeSectionName(const std::string& name) {
+  for (const char* prefix : {"", "HS\\", "FS\\"}) {
+    for (const char* format : kFormats) {
+      for (const SizeKey& size : kSizeKeys) {
+        for (const char* suffix : kQualitySuffixes) {
+          if (name == std::string(prefix) + format + "\\" + size.name + suffix) return true;
+        }
+      }
+    }
+  }
+  return false;
+}
+
+std::string Upper(std::string text) {
+  for (char& c : text) c = char(std::toupper(static_cast<unsigned char>(c)));
+  return text;
+}
+
+// ---------------------------------------------------------------- what a mode promises
+
+struct Wire {
+  uint32_t width = 0, height = 0;
+  WireFrameLayout layout = WireFrameLayout::Bayer;
+};
+
+constexpr uint32_t CompressionRgb24 = 0xE436EB7D;
+constexpr uint32_t CompressionYuy2 = 0x32595559;
+constexpr uint32_t CompressionI420 = 0x30323449;
+
+uint32_t CompressionOf(const std::string& format) {
+  if (format == "RGB24") return CompressionRgb24;
+  if (format == "YUYV") return CompressionYuy2;
+  return CompressionI420;
+}
+
+// The wire the frame path expects for an output size: the size by ScaleMode,
+// except that the driver's own route makes width 1024 from a fixed 1280 x
+// 960 frame; the layout by WireFormat, or by the output format for 0.
+Wire PromisedWire(const SizeKey& size, const std::string& format, uint32_t controlMethod,
+                  uint32_t rawPipelineKind) {
+  Wire wire{size.width, size.height, WireFrameLayout::Bayer};
+  switch (controlMethod & 0xFF) {
+    case 2: wire = {size.width * 2, size.height * 2, wire.layout}; break;
+    case 3: wire = {size.width / 2, size.height / 2, wire.layout}; break;
+    case 4: wire = {size.width * 4, size.height * 4, wire.layout}; break;
+    case 5: wire = {size.width / 4, size.height / 4, wire.layout}; break;
+    default: break;
+  }
+  if (size.width == 1024 && rawPipelineKind != 1) wire = {1280, 960, wire.layout};
+  const uint32_t wireFormat = (controlMethod >> 8) & 0xFF;
+  const bool yuyv = wireFormat == 2 || (wireFormat == 0 && format == "YUYV");
+  wire.layout = yuyv ? WireFrameLayout::Yuyv : WireFrameLayout::Bayer;
+  return wire;
+}
+
+// Whether the packet routine's length test passes a frame of `bytes` for the
+// mode (the camera's accepted lengths; an empty list means any length).
+bool FrameLengthPasses(const SizeKey& size, const std::string& format, uint32_t controlMethod,
+                       uint32_t rawPipelineKind, uint32_t bytes) {
+  const uint32_t w = size.width, h = size.height, scale = controlMethod & 0xFF;
+  const uint32_t wireFormat = (controlMethod >> 8) & 0xFF;
+  std::vector<uint32_t> accepted;
+  if (rawPipelineKind == 1) {
+    if (w > 800) {
+      accepted = {h * w, (h - 2) * w, 76800, 307200, 614400, 1228800};
+    } else if (w > 640) {
+      return true;
+    } else if (w == 640) {
+      accepted = {38400, 307200, 614400, 1228800, 1310720};
+    } else {
+      accepted = {19200, 38400, 76800, 307200, 614400, 2 * h * w, 8 * h * w};
+    }
+  } else {
+    const uint32_t compression = CompressionOf(format);
+    bool bayer = wireFormat == 1 || (wireFormat == 0 && compression == CompressionRgb24);
+    bool yuyv = wireFormat == 2 || (wireFormat == 0 && compression == CompressionYuy2);
+    if (bayer) {
+      switch (scale) {
+        case 2:
+          accepted = {4 * h * w, (2 * h - 2) * 2 * w};
+          if (w == 352 || w == 176) accepted.insert(accepted.end(), {307200, 305920});
+          if (w == 1024 && compression != CompressionI420) {
+            accepted.insert(accepted.end(), {1228800, 1226240});
+          }
+          break;
+        case 3: accepted = {(w / 2) * h / 2, (h / 2 - 2) * (w / 2)}; break;
+        case 4: accepted = {16 * h * w, (4 * h - 2) * 4 * w}; break;
+        case 5: accepted = {(w / 4) * h / 4, (h / 4 - 2) * (w / 4)}; break;
+        default: accepted = {h * w, (h - 2) * w}; break;
+      }
+    } else if (yuyv) {
+      switch (scale) {
+        case 2:
+          accepted = {8 * h * w};
+          if (w == 352 || w == 176) accepted.push_back(614400);
+          break;
+        case 3: accepted = {((w / 2) * h) & ~1u}; break;
+        case 4: accepted = {32 * h * w}; break;
+        case 5: accepted = {((w / 4) * h / 2) & ~1u}; break;
+        default: accepted = {2 * h * w}; break;
+      }
+    } else {
+      return true;
+    }
+  }
+  return std::find(accepted.begin(), accepted.end(), bytes) != accepted.end();
+}
+
+// The raw frame buffer the driver asks the host for, before rounding to the
+// packet size: wire bytes per two pixels by WireFormat, times the picture
+// scaled by ScaleMode.
+uint32_t RawFrameBufferBytes(const SizeKey& size, const std::string& format,
+                             uint32_t controlMethod) {
+  const uint32_t w = size.width, h = size.height;
+  uint32_t b = 2;
+  switch ((controlMethod >> 8) & 0xFF) {
+    case 0: b = format == "YUYV" ? 4 : format == "I420" ? 3 : 2; break;
+    case 2: b = 4; break;
+    case 3: b = 3; break;
+    default: b = 2; break;
+  }
+  switch (controlMethod & 0xFF) {
+    case 2: return h * b * w * 4 / 2;
+    case 3: return (h * w / 4) * b / 2;
+    case 4: return h * b * w * 16 / 2;
+    case 5: return (h * w / 16) * b / 2;
+    default: return h * b * w / 2;
+  }
+}
+
+// ---------------------------------------------------------------- the test host
+
+// The capture host of these tests: vendor requests go to one emulated camera.
+EmulatedCamera* currentCamera = nullptr;
+
+NTSTATUS ForwardVendorRequest(DeviceContext*, uint8_t request, uint16_t value, uint16_t index,
+                              void* buffer, uint32_t* bufferLength, BOOLEAN getData,
+                              PCOMMAND_COMPLETE_FUNCTION, void*) {
+  return currentCamera->ControlTransfer(request, value, index, buffer, bufferLength,
+                                        getData != FALSE);
+}
+
+HostCalls MakeCameraHostCalls() {
+  HostCalls calls{};
+  calls.DriverEntry = [](void*, void*, uint32_t, uint32_t, PHW_RECEIVE_DEVICE_SRB) {
+    return STATUS_NOT_SUPPORTED;
+  };
+  calls.AdapterReceivePacket = [](PHW_STREAM_REQUEST_BLOCK, const USBCAMD_DEVICE_DATA*,
+                                  PDEVICE_OBJECT*, BOOLEAN) -> DeviceContext* { return nullptr; };
+  calls.InitializeNewInterface = [](DeviceContext*, const USBCAMD_DEVICE_DATA2*, uint32_t,
+                                    uint32_t) { return STATUS_NOT_SUPPORTED; };
+  calls.ControlVendorCommand = &ForwardVendorRequest;
+  calls.SelectAlternateInterface = [](DeviceContext*, USBD_INTERFACE_INFORMATION*) {
+    return STATUS_NOT_SUPPORTED;
+  };
+  calls.DeviceNotification = [](uint32_t, void*, PHW_STREAM_REQUEST_BLOCK) {};
+  calls.StreamNotification = [](uint32_t, HW_STREAM_OBJECT*, PHW_STREAM_REQUEST_BLOCK) {};
+  calls.ParseConfigurationDescriptorEx =
+      [](USB_CONFIGURATION_DESCRIPTOR*, void*, int32_t, int32_t, int32_t, int32_t,
+         int32_t) -> USB_INTERFACE_DESCRIPTOR* { return nullptr; };
+  return calls;
+}
+
+// One model's camera on one bus speed: the emulated camera behind the host,
+// virtual time, drive C on the repository, the device bound to its software
+// key, and the sensor found as the driver finds it.
+class CameraRig {
+ public:
+  CameraRig(const Model& model, bool highSpeed) : model_(model) {
+    EmulatedCameraConfig config;
+    config.sensors = {EmulatedSensorConfig{model.kind}};
+    config.bcdDevice = model.bcdDevice;
+    config.highSpeed = highSpeed;
+    config.lens = model.lens;
+    camera_ = std::make_unique<EmulatedCamera>(config);
+    currentCamera = camera_.get();
+    static const HostCalls calls = MakeCameraHostCalls();
+    previousCalls_ = GetHostCalls();
+    SetHostCalls(&calls);
+    clockMode_ = GetKernelClockMode();
+    SetKernelClockMode(KernelClockMode::Virtual);
+    MapDosDrive('C', kRepository.string());
+    static char pdo;
+    device_->PhysicalDeviceObject = reinterpret_cast<DEVICE_OBJECT*>(&pdo);
+    BindDeviceRegistryKey(device_->PhysicalDeviceObject, DeviceKey(model));
+    ExInitializeFastMutex(&device_->VendorMutex);
+    device_->IsRevision2Chip = model.bcdDevice >= 0x0200 ? 1 : 0;
+  }
+  ~CameraRig() {
+    UnbindDeviceRegistryKey(device_->PhysicalDeviceObject);
+    MapDosDrive('C', "");
+    SetKernelClockMode(clockMode_);
+    SetHostCalls(previousCalls_);
+    currentCamera = nullptr;
+  }
+  CameraRig(const CameraRig&) = delete;
+  CameraRig& operator=(const CameraRig&) = delete;
+
+  DeviceContext* context() { return device_.context; }
+  EmulatedCamera& camera() { return *camera_; }
+
+  // The bus speed from controller register 4 bit 2, and the candidates of
+  // SensorDetect tried in order, four attempts each: InitMR740's controller
+  // registers, the candidate's ReadDelay, its PageSelect writes, then its
+  // identification registers against the bytes read. Returns the name found.
+  std::string DetectSensor() {
+    DeviceContext* c = context();
+    uint8_t status = 0;
+    ReadRegister(c, 0, 4, &status);
+    c->IsFullSpeed = (status & 0x04) ? 1 : 0;
+    const std::u16string detect = KeyBelow(model_, "SensorDetect");
+    const uint32_t count = Dword(detect, "NumOfSensor");
+    for (uint32_t index = 0; index < count; ++index) {
+      char name[24];
+      std::snprintf(name, sizeof name, "Sensor%02x", index);
+      const std::u16string candidate = detect + u"\\" + U16(name);
+      for (int attempt = 0; attempt < 4; ++attempt) {
+        WriteEntries(candidate + u"\\InitMR740", "NumOfReg", 0);
+        const uint8_t bus = uint8_t(Dword(candidate, "I2CAddr"));
+        c->ReadDelay = int32_t(Dword(candidate, "ReadDelay"));
+        WriteEntries(candidate + u"\\PageSelect", "PageSelectLen", bus);
+        bool match = true;
+        const uint32_t ids = Dword(candidate, "IDLength");
+        for (uint32_t id = 0; id < ids && match; ++id) {
+          char entry[12];
+          std::snprintf(entry, sizeof entry, "\\%02x", id);
+          const std::u16string key = candidate + U16(entry);
+          uint8_t value = 0;
+          ReadRegister(c, bus, uint8_t(Dword(key, "Address")), &value);
+          match = value == Dword(key, "Data");
+        }
+        if (!match) continue;
+        const std::string sensor = String(candidate, "SensorName");
+        std::fill(std::begin(c->SensorName), std::end(c->SensorName), u'\0');
+        for (size_t i = 0; i < sensor.size() && i + 1 < SensorNameChars; ++i) {
+          c->SensorName[i] = char16_t(sensor[i]);
+        }
+        c->SensorI2CAddr = bus;
+        c->RegisterAddrLo = Dword(candidate, "RegisterAddrLo", 240);
+        return sensor;
+      }
+    }
+    return "";
+  }
+
+  // Runs a section of the camera's script; the log of its lines is dropped.
+  NTSTATUS Run(const std::string& section) {
+    const NTSTATUS status = ExecuteScriptSection(context(), section.c_str());
+    log_.Clear();
+    return status;
+  }
+
+ private:
+  void WriteEntries(const std::u16string& key, const char* countName, uint8_t bus) {
+    const uint32_t count = Dword(key, countName);
+    for (uint32_t i = 0; i < count; ++i) {
+      char entry[12];
+      std::snprintf(entry, sizeof entry, "\\%02x", i);
+      const std::u16string path = key + U16(entry);
+      const uint8_t data = uint8_t(Dword(path, "Data"));
+      WriteRegister(context(), bus, uint8_t(Dword(path, "Address")), &data);
+    }
+  }
+
+  const Model& model_;
+  std::unique_ptr<EmulatedCamera> camera_;
+  TestDevice device_;
+  DebugPrintCapture log_;
+  const HostCalls* previousCalls_ = nullptr;
+  KernelClockMode clockMode_ = KernelClockMode::Real;
+};
+
+const char* LayoutName(WireFrameLayout layout) {
+  switch (layout) {
+    case WireFrameLayout::Bayer: return "Bayer";
+    case WireFrameLayout::Yuyv: return "YUYV";
+    default: return "4:2:0";
+  }
+}
+
+// ---------------------------------------------------------------- tests
+
+TEST(CameraDescriptions, EveryRegistryFileLoadsWithTheKeysTheDriverReads) {
+  ResetRegistry();
+  const std::vector<fs::path> regFiles = FilesUnderCameras(".reg");
+  ASSERT_EQ(regFiles.size(), Models().size()) << "one description per model under cameras/";
+  for (const fs::path& file : regFiles) {
+    std::string error;
+    EXPECT_TRUE(LoadRegistryFile(file.string(), &error)) << error;
+  }
+  // All four sit side by side in one registry and agree on the service key.
+  EXPECT_EQ(Dword(ServiceKeyPath, "Start"), 3u);
+  EXPECT_EQ(Dword(ServiceKeyPath, "Type"), 1u);
+
+  for (const Model& model : Models()) {
+    SCOPED_TRACE(model.regFile);
+    ASSERT_TRUE(RegistryKeyExists(DeviceKey(model)));
+    for (const DwordValue& expected : model.values) {
+      uint32_t value = 0xDEADBEEF;
+      EXPECT_TRUE(GetRegistryDword(KeyBelow(model, expected.key), U16(expected.name), &value))
+          << expected.key << " " << expected.name;
+      EXPECT_EQ(value, expected.value) << expected.key << " " << expected.name;
+    }
+    const std::string root = SensorRoot(model);
+    EXPECT_EQ(String(KeyBelow(model, "SensorDetect\\Sensor00"), "SensorName"), model.sensor);
+    const std::string script = String(KeyBelow(model, root + "\\InitialSetting"), "Script");
+    EXPECT_EQ(script, model.script);
+    EXPECT_LE(script.size(), ScriptPathMaxChars);
+    EXPECT_FALSE(ResolveOnDriveC(script).empty()) << script << " is not under the repository";
+
+    // The offered modes, each a transport the driver and the emulator have.
+    std::set<std::string> offered;
+    for (const ModeKey& key : ModeKeys(model)) {
+      if (key.enabled == 0) continue;
+      offered.insert(key.tree + key.format + "\\" + key.size);
+      SCOPED_TRACE(key.tree + key.format + "\\" + key.size);
+      EXPECT_NE(FindSizeKey(key.size), nullptr);
+      EXPECT_LE(key.enabled, 40u);
+      EXPECT_GE(key.controlMethod & 0xFF, 1u);
+      EXPECT_LE(key.controlMethod & 0xFF, 5u);
+      const uint32_t wireFormat = (key.controlMethod >> 8) & 0xFF;
+      EXPECT_TRUE(wireFormat == 1 || wireFormat == 2) << "a Bayer or YUYV wire";
+      EXPECT_GE(key.alternateSetting, 1u);
+      EXPECT_LE(key.alternateSetting, 5u);
+      EXPECT_GE(key.frameRate, 166666u);
+    }
+    EXPECT_EQ(offered, model.modes);
+
+    // A property set reloads SensorI2CAddr and RegisterAddrLo from
+    // PropertySetting: they must be the detected sensor's, or the script
+    // lines after it would go elsewhere.
+    const std::u16string properties = KeyBelow(model, root + "\\PropertySetting");
+    const std::u16string candidate = KeyBelow(model, "SensorDetect\\Sensor00");
+    EXPECT_EQ(Dword(properties, "I2CAddr"), Dword(candidate, "I2CAddr"));
+    EXPECT_EQ(Dword(properties, "RegisterAddrLo"), Dword(candidate, "RegisterAddrLo", 240));
+    for (const char* name : kProperties) {
+      SCOPED_TRACE(name);
+      const std::u16string key = properties + u"\\" + U16(name);
+      ASSERT_TRUE(RegistryKeyExists(key));
+      if (Dword(key, "Enabled") == 0) continue;
+      const uint32_t method = Dword(key, "ControlMethod");
+      EXPECT_LE(method, 3u);
+      uint32_t low = Dword(key, "LogiMinimum"), high = Dword(key, "LogiMaximum");
+      if (method == 1) high = (low - Dword(key, "PhysMinimum") + Dword(key, "PhysMaximum")) & 0xFF;
+      EXPECT_LE(low, high);
+      const uint32_t byDefault = Dword(key, "DefaultValue");
+      EXPECT_TRUE(byDefault >= low && byDefault <= high) << "default " << byDefault;
+      if (method == 1 || method == 2) {
+        uint32_t registerAddr = 0;
+        EXPECT_TRUE(GetRegistryDword(key, u"RegisterAddr", &registerAddr));
+      }
+      if (method == 2) {
+        for (uint32_t v = low; v <= high; ++v) {
+          char valueName[12];
+          std::snprintf(valueName, sizeof valueName, "%02x", v);
+          uint32_t physical = 0;
+          EXPECT_TRUE(GetRegistryDword(key + u"\\PhysValue", U16(valueName), &physical))
+              << "PhysValue " << valueName;
+        }
+      }
+      if (std::string(name) == "ColorEnable") {
+        EXPECT_EQ(Dword(key, "AutoEnabled"), 0u) << "no automatic sections exist for it";
+      }
+    }
+    for (const char* page : kPageSettings) {
+      uint32_t value = 0;
+      EXPECT_TRUE(GetRegistryDword(KeyBelow(model, root), U16(page), &value)) << page;
+    }
+  }
+  ResetRegistry();
+}
+
+TEST(CameraDescriptions, EveryScriptPassesTheScriptChecker) {
+  const std::vector<fs::path> scripts = FilesUnderCameras(".txt");
+  ASSERT_GE(scripts.size(), Models().size() + 1) << "four scripts and a plain source";
+  for (const fs::path& script : scripts) {
+    SCOPED_TRACE(script.string());
+    FILE* out = std::tmpfile();
+    FILE* err = std::tmpfile();
+    ASSERT_TRUE(out && err);
+    std::string path = script.string();
+    char tool[] = "mr740cam", command[] = "check-script";
+    char* argv[] = {tool, command, path.data(), nullptr};
+    const int status = RunScriptToolWithOutput(3, argv, out, err);
+    std::string report;
+    for (FILE* file : {out, err}) {
+      std::rewind(file);
+      char buffer[512];
+      while (std::fgets(buffer, sizeof buffer, file)) report += buffer;
+      std::fclose(file);
+    }
+    EXPECT_EQ(status, 0) << report;
+    EXPECT_NE(report.find(" 0 faults"), std::string::npos) << report;
+  }
+}
+
+TEST(CameraDescriptions, ScriptsAreCrLfTextAndTheScrambledOneIsItsPlainSourceScrambled) {
+  for (const fs::path& script : FilesUnderCameras(".txt")) {
+    SCOPED_TRACE(script.string());
+    const std::string text = ScriptText(script);
+    ASSERT_FALSE(text.empty());
+    size_t lineStart = 0;
+    for (size_t i = 0; i < text.size(); ++i) {
+      ASSERT_NE(text[i], '\0');
+      if (text[i] == '\n') {
+        ASSERT_TRUE(i > 0 && text[i - 1] == '\r') << "a bare LF at " << i;
+      }
+      if (text[i] == '\r') {
+        ASSERT_TRUE(i + 1 < text.size() && text[i + 1] == '\n') << "a bare CR at " << i;
+        EXPECT_LE(i - lineStart + 1, ScriptLineBytes) << "line at byte " << lineStart;
+        lineStart = i + 2;
+      }
+    }
+    EXPECT_EQ(lineStart, text.size()) << "the last line ends in CR LF";
+  }
+  const std::vector<fs::path> plains = FilesUnderCameras(".plain.txt");
+  ASSERT_EQ(plains.size(), 1u) << "one script ships scrambled";
+  for (const fs::path& plain : plains) {
+    std::string name = plain.filename().string();
+    name.replace(name.size() - std::string(".plain.txt").size(), std::string::npos, ".txt");
+    const std::string source = ReadBytes(plain);
+    const std::string shipped = ReadBytes(plain.parent_path() / name);
+    ASSERT_EQ(shipped.size(), source.size()) << name;
+    ASSERT_FALSE(shipped.empty());
+    EXPECT_EQ(uint8_t(shipped[0]), ScriptScrambledMark);
+    for (size_t i = 0; i < source.size(); ++i) {
+      const int32_t scrambled = ScrambleScriptByte(uint8_t(source[i]));
+      ASSERT_GE(scrambled, 0) << "byte " << i << " has no scrambled form";
+      ASSERT_EQ(uint8_t(shipped[i]), uint8_t(scrambled)) << name << " byte " << i;
+    }
+  }
+}
+
+TEST(CameraDescriptions, EachScriptHoldsTheSectionsItsRegistryAsksFor) {
+  ResetRegistry();
+  const std::set<std::string> fixed = FixedSectionNames();
+  std::set<std::string> everyScript;
+  for (const Model& model : Models()) {
+    SCOPED_TRACE(model.regFile);
+    std::string error;
+    ASSERT_TRUE(LoadRegistryFile((kCameras / model.regFile).string(), &error)) << error;
+    const fs::path script = ResolveOnDriveC(model.script);
+    ASSERT_FALSE(script.empty());
+    const std::set<std::string> sections = SectionsOf(script);
+    everyScript.insert(sections.begin(), sections.end());
+    for (const std::string& section : sections) {
+      EXPECT_TRUE(fixed.count(section) || IsModeSectionName(section))
+          << "[" << section << "] is no section the driver asks for";
+    }
+
+    std::set<std::string> required = {"INIT",         "HS\\INIT",     "POWER_DOWN",
+                                      "INIT_PREVIEW", "FLICKER_50HZ", "FLICKER_AUTO",
+                                      "FLICKER_60HZ", "NORMAL_LIGHT", "LOW_LIGHT",
+                                      "BACK_LIGHT"};
+    if (Dword(DeviceKey(model), "ForceHighSpeed") == 0) {
+      required.insert({"FS\\NORMAL_LIGHT", "FS\\LOW_LIGHT", "FS\\BACK_LIGHT"});
+    }
+    for (const ModeKey& key : ModeKeys(model)) {
+      if (key.enabled == 0) continue;
+      for (const char* suffix : kQualitySuffixes) required.insert(ModeSection(key, suffix));
+      if (FindSizeKey(key.size)->width > 800) required.insert("INIT_CAPTURE");
+    }
+    const std::u16string properties = KeyBelow(model, SensorRoot(model) + "\\PropertySetting");
+    for (const char* name : kProperties) {
+      const std::u16string key = properties + u"\\" + U16(name);
+      const bool automatic = Dword(key, "Enabled") != 0 && Dword(key, "AutoEnabled") != 0;
+      for (const char* state : {"_ON", "_OFF"}) {
+        const std::string section = "AUTO_" + Upper(name) + state;
+        if (automatic) {
+          required.insert(section);
+        } else {
+          EXPECT_EQ(sections.count(section), 0u) << section << " never runs";
+        }
+      }
+    }
+    for (const std::string& section : required) {
+      EXPECT_EQ(sections.count(section), 1u) << "[" << section << "] missing";
+    }
+    const bool combined = sections.count("HORIZ_NOR_VERTI_NOR") && sections.count("HORIZ_INV_VERTI_NOR") &&
+                          sections.count("HORIZ_NOR_VERTI_INV") && sections.count("HORIZ_INV_VERTI_INV");
+    const bool single = sections.count("HORIZ_NOR") && sections.count("HORIZ_INV") &&
+                        sections.count("VERTI_NOR") && sections.count("VERTI_INV");
+    EXPECT_TRUE(combined || single) << "no way to mirror and flip";
+  }
+  for (const std::string& section : fixed) {
+    EXPECT_EQ(everyScript.count(section), 1u) << "no script has [" << section << "]";
+  }
+  ResetRegistry();
+}
+
+// For every mode key a capture as the driver starts it: the INIT sections,
+// then INIT_PREVIEW or INIT_CAPTURE and the mode section, for each quality
+// option in turn, and at its stop the power-down sections. The sensor must
+// then send the wire the mode's keys promise, the controller's wire registers
+// must say the same, and the packet routine's length test and the raw frame
+// buffer must take the frame. Orientation, flicker, light and automatic
+// sections must run on the camera and leave the wire alone.
+TEST(CameraDescriptions, EachModeMakesTheEmulatedSensorSendTheWireItsKeysPromise) {
+  const std::set<std::string> fixed = FixedSectionNames();
+  for (const Model& model : Models()) {
+    SCOPED_TRACE(model.regFile);
+    ResetRegistry();
+    std::string error;
+    ASSERT_TRUE(LoadRegistryFile((kCameras / model.regFile).string(), &error)) << error;
+    ASSERT_FALSE(ResolveOnDriveC(model.script).empty()) << "a missing script would be created";
+    const std::string root = SensorRoot(model);
+    const uint32_t rawPipelineKind =
+        Dword(KeyBelow(model, root + "\\PropertySetting"), "ISPType") & 0xFF;
+    const std::vector<ModeKey> keys = ModeKeys(model);
+    const bool fullSpeedToo = Dword(DeviceKey(model), "ForceHighSpeed") == 0;
+    const std::set<std::string> sections = SectionsOf(ResolveOnDriveC(model.script));
+
+    for (bool highSpeed : {true, false}) {
+      if (!highSpeed && !fullSpeedToo) continue;
+      SCOPED_TRACE(highSpeed ? "high speed" : "full speed");
+      CameraRig rig(model, highSpeed);
+      ASSERT_EQ(rig.DetectSensor(), model.sensor);
+      ASSERT_EQ(rig.context()->IsFullSpeed, highSpeed ? 0 : 1);
+      const std::string speed = highSpeed ? "HS\\" : "FS\\";
+      bool any = false;
+      for (const ModeKey& key : keys) {
+        if (key.enabled == 0) continue;
+        if (!key.tree.empty() && (key.tree == "HighSpeed\\") != highSpeed) continue;
+        // Without trees of their own, the full-speed modes are the high-speed
+        // ones after another speed's INIT: one of them shows that this INIT
+        // leaves the mode alone.
+        if (!highSpeed && key.tree.empty() && any) break;
+        const SizeKey& size = *FindSizeKey(key.size);
+        const Wire promised = PromisedWire(size, key.format, key.controlMethod, rawPipelineKind);
+        for (const std::string& section : {std::string("INIT"), speed + "INIT"}) {
+          ASSERT_EQ(rig.Run(section), STATUS_SUCCESS) << "[" << section << "]";
+        }
+        for (const char* suffix : kQualitySuffixes) {
+          const std::string mode = ModeSection(key, suffix);
+          SCOPED_TRACE(mode);
+          for (const std::string& section :
+               {std::string(size.width > 800 ? "INIT_CAPTURE" : "INIT_PREVIEW"), mode}) {
+            ASSERT_EQ(rig.Run(section), STATUS_SUCCESS) << "[" << section << "]";
+          }
+          const WireFrameInfo wire = rig.camera().CurrentWireFrame();
+          EXPECT_EQ(wire.width, promised.width);
+          EXPECT_EQ(wire.height, promised.height);
+          EXPECT_STREQ(LayoutName(wire.layout), LayoutName(promised.layout));
+          EXPECT_TRUE(rig.camera().WireRegistersAgree());
+          EXPECT_TRUE(FrameLengthPasses(size, key.format, key.controlMethod, rawPipelineKind,
+                                        uint32_t(wire.frameBytes)))
+              << wire.frameBytes << " bytes fail the length test";
+          EXPECT_GE(RawFrameBufferBytes(size, key.format, key.controlMethod), wire.frameBytes);
+          any = true;
+        }
+        EXPECT_EQ(rig.Run("POWER_DOWN"), STATUS_SUCCESS);
+        EXPECT_EQ(rig.Run(speed + "POWER_DOWN"), STATUS_SUCCESS);
+      }
+      ASSERT_TRUE(any) << "no mode at this speed";
+
+      // The last mode stays set up; the sections of the running capture.
+      const WireFrameInfo before = rig.camera().CurrentWireFrame();
+      for (int state = 0; state < 4; ++state) {
+        const bool mirror = state & 1, flip = state & 2;
+        const std::string horiz = mirror ? "HORIZ_INV" : "HORIZ_NOR";
+        const std::string verti = flip ? "VERTI_INV" : "VERTI_NOR";
+        for (const std::string& section :
+             {horiz + "_" + verti, horiz, speed + horiz, verti, speed + verti}) {
+          ASSERT_EQ(rig.Run(section), STATUS_SUCCESS) << "[" << section << "]";
+        }
+        const WireFrameInfo wire = rig.camera().CurrentWireFrame();
+        EXPECT_EQ(wire.mirror, mirror) << horiz << " " << verti;
+        EXPECT_EQ(wire.flip, flip) << horiz << " " << verti;
+        EXPECT_EQ(wire.width, before.width);
+        EXPECT_EQ(wire.height, before.height);
+      }
+      for (const std::string& section : fixed) {
+        const bool otherSpeed = section.rfind(highSpeed ? "FS\\" : "HS\\", 0) == 0;
+        if (otherSpeed || section.find("INIT") != std::string::npos ||
+            section.find("POWER_DOWN") != std::string::npos || !sections.count(section)) {
+          continue;
+        }
+        EXPECT_EQ(rig.Run(section), STATUS_SUCCESS) << "[" << section << "]";
+      }
+      const WireFrameInfo after = rig.camera().CurrentWireFrame();
+      EXPECT_EQ(after.width, before.width);
+      EXPECT_EQ(after.height, before.height);
+      EXPECT_TRUE(rig.camera().WireRegistersAgree());
+    }
+  }
+  ResetRegistry();
+}
+
+}  // namespace
