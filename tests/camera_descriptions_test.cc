@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -37,13 +36,12 @@ const fs::path kCameras = kRepository / "cameras";
 
 constexpr const char* kFormats[] = {"RGB24", "YUYV", "I420"};
 constexpr const char* kQualitySuffixes[] = {"", "_QUALITY", "_FRAMERATE"};
-constexpr const char* kProperties[] = {"Brightness", "Contrast",    "Hue",
-                                       "Saturation", "Sharpness",   "Gamma",
+constexpr const char* kProperties[] = {"Brightness",  "Contrast",     "Hue",
+                                       "Saturation",  "Sharpness",    "Gamma",
                                        "ColorEnable", "WhiteBalance", "BackLight"};
-constexpr const char* kPageSettings[] = {"AutoFocusEnable", "Flicker_50HZ", "LightCond",
-                                         "QualityOpt",      "Zoom",         "ZoomLast",
-                                         "FaceTracking",    "MirrorPage",   "FlipPage",
-                                         "SPEFCategory",    "SPEFList"};
+constexpr const char* kPageSettings[] = {
+    "AutoFocusEnable", "Flicker_50HZ", "LightCond", "QualityOpt",   "Zoom",    "ZoomLast",
+    "FaceTracking",    "MirrorPage",   "FlipPage",  "SPEFCategory", "SPEFList"};
 
 // The size keys of the format catalogue and the picture each stands for.
 struct SizeKey {
@@ -51,10 +49,10 @@ struct SizeKey {
   uint32_t width, height;
 };
 constexpr SizeKey kSizeKeys[] = {
-    {"160", 160, 120},    {"320", 320, 240},     {"640", 640, 480},     {"800", 800, 600},
-    {"1024", 1024, 768},  {"1280C", 1280, 800},  {"1280B", 1280, 768},  {"1280A", 1280, 960},
-    {"1280", 1280, 1024}, {"1600", 1600, 1200},  {"128", 128, 96},      {"176", 176, 144},
-    {"352", 352, 288},    {"704", 704, 576},     {"1408", 1408, 1152},  {"484", 484, 240},
+    {"160", 160, 120},    {"320", 320, 240},    {"640", 640, 480},    {"800", 800, 600},
+    {"1024", 1024, 768},  {"1280C", 1280, 800}, {"1280B", 1280, 768}, {"1280A", 1280, 960},
+    {"1280", 1280, 1024}, {"1600", 1600, 1200}, {"128", 128, 96},     {"176", 176, 144},
+    {"352", 352, 288},    {"704", 704, 576},    {"1408", 1408, 1152}, {"484", 484, 240},
     {"1440", 1440, 1152}, {"720", 720, 576},
 };
 
@@ -91,8 +89,13 @@ struct Model {
 // needs the two-step read has a ReadDelay.
 const std::vector<Model>& Models() {
   static const std::vector<Model> models = {
-      {"ov7670-webcam/ov7670-webcam.reg", 0, "OV7670", "C:\\Cameras\\ov7670-webcam\\OV7670.txt",
-       EmulatedSensorKind::OV7670, 0x0100, EmulatedLensKind::None,
+      {"ov7670-webcam/ov7670-webcam.reg",
+       0,
+       "OV7670",
+       "C:\\Cameras\\ov7670-webcam\\OV7670.txt",
+       EmulatedSensorKind::OV7670,
+       0x0100,
+       EmulatedLensKind::None,
        {"YUYV\\640", "YUYV\\320", "YUYV\\352", "YUYV\\176", "YUYV\\160", "YUYV\\1280A",
         "RGB24\\640", "RGB24\\320", "RGB24\\352", "RGB24\\176", "RGB24\\160", "I420\\640",
         "I420\\320", "I420\\160"},
@@ -111,8 +114,13 @@ const std::vector<Model>& Models() {
         {"OV7670\\PropertySetting", "I2CAddr", 0x42},
         {"OV7670\\InitialSetting\\YUYV\\640", "ControlMethod", 0x0201},
         {"OV7670\\InitialSetting\\YUYV\\640", "Enabled", 40}}},
-      {"ov2640-camera/ov2640-camera.reg", 1, "OV2640", "C:\\Cameras\\ov2640-camera\\OV2640.txt",
-       EmulatedSensorKind::OV2640, 0x0200, EmulatedLensKind::None,
+      {"ov2640-camera/ov2640-camera.reg",
+       1,
+       "OV2640",
+       "C:\\Cameras\\ov2640-camera\\OV2640.txt",
+       EmulatedSensorKind::OV2640,
+       0x0200,
+       EmulatedLensKind::None,
        {"RGB24\\640", "RGB24\\320", "RGB24\\800", "RGB24\\352", "RGB24\\160", "RGB24\\1024",
         "RGB24\\1280A", "RGB24\\1600", "YUYV\\640", "YUYV\\320", "YUYV\\800", "YUYV\\1024",
         "YUYV\\1600", "I420\\640", "I420\\320", "I420\\160"},
@@ -135,8 +143,13 @@ const std::vector<Model>& Models() {
         {"OV2640\\PropertySetting", "ISPType", 0},
         {"OV2640\\InitialSetting\\RGB24\\1024", "ControlMethod", 0x0102},
         {"OV2640\\InitialSetting\\RGB24\\1600", "ControlMethod", 0x0101}}},
-      {"mi2020-camera/mi2020-camera.reg", 2, "MI2020", "C:\\Cameras\\mi2020-camera\\MI2020.txt",
-       EmulatedSensorKind::MI2020, 0x0100, EmulatedLensKind::HomeSwitch,
+      {"mi2020-camera/mi2020-camera.reg",
+       2,
+       "MI2020",
+       "C:\\Cameras\\mi2020-camera\\MI2020.txt",
+       EmulatedSensorKind::MI2020,
+       0x0100,
+       EmulatedLensKind::HomeSwitch,
        {"HighSpeed\\RGB24\\640", "HighSpeed\\RGB24\\320", "HighSpeed\\RGB24\\800",
         "HighSpeed\\RGB24\\1600", "HighSpeed\\YUYV\\640", "HighSpeed\\YUYV\\320",
         "HighSpeed\\YUYV\\800", "FullSpeed\\RGB24\\320", "FullSpeed\\RGB24\\160",
@@ -153,8 +166,13 @@ const std::vector<Model>& Models() {
         {"MI2020\\PropertySetting", "ISPType", 0x00020000},
         {"MI2020\\PropertySetting", "RegisterAddrLo", 0xF0},
         {"MI2020\\PropertySetting", "InitPos", 40}}},
-      {"mi2021-camera/mi2021-camera.reg", 3, "MI2021", "C:\\Cameras\\mi2021-camera\\MI2021.txt",
-       EmulatedSensorKind::MI2021, 0x0200, EmulatedLensKind::NoHomeSwitch,
+      {"mi2021-camera/mi2021-camera.reg",
+       3,
+       "MI2021",
+       "C:\\Cameras\\mi2021-camera\\MI2021.txt",
+       EmulatedSensorKind::MI2021,
+       0x0200,
+       EmulatedLensKind::NoHomeSwitch,
        {"RGB24\\640", "RGB24\\320", "RGB24\\800", "RGB24\\1280A", "RGB24\\1600", "YUYV\\640",
         "YUYV\\320", "YUYV\\160", "YUYV\\800", "YUYV\\1600", "I420\\640", "I420\\320"},
        {{"", "ForceHighSpeed", 1},
@@ -300,8 +318,8 @@ std::set<std::string> SectionsOf(const fs::path& path) {
     const size_t first = line.find_first_not_of(" \t");
     if (first != std::string::npos && line[first] == '[') {
       const size_t stop = line.find_first_of(" \t", first);
-      const std::string word = line.substr(first, stop == std::string::npos ? std::string::npos
-                                                                             : stop - first);
+      const std::string word =
+          line.substr(first, stop == std::string::npos ? std::string::npos : stop - first);
       std::string name = word.substr(1, word.size() - 2);
       for (char& c : name) c = char(std::toupper(static_cast<unsigned char>(c)));
       sections.insert(name);
@@ -313,19 +331,34 @@ std::set<std::string> SectionsOf(const fs::path& path) {
 
 // The sections the driver asks for by fixed name.
 std::set<std::string> FixedSectionNames() {
-  std::set<std::string> names = {
-      "INIT", "FS\\INIT", "HS\\INIT", "POWER_DOWN", "FS\\POWER_DOWN", "HS\\POWER_DOWN",
-      "INIT_PREVIEW", "INIT_CAPTURE", "FLICKER_50HZ", "FLICKER_AUTO", "FLICKER_60HZ",
-      "NORMAL_LIGHT", "LOW_LIGHT", "BACK_LIGHT", "FS\\NORMAL_LIGHT", "FS\\LOW_LIGHT",
-      "FS\\BACK_LIGHT", "HORIZ_NOR_VERTI_NOR", "HORIZ_INV_VERTI_NOR", "HORIZ_NOR_VERTI_INV",
-      "HORIZ_INV_VERTI_INV"};
+  std::set<std::string> names = {"INIT",
+                                 "FS\\INIT",
+                                 "HS\\INIT",
+                                 "POWER_DOWN",
+                                 "FS\\POWER_DOWN",
+                                 "HS\\POWER_DOWN",
+                                 "INIT_PREVIEW",
+                                 "INIT_CAPTURE",
+                                 "FLICKER_50HZ",
+                                 "FLICKER_AUTO",
+                                 "FLICKER_60HZ",
+                                 "NORMAL_LIGHT",
+                                 "LOW_LIGHT",
+                                 "BACK_LIGHT",
+                                 "FS\\NORMAL_LIGHT",
+                                 "FS\\LOW_LIGHT",
+                                 "FS\\BACK_LIGHT",
+                                 "HORIZ_NOR_VERTI_NOR",
+                                 "HORIZ_INV_VERTI_NOR",
+                                 "HORIZ_NOR_VERTI_INV",
+                                 "HORIZ_INV_VERTI_INV"};
   for (const char* prefix : {"", "FS\\", "HS\\"}) {
     for (const char* axis : {"HORIZ_NOR", "HORIZ_INV", "VERTI_NOR", "VERTI_INV"}) {
       names.insert(std::string(prefix) + axis);
     }
   }
-  for (const char* property : {"BRIGHTNESS", "CONTRAST", "HUE", "SATURATION", "SHARPNESS",
-                               "GAMMA", "WHITEBALANCE", "BACKLIGHT"}) {
+  for (const char* property : {"BRIGHTNESS", "CONTRAST", "HUE", "SATURATION", "SHARPNESS", "GAMMA",
+                               "WHITEBALANCE", "BACKLIGHT"}) {
     names.insert(std::string("AUTO_") + property + "_ON");
     names.insert(std::string("AUTO_") + property + "_OFF");
   }
@@ -382,11 +415,20 @@ Wire PromisedWire(const SizeKey& size, const std::string& format, uint32_t contr
                   uint32_t rawPipelineKind) {
   Wire wire{size.width, size.height, WireFrameLayout::Bayer};
   switch (controlMethod & 0xFF) {
-    case 2: wire = {size.width * 2, size.height * 2, wire.layout}; break;
-    case 3: wire = {size.width / 2, size.height / 2, wire.layout}; break;
-    case 4: wire = {size.width * 4, size.height * 4, wire.layout}; break;
-    case 5: wire = {size.width / 4, size.height / 4, wire.layout}; break;
-    default: break;
+    case 2:
+      wire = {size.width * 2, size.height * 2, wire.layout};
+      break;
+    case 3:
+      wire = {size.width / 2, size.height / 2, wire.layout};
+      break;
+    case 4:
+      wire = {size.width * 4, size.height * 4, wire.layout};
+      break;
+    case 5:
+      wire = {size.width / 4, size.height / 4, wire.layout};
+      break;
+    default:
+      break;
   }
   if (size.width == 1024 && rawPipelineKind != 1) wire = {1280, 960, wire.layout};
   const uint32_t wireFormat = (controlMethod >> 8) & 0xFF;
@@ -425,10 +467,18 @@ bool FrameLengthPasses(const SizeKey& size, const std::string& format, uint32_t 
             accepted.insert(accepted.end(), {1228800, 1226240});
           }
           break;
-        case 3: accepted = {(w / 2) * h / 2, (h / 2 - 2) * (w / 2)}; break;
-        case 4: accepted = {16 * h * w, (4 * h - 2) * 4 * w}; break;
-        case 5: accepted = {(w / 4) * h / 4, (h / 4 - 2) * (w / 4)}; break;
-        default: accepted = {h * w, (h - 2) * w}; break;
+        case 3:
+          accepted = {(w / 2) * h / 2, (h / 2 - 2) * (w / 2)};
+          break;
+        case 4:
+          accepted = {16 * h * w, (4 * h - 2) * 4 * w};
+          break;
+        case 5:
+          accepted = {(w / 4) * h / 4, (h / 4 - 2) * (w / 4)};
+          break;
+        default:
+          accepted = {h * w, (h - 2) * w};
+          break;
       }
     } else if (yuyv) {
       switch (scale) {
@@ -436,10 +486,18 @@ bool FrameLengthPasses(const SizeKey& size, const std::string& format, uint32_t 
           accepted = {8 * h * w};
           if (w == 352 || w == 176) accepted.push_back(614400);
           break;
-        case 3: accepted = {((w / 2) * h) & ~1u}; break;
-        case 4: accepted = {32 * h * w}; break;
-        case 5: accepted = {((w / 4) * h / 2) & ~1u}; break;
-        default: accepted = {2 * h * w}; break;
+        case 3:
+          accepted = {((w / 2) * h) & ~1u};
+          break;
+        case 4:
+          accepted = {32 * h * w};
+          break;
+        case 5:
+          accepted = {((w / 4) * h / 2) & ~1u};
+          break;
+        default:
+          accepted = {2 * h * w};
+          break;
       }
     } else {
       return true;
@@ -456,17 +514,30 @@ uint32_t RawFrameBufferBytes(const SizeKey& size, const std::string& format,
   const uint32_t w = size.width, h = size.height;
   uint32_t b = 2;
   switch ((controlMethod >> 8) & 0xFF) {
-    case 0: b = format == "YUYV" ? 4 : format == "I420" ? 3 : 2; break;
-    case 2: b = 4; break;
-    case 3: b = 3; break;
-    default: b = 2; break;
+    case 0:
+      b = format == "YUYV" ? 4 : format == "I420" ? 3 : 2;
+      break;
+    case 2:
+      b = 4;
+      break;
+    case 3:
+      b = 3;
+      break;
+    default:
+      b = 2;
+      break;
   }
   switch (controlMethod & 0xFF) {
-    case 2: return h * b * w * 4 / 2;
-    case 3: return (h * w / 4) * b / 2;
-    case 4: return h * b * w * 16 / 2;
-    case 5: return (h * w / 16) * b / 2;
-    default: return h * b * w / 2;
+    case 2:
+      return h * b * w * 4 / 2;
+    case 3:
+      return (h * w / 4) * b / 2;
+    case 4:
+      return h * b * w * 16 / 2;
+    case 5:
+      return (h * w / 16) * b / 2;
+    default:
+      return h * b * w / 2;
   }
 }
 
@@ -614,9 +685,12 @@ class CameraRig {
 
 const char* LayoutName(WireFrameLayout layout) {
   switch (layout) {
-    case WireFrameLayout::Bayer: return "Bayer";
-    case WireFrameLayout::Yuyv: return "YUYV";
-    default: return "4:2:0";
+    case WireFrameLayout::Bayer:
+      return "Bayer";
+    case WireFrameLayout::Yuyv:
+      return "YUYV";
+    default:
+      return "4:2:0";
   }
 }
 
@@ -790,10 +864,9 @@ TEST(CameraDescriptions, EachScriptHoldsTheSectionsItsRegistryAsksFor) {
           << "[" << section << "] is no section the driver asks for";
     }
 
-    std::set<std::string> required = {"INIT",         "HS\\INIT",     "POWER_DOWN",
-                                      "INIT_PREVIEW", "FLICKER_50HZ", "FLICKER_AUTO",
-                                      "FLICKER_60HZ", "NORMAL_LIGHT", "LOW_LIGHT",
-                                      "BACK_LIGHT"};
+    std::set<std::string> required = {
+        "INIT",         "HS\\INIT",     "POWER_DOWN",   "INIT_PREVIEW", "FLICKER_50HZ",
+        "FLICKER_AUTO", "FLICKER_60HZ", "NORMAL_LIGHT", "LOW_LIGHT",    "BACK_LIGHT"};
     if (Dword(DeviceKey(model), "ForceHighSpeed") == 0) {
       required.insert({"FS\\NORMAL_LIGHT", "FS\\LOW_LIGHT", "FS\\BACK_LIGHT"});
     }
@@ -818,8 +891,9 @@ TEST(CameraDescriptions, EachScriptHoldsTheSectionsItsRegistryAsksFor) {
     for (const std::string& section : required) {
       EXPECT_EQ(sections.count(section), 1u) << "[" << section << "] missing";
     }
-    const bool combined = sections.count("HORIZ_NOR_VERTI_NOR") && sections.count("HORIZ_INV_VERTI_NOR") &&
-                          sections.count("HORIZ_NOR_VERTI_INV") && sections.count("HORIZ_INV_VERTI_INV");
+    const bool combined =
+        sections.count("HORIZ_NOR_VERTI_NOR") && sections.count("HORIZ_INV_VERTI_NOR") &&
+        sections.count("HORIZ_NOR_VERTI_INV") && sections.count("HORIZ_INV_VERTI_INV");
     const bool single = sections.count("HORIZ_NOR") && sections.count("HORIZ_INV") &&
                         sections.count("VERTI_NOR") && sections.count("VERTI_INV");
     EXPECT_TRUE(combined || single) << "no way to mirror and flip";
