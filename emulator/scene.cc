@@ -22,6 +22,8 @@ struct Rgb {
   uint8_t r, g, b;
 };
 
+constexpr uint32_t kMaxArraySide = 16384;
+
 // 72 [1 2 1] / 4 passes: a variance of 36 square pixels.
 constexpr int64_t kMaxBlurPasses16 = 72 * 16;
 
@@ -48,10 +50,11 @@ int64_t Bounce(uint64_t frame, int64_t step, int64_t travel, int64_t phase) {
   return int64_t(p <= uint64_t(travel) ? p : period - p);
 }
 
-// Whether (dx, dy) lies inside the ellipse of half axes a and b (all in
-// 1/16 pixel; a and b up to some 30,000, so the products fit 64 bits).
+// Whether (dx, dy) lies inside the ellipse of half axes a and b, all in
+// 1/16 pixel. Past the bounding box no product is needed; inside it each
+// term is at most a^2 b^2, which fits 64 bits for arrays up to 16384 high.
 bool InEllipse(int64_t dx, int64_t dy, int64_t a, int64_t b) {
-  if (a <= 0 || b <= 0) return false;
+  if (a <= 0 || b <= 0 || dx < -a || dx > a || dy < -b || dy > b) return false;
   return dx * dx * b * b + dy * dy * a * a <= a * a * b * b;
 }
 
@@ -121,16 +124,18 @@ Rgb MovingObjectAt(const SceneFrame& s, const MovingObjectPlace& p, int64_t u, i
 }
 
 // Face: a skin oval (2 : 3) with hair, eyes and mouth, over a wall and
-// shoulders. Colours, with their BT.601 chroma (Cb, Cr):
-//   skin      210 164 140   (111, 150)  skin for the driver
+// shoulders. Colours, with their wire chroma (Cb, Cr); the driver's skin
+// colours all have Cb below 128 and Cr of 128 or more, within 8 to 16 of
+// (108, 152), (102, 162), (116, 144) or (120, 136):
+//   skin      210 164 140   (111, 150)  skin for the first three
 //   hair       40  36  48   (133, 129)  Cb above 128: never skin
 //   eyes       40  36  48
-//   mouth     170  60  70   (112, 177)  too red for any of the skin colours
-//   wall      100 120 150 .. 70 90 120  (Cb 142 .. 144)
-//   shirt      30  50 110   (Cb 159)
+//   mouth     190  40  60   (114, 192)  too red for any of them
+//   wall      100 120 150 .. 70 90 120  (144, 117)
+//   shirt      30  50 110   (157, 115)
 constexpr Rgb kSkin = {210, 164, 140};
 constexpr Rgb kHair = {40, 36, 48};
-constexpr Rgb kMouth = {170, 60, 70};
+constexpr Rgb kMouth = {190, 40, 60};
 constexpr Rgb kWallTop = {100, 120, 150};
 constexpr Rgb kWallBottom = {70, 90, 120};
 constexpr Rgb kShirt = {30, 50, 110};
@@ -142,7 +147,7 @@ struct FacePlace {
 FacePlace PlaceFace(const SceneFrame& s) {
   FacePlace f;
   f.a = std::max<int64_t>(s.h16 * 3 / 20, 16);  // half width 0.15 of the height
-  f.b = f.a * 3 / 2;                             // half height 0.225
+  f.b = f.a * 3 / 2;                            // half height 0.225
   const int64_t margin = f.a * 7 / 5;
   const int64_t step = s.Step16();
   // Sways over the width, starting in the middle; bobs over a tenth of the
@@ -177,11 +182,11 @@ Rgb FaceAt(const SceneFrame& s, const FacePlace& f, int64_t u, int64_t v) {
 // A point of the lower half turns by 180 degrees into the upper one; that
 // moves it by 24 sectors and keeps the colour, since 24 is even.
 constexpr int32_t kStarEdges[24][2] = {
-    {16384, 0},      {16244, 2139},   {15826, 4240},   {15137, 6270},   {14189, 8192},
-    {12998, 9974},   {11585, 11585},  {9974, 12998},   {8192, 14189},   {6270, 15137},
-    {4240, 15826},   {2139, 16244},   {0, 16384},      {-2139, 16244},  {-4240, 15826},
-    {-6270, 15137},  {-8192, 14189},  {-9974, 12998},  {-11585, 11585}, {-12998, 9974},
-    {-14189, 8192},  {-15137, 6270},  {-15826, 4240},  {-16244, 2139}};
+    {16384, 0},     {16244, 2139},  {15826, 4240},  {15137, 6270},   {14189, 8192},
+    {12998, 9974},  {11585, 11585}, {9974, 12998},  {8192, 14189},   {6270, 15137},
+    {4240, 15826},  {2139, 16244},  {0, 16384},     {-2139, 16244},  {-4240, 15826},
+    {-6270, 15137}, {-8192, 14189}, {-9974, 12998}, {-11585, 11585}, {-12998, 9974},
+    {-14189, 8192}, {-15137, 6270}, {-15826, 4240}, {-16244, 2139}};
 
 constexpr Rgb kStarGrey = {128, 128, 128};
 constexpr Rgb kStarBlack = {0, 0, 0};
@@ -211,8 +216,10 @@ Rgb FocusTargetAt(const SceneFrame& s, int64_t u, int64_t v) {
 
 void DrawSynthetic(const FrameRequest& r, const SceneConfig& config, uint8_t* rgb) {
   SceneFrame s;
-  s.w16 = 16 * int64_t(std::max<uint32_t>(r.arrayWidth, 1));
-  s.h16 = 16 * int64_t(std::max<uint32_t>(r.arrayHeight, 1));
+  // Scenes are laid out for arrays of up to 16384 x 16384 (a larger one
+  // shows the top-left part of that).
+  s.w16 = 16 * int64_t(std::clamp<uint32_t>(r.arrayWidth, 1, kMaxArraySide));
+  s.h16 = 16 * int64_t(std::clamp<uint32_t>(r.arrayHeight, 1, kMaxArraySide));
   s.frame = r.frameIndex;
   s.speed = config.speed;
   const MovingObjectPlace object = PlaceMovingObject(s);
@@ -253,7 +260,8 @@ void DrawSynthetic(const FrameRequest& r, const SceneConfig& config, uint8_t* rg
 
 // `image` stretched to width x height: each output pixel is the rounded mean
 // of the image pixels its area covers, at least one.
-void ScaleImage(const SceneImage& image, uint32_t width, uint32_t height, std::vector<uint8_t>* out) {
+void ScaleImage(const SceneImage& image, uint32_t width, uint32_t height,
+                std::vector<uint8_t>* out) {
   out->assign(3 * size_t(width) * height, 0);
   if (image.width == 0 || image.height == 0) return;
   std::vector<uint32_t> x0(width), x1(width);
@@ -263,7 +271,8 @@ void ScaleImage(const SceneImage& image, uint32_t width, uint32_t height, std::v
   }
   for (uint32_t y = 0; y < height; ++y) {
     const uint32_t y0 = uint32_t(uint64_t(y) * image.height / height);
-    const uint32_t y1 = std::max<uint32_t>(uint32_t(uint64_t(y + 1) * image.height / height), y0 + 1);
+    const uint32_t y1 =
+        std::max<uint32_t>(uint32_t(uint64_t(y + 1) * image.height / height), y0 + 1);
     uint8_t* line = out->data() + 3 * size_t(y) * width;
     for (uint32_t x = 0; x < width; ++x) {
       uint64_t sum[3] = {0, 0, 0};
@@ -330,7 +339,8 @@ std::vector<uint32_t> LensBlurKernel(int64_t passes16) {
 // takes one product, and the columns are done a whole line at a time; this
 // keeps a blurred VGA frame within a few times the cost of drawing it even
 // in a debug build with sanitizers.
-void BlurPicture(uint8_t* rgb, uint32_t width, uint32_t height, const std::vector<uint32_t>& kernel) {
+void BlurPicture(uint8_t* rgb, uint32_t width, uint32_t height,
+                 const std::vector<uint32_t>& kernel) {
   const size_t reach = kernel.size() / 2;
   const uint32_t* half = kernel.data() + reach;  // half[0] the middle, half[t] at distance t
   if (width == 0 || height == 0) return;
@@ -494,8 +504,9 @@ void SceneSource::RenderUnchecked(const FrameRequest& r, std::vector<uint8_t>* w
     // measure sees; more blur would only cost time.
     key.blurPasses16 = std::min<int64_t>(distance * config_.blurPerStep16, kMaxBlurPasses16);
   }
-  const bool moving = (config_.kind == SceneKind::MovingObject || config_.kind == SceneKind::Face) &&
-                      config_.speed > 0;
+  const bool moving =
+      (config_.kind == SceneKind::MovingObject || config_.kind == SceneKind::Face) &&
+      config_.speed > 0;
   key.frame = moving ? r.frameIndex : 0;
 
   std::vector<uint8_t> rgb;

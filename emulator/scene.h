@@ -35,8 +35,9 @@
 //                B 140 gives Y 166, Cb 111, Cr 150: Cb below 128, Cr above,
 //                and within the tolerance of the driver's first three skin
 //                colours (Cb 108 / Cr 152 +-16, 102 / 162 +-12,
-//                116 / 144 +-12). Nothing else in the scene has Cb below 128
-//                with Cr at or above 128, so the oval is the only skin blob.
+//                116 / 144 +-12). No other colour of the scene comes within
+//                the tolerance of any of the four, so the oval is the only
+//                skin blob.
 //                Its shape holds a 2 : 3 window more than two thirds skin
 //                that covers over 300 cells of the driver's 160 x 120 grid.
 //   FocusTarget  a Siemens star of 48 black and white sectors (R = G = B =
@@ -63,8 +64,8 @@
 // encoding; each is what one of the driver's repairs undoes:
 //   - "MI2020" with a Bayer wire 800 or 1600 wide: the last four columns and
 //     the last two lines carry no picture (bytes 0). The driver rebuilds the
-//     last eight columns from the four before them and the last lines from
-//     the lines above.
+//     last eight columns of each line from the first four of them, and the
+//     last two lines from the four above.
 //   - "OV2640" with a Bayer wire 1280 wide: the last three columns carry no
 //     picture (bytes 0); the driver copies columns 1274 and 1275 over them.
 //   - "OV7670" with a YUYV wire: the first line carries no picture (bytes 0,
@@ -73,13 +74,16 @@
 //
 // Dead pixels are stuck samples at wire positions (x, y), whatever mirror or
 // flip: the Bayer byte, or the luma byte of a YUYV or 4:2:0 frame, always
-// holds the stuck value, in the dark too. The driver takes a sample for dead
-// when it differs by at least its threshold from the samples of its own
-// colour two columns left and right and two lines up and down, and it never
-// looks at the outer two lines and two columns of the frame; so place them at
-// least 2 (Bayer) or 2 pixels (YUYV) inside the edges, at least 4 columns
-// apart in a line, with a stuck value far from the scene around them (255 on
-// a dark part, 0 on a bright one).
+// holds the stuck value, in the dark too; a position outside the frame is
+// ignored. The driver takes a sample for dead when it differs by at least
+// its threshold from the samples of its own colour two columns left and
+// right and two lines up and down (in a YUYV frame the luma two pixels
+// either side), and it looks only at columns 2 to width - 3 (an even column
+// at most width - 4) and lines 2 to height - 3. So put each one there,
+// with no other dead pixel of the same stuck value two columns or two lines
+// away (they would hide each other), and stuck far from the scene around it:
+// 255 on a dark part, 0 on a bright one. The focus target's grey corners and
+// the colour bars' black bar suit both.
 //
 // Darkness divides the scene's light by `darkDivisor`, or takes all of it
 // away with `lightsOff` (the picture is then at the brightness offset: Bayer
@@ -206,7 +210,8 @@ class SceneSource : public FrameSource {
 };
 
 // The same as SceneSource::Make, as the camera's frame source type.
-std::shared_ptr<FrameSource> MakeSceneSource(const SceneConfig& config, std::string* error) noexcept;
+std::shared_ptr<FrameSource> MakeSceneSource(const SceneConfig& config,
+                                             std::string* error) noexcept;
 
 // Reads the text form above into `config`, starting from the defaults. False
 // with a message naming the item when the text is not understood; `config`

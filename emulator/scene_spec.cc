@@ -65,7 +65,8 @@ constexpr SceneWord kSceneWords[] = {{"bars", SceneKind::ColourBars},
 bool ParseItem(std::string_view item, SceneConfig* c, bool* sceneSeen, std::string* why) {
   const size_t eq = item.find('=');
   const std::string_view key = item.substr(0, eq);
-  const std::string_view value = eq == std::string_view::npos ? std::string_view() : item.substr(eq + 1);
+  const std::string_view value =
+      eq == std::string_view::npos ? std::string_view() : item.substr(eq + 1);
   const bool hasValue = eq != std::string_view::npos;
 
   for (const SceneWord& w : kSceneWords) {

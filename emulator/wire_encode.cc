@@ -83,7 +83,8 @@ void EncodeWireFrame(const uint8_t* rgb, uint32_t width, uint32_t height, WireFr
           const size_t x0 = 2 * bx, x1 = std::min(2 * bx + 1, w - 1);
           int mean[3];
           for (int k = 0; k < 3; ++k) {
-            mean[k] = (pixel(x0, y0)[k] + pixel(x1, y0)[k] + pixel(x0, y1)[k] + pixel(x1, y1)[k]) >> 2;
+            mean[k] =
+                (pixel(x0, y0)[k] + pixel(x1, y0)[k] + pixel(x0, y1)[k] + pixel(x1, y1)[k]) >> 2;
           }
           cb[by * cw + bx] = WireCb(mean[0], mean[1], mean[2]);
           cr[by * cw + bx] = WireCr(mean[0], mean[1], mean[2]);

@@ -1,0 +1,780 @@
+// The emulated camera's scenes: bytes of each wire layout, mirror and flip,
+// dead pixels, darkness and light, the face against the driver's skin test,
+// the focus target against the driver's sharpness measure, the sensor
+// defects against the driver's repairs, picture files and the text form.
+// Expected values come from published BT.601 values, a floating-point
+// BT.601 reference, and the driver's rules written out here on their own.
+
+#include <gtest/gtest.h>
+#include <png.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "emulator/emulated_camera.h"
+#include "emulator/scene.h"
+
+namespace {
+
+FrameRequest Request(uint32_t w, uint32_t h, WireFrameLayout layout, uint32_t aw = 640,
+                     uint32_t ah = 480) {
+  FrameRequest r;
+  r.width = w;
+  r.height = h;
+  r.layout = layout;
+  r.arrayWidth = r.fieldWidth = aw;
+  r.arrayHeight = r.fieldHeight = ah;
+  return r;
+}
+
+std::shared_ptr<SceneSource> Scene(const std::string& spec) {
+  SceneConfig config;
+  std::string error;
+  if (!ParseSceneSpec(spec, &config, &error)) {
+    ADD_FAILURE() << spec << ": " << error;
+    return nullptr;
+  }
+  auto source = SceneSource::Make(config, &error);
+  if (!source) ADD_FAILURE() << spec << ": " << error;
+  return source;
+}
+
+std::vector<uint8_t> Render(const std::shared_ptr<SceneSource>& source, const FrameRequest& r) {
+  std::vector<uint8_t> frame;
+  if (source) source->Render(r, &frame);
+  return frame;
+}
+
+// A temporary folder for picture files, removed at the end.
+class TempFolder {
+ public:
+  TempFolder() {
+    std::string pattern = ::testing::TempDir() + "mr740-scene-XXXXXX";
+    if (mkdtemp(pattern.data()) != nullptr) path_ = pattern;
+  }
+  ~TempFolder() {
+    std::error_code ignored;
+    if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
+  }
+  std::string File(const std::string& name, const std::string& bytes) const {
+    const std::string path = path_ + "/" + name;
+    if (FILE* f = std::fopen(path.c_str(), "wb")) {
+      std::fwrite(bytes.data(), 1, bytes.size(), f);
+      std::fclose(f);
+    }
+    return path;
+  }
+  std::string Png(const std::string& name, uint32_t w, uint32_t h, uint32_t format,
+                  const std::vector<uint8_t>& pixels) const {
+    const std::string path = path_ + "/" + name;
+    png_image image;
+    std::memset(&image, 0, sizeof image);
+    image.version = PNG_IMAGE_VERSION;
+    image.width = w;
+    image.height = h;
+    image.format = format;
+    EXPECT_NE(png_image_write_to_file(&image, path.c_str(), 0, pixels.data(), 0, nullptr), 0);
+    return path;
+  }
+
+ private:
+  std::string path_;
+};
+
+std::string Ppm(uint32_t w, uint32_t h, uint32_t maxval, const std::vector<uint8_t>& samples) {
+  std::string s = "P6\n# made by the scene test\n" + std::to_string(w) + " " + std::to_string(h) +
+                  "\n" + std::to_string(maxval) + "\n";
+  s.append(samples.begin(), samples.end());
+  return s;
+}
+
+// BT.601 studio range in floating point, the reference for the wire bytes.
+struct Ycc {
+  double y, cb, cr;
+};
+Ycc Bt601(double r, double g, double b) {
+  return {16 + (65.481 * r + 128.553 * g + 24.966 * b) / 255,
+          128 + (-37.797 * r - 74.203 * g + 112.0 * b) / 255,
+          128 + (112.0 * r - 93.786 * g - 18.214 * b) / 255};
+}
+
+// ---------------------------------------------------------------- wire layouts
+
+TEST(EmulatedScene, WireLayoutsPutKnownColoursInTheirPlaces) {
+  // A 4 x 4 picture of four 2 x 2 blocks: red, green / blue, white. Their
+  // BT.601 studio values, from the floating-point reference: red 81.5 90.2
+  // 240, green 144.6 53.8 34.2, blue 41.0 240 109.8, white 235 128 128; each
+  // byte within one level of them (the wire's integer formula rounds red's
+  // and green's luma up).
+  const uint8_t colours[4][3] = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {255, 255, 255}};
+  std::vector<uint8_t> samples;
+  for (int y = 0; y < 4; ++y) {
+    for (int x = 0; x < 4; ++x) {
+      const uint8_t* c = colours[(y / 2) * 2 + x / 2];
+      samples.insert(samples.end(), c, c + 3);
+    }
+  }
+  TempFolder folder;
+  auto source = Scene("image=" + folder.File("blocks.ppm", Ppm(4, 4, 255, samples)));
+  ASSERT_TRUE(source);
+  auto ycc = [&](int block, int component) {
+    const uint8_t* c = colours[block];
+    const Ycc v = Bt601(c[0], c[1], c[2]);
+    return component == 0 ? v.y : component == 1 ? v.cb : v.cr;
+  };
+  auto block = [](int x, int y) { return (y / 2) * 2 + x / 2; };
+
+  std::vector<double> bayer, yuyv, yuv420;
+  for (int y = 0; y < 4; ++y) {
+    for (int x = 0; x < 4; ++x) {
+      // Blue at even line and column, red at odd and odd, green elsewhere.
+      const int channel = (y % 2 == 0) ? (x % 2 == 0 ? 2 : 1) : (x % 2 == 0 ? 1 : 0);
+      bayer.push_back(colours[block(x, y)][channel]);
+      yuyv.push_back(ycc(block(x, y), 0));
+      yuyv.push_back(ycc(block(x, y), x % 2 == 0 ? 1 : 2));
+      yuv420.push_back(ycc(block(x, y), 0));
+    }
+  }
+  for (int plane = 1; plane <= 2; ++plane) {
+    for (int b = 0; b < 4; ++b) yuv420.push_back(ycc(b, plane));
+  }
+  struct Case {
+    WireFrameLayout layout;
+    std::vector<double> expected;
+  };
+  const Case cases[] = {{WireFrameLayout::Bayer, bayer},
+                        {WireFrameLayout::Yuyv, yuyv},
+                        {WireFrameLayout::Yuv420, yuv420}};
+  for (const Case& c : cases) {
+    const std::vector<uint8_t> f = Render(source, Request(4, 4, c.layout, 1600, 1200));
+    ASSERT_EQ(f.size(), c.expected.size()) << "layout " << int(c.layout);
+    for (size_t i = 0; i < f.size(); ++i) {
+      EXPECT_NEAR(f[i], c.expected[i], 1.0) << "layout " << int(c.layout) << " byte " << i;
+    }
+  }
+}
+
+// ---------------------------------------------------------------- geometry
+
+TEST(EmulatedScene, MirrorAndFlipReverseThePicture) {
+  // Luma of a 4:2:0 frame: each pixel's own, so a reversed read shows as
+  // reversed bytes exactly.
+  TempFolder folder;
+  std::vector<uint8_t> noise(5 * 3 * 3);
+  for (size_t i = 0; i < noise.size(); ++i) noise[i] = uint8_t(i * 37 % 251);
+  const std::string picture = "image=" + folder.File("odd.ppm", Ppm(5, 3, 255, noise));
+  struct Case {
+    std::string spec;
+    bool mirror, flip;
+  };
+  const Case cases[] = {{"bars", true, false},  {"bars", false, true},   {"bars", true, true},
+                        {"face", true, false},  {"object", false, true}, {picture, true, false},
+                        {picture, false, true}, {picture, true, true}};
+  const uint32_t w = 40, h = 30;
+  for (const Case& c : cases) {
+    auto source = Scene(c.spec);
+    ASSERT_TRUE(source);
+    FrameRequest r = Request(w, h, WireFrameLayout::Yuv420);
+    r.frameIndex = 25;  // the face off the middle
+    const std::vector<uint8_t> plain = Render(source, r);
+    r.mirror = c.mirror;
+    r.flip = c.flip;
+    const std::vector<uint8_t> turned = Render(source, r);
+    ASSERT_EQ(turned.size(), plain.size());
+    EXPECT_NE(turned, plain) << c.spec;
+    int wrong = 0;
+    for (uint32_t y = 0; y < h; ++y) {
+      for (uint32_t x = 0; x < w; ++x) {
+        const uint32_t sx = c.mirror ? w - 1 - x : x, sy = c.flip ? h - 1 - y : y;
+        wrong += turned[y * w + x] != plain[sy * w + sx];
+      }
+    }
+    EXPECT_EQ(wrong, 0) << c.spec << " mirror " << c.mirror << " flip " << c.flip;
+  }
+}
+
+TEST(EmulatedScene, FieldShowsItsPartOfTheArray) {
+  // The left half of the array at half the width is the left half of the
+  // whole array's frame.
+  for (const char* spec : {"bars", "focus", "face"}) {
+    auto source = Scene(spec);
+    ASSERT_TRUE(source);
+    const std::vector<uint8_t> whole = Render(source, Request(64, 24, WireFrameLayout::Bayer));
+    FrameRequest r = Request(32, 24, WireFrameLayout::Bayer);
+    r.fieldWidth = 320;
+    const std::vector<uint8_t> half = Render(source, r);
+    for (uint32_t y = 0; y < 24; ++y) {
+      EXPECT_TRUE(
+          std::equal(half.begin() + y * 32, half.begin() + (y + 1) * 32, whole.begin() + y * 64))
+          << spec << " line " << y;
+    }
+  }
+}
+
+TEST(EmulatedScene, MovingScenesMoveWithTheFrameIndexAndRepeatExactly) {
+  struct Case {
+    const char* spec;
+    bool moves;
+  };
+  const Case cases[] = {{"object", true},        {"face", true},  {"object,speed=0", false},
+                        {"face,speed=0", false}, {"bars", false}, {"focus", false}};
+  for (const Case& c : cases) {
+    auto source = Scene(c.spec);
+    ASSERT_TRUE(source);
+    FrameRequest r = Request(80, 60, WireFrameLayout::Yuyv);
+    r.frameIndex = 7;
+    const std::vector<uint8_t> first = Render(source, r);
+    // Drawn afresh by another source: the same bytes.
+    EXPECT_EQ(Render(Scene(c.spec), r), first) << c.spec;
+    r.frameIndex = 30;
+    EXPECT_EQ(Render(source, r) != first, c.moves) << c.spec;
+  }
+}
+
+// ---------------------------------------------------------------- levels
+
+TEST(EmulatedScene, ExposureGainAndBrightnessMoveTheLevels) {
+  // A grey of 100 on a Bayer wire: every byte is the lit level.
+  TempFolder folder;
+  auto source = Scene("image=" + folder.File("grey.ppm", Ppm(1, 1, 255, {100, 100, 100})));
+  ASSERT_TRUE(source);
+  struct Case {
+    uint32_t light;
+    int32_t brightness;
+    uint8_t expected;
+  };
+  const Case cases[] = {{256, 0, 100},  {512, 0, 200},  {128, 0, 50},   {1024, 0, 255},
+                        {256, 40, 140}, {256, -120, 0}, {384, -30, 120}};
+  for (const Case& c : cases) {
+    FrameRequest r = Request(6, 4, WireFrameLayout::Bayer);
+    r.lightScale256 = c.light;
+    r.brightness = c.brightness;
+    const std::vector<uint8_t> f = Render(source, r);
+    EXPECT_EQ(f, std::vector<uint8_t>(24, c.expected)) << c.light << " " << c.brightness;
+  }
+}
+
+double MeanLuma(const std::vector<uint8_t>& yuyv) {
+  double sum = 0;
+  for (size_t i = 0; i < yuyv.size(); i += 2) sum += yuyv[i];
+  return sum / double(yuyv.size() / 2);
+}
+
+TEST(EmulatedScene, DarknessLowersTheMeanForItsFrames) {
+  auto bright = Scene("bars");
+  ASSERT_TRUE(bright);
+  FrameRequest r = Request(64, 48, WireFrameLayout::Yuyv);
+  const double normal = MeanLuma(Render(bright, r));
+  struct Case {
+    const char* spec;
+    uint64_t frame;
+    double mean;  // expected mean luma; < 0: the normal one
+  };
+  // Divided light: luma above black (16) divided alike, within a level and
+  // a half for the rounding of each colour.
+  const double eighth = 16 + (normal - 16) / 8;
+  const Case cases[] = {{"bars,dark=8", 0, eighth},      {"bars,dark=off", 0, 16},
+                        {"bars,dark=8@10-20", 9, -1},    {"bars,dark=8@10-20", 10, eighth},
+                        {"bars,dark=off@10-20", 19, 16}, {"bars,dark=8@10-20", 20, -1},
+                        {"bars,dark=1", 0, -1}};
+  for (const Case& c : cases) {
+    auto source = Scene(c.spec);
+    ASSERT_TRUE(source);
+    r.frameIndex = c.frame;
+    const std::vector<uint8_t> f = Render(source, r);
+    EXPECT_NEAR(MeanLuma(f), c.mean < 0 ? normal : c.mean, 1.5) << c.spec << " @" << c.frame;
+    if (c.mean == 16) {
+      for (size_t i = 0; i < f.size(); i += 2) {
+        ASSERT_EQ(f[i], 16) << c.spec;
+        ASSERT_EQ(f[i + 1], 128) << c.spec;
+      }
+    }
+  }
+}
+
+// ---------------------------------------------------------------- dead pixels
+
+TEST(EmulatedScene, DeadPixelsStickWhereTheDriverLooksForThem) {
+  // The focus target's grey corners (128) hold a hot pixel (255) and a cold
+  // one (0) at the top left. The driver takes a sample for dead when it
+  // differs by at least its threshold from the samples of its own colour
+  // two columns left and right and two lines up and down (in a YUYV frame,
+  // the luma four bytes either side).
+  const std::string spec = "focus,dead=4:3:255,dead=9:5:0,dead=500:500:255";
+  struct Case {
+    WireFrameLayout layout;
+    const char* darkness;
+  };
+  const Case cases[] = {{WireFrameLayout::Bayer, ""},
+                        {WireFrameLayout::Yuyv, ""},
+                        {WireFrameLayout::Yuv420, ""},
+                        {WireFrameLayout::Bayer, ",dark=off"},
+                        {WireFrameLayout::Yuyv, ",dark=16"}};
+  const uint32_t w = 64, h = 48;
+  for (const Case& c : cases) {
+    auto source = Scene(spec + c.darkness);
+    ASSERT_TRUE(source);
+    const std::vector<uint8_t> f = Render(source, Request(w, h, c.layout));
+    ASSERT_EQ(f.size(), WireFrameBytes(w, h, c.layout));
+    const size_t bytesPerPixel = c.layout == WireFrameLayout::Yuyv ? 2 : 1;
+    const size_t line = bytesPerPixel * w;
+    const struct {
+      uint32_t x, y;
+      uint8_t value;
+    } dead[] = {{4, 3, 255}, {9, 5, 0}};
+    for (const auto& d : dead) {
+      const size_t at = d.y * line + bytesPerPixel * d.x;
+      EXPECT_EQ(f[at], d.value) << int(c.layout) << c.darkness;
+      // In the dark a cold pixel looks like its neighbours, as it would.
+      if (*c.darkness != 0 && d.value == 0) continue;
+      const size_t side = 2 * bytesPerPixel;
+      for (size_t n : {at - side, at + side, at - 2 * line, at + 2 * line}) {
+        EXPECT_GE(std::abs(int(f[at]) - int(f[n])), 64)
+            << "layout " << int(c.layout) << c.darkness << " dead " << d.x << "," << d.y;
+      }
+    }
+  }
+}
+
+// ---------------------------------------------------------------- sensor defects
+
+// The driver's repairs, written out from its rules.
+void RepairMi2020(std::vector<uint8_t>* raw, size_t width, size_t height) {
+  uint8_t* p = raw->data();
+  for (size_t y = 0; y < height; ++y) {
+    uint8_t* e = p + y * width + width - 8;  // a b c d e f g h -> a b a b c d c d
+    const uint8_t a = e[0], b = e[1], c = e[2], d = e[3];
+    const uint8_t row[8] = {a, b, a, b, c, d, c, d};
+    std::memcpy(e, row, 8);
+  }
+  std::memcpy(p + (height - 2) * width, p + (height - 4) * width, 2 * width);
+  for (size_t y = height - 4; y < height - 2; ++y) {
+    for (size_t x = 0; x < width; ++x) {
+      p[y * width + x] = uint8_t((p[y * width + x] + p[(y - 2) * width + x]) / 2);
+    }
+  }
+}
+
+void RepairOv2640(std::vector<uint8_t>* raw, size_t width, size_t height) {
+  for (size_t y = 0; y < height; ++y) {
+    uint8_t* l = raw->data() + y * width;
+    l[1277] = l[1275];
+    l[1278] = l[1274];
+    l[1279] = l[1275];
+  }
+}
+
+void RepairOv7670(std::vector<uint8_t>* raw, size_t width, size_t) {
+  std::memcpy(raw->data(), raw->data() + 2 * width, 2 * width);
+}
+
+TEST(EmulatedScene, SensorDefectsAreWhatTheDriversRepairsUndo) {
+  // On a flat picture the repaired frame equals the frame without defects;
+  // the defective one does not. Sensors and sizes without a repair have no
+  // defect.
+  TempFolder folder;
+  const std::string grey = "image=" + folder.File("g.ppm", Ppm(1, 1, 255, {200, 180, 160}));
+  using Repair = void (*)(std::vector<uint8_t>*, size_t, size_t);
+  struct Case {
+    const char* sensor;
+    WireFrameLayout layout;
+    uint32_t width, height;
+    Repair repair;  // null: no defect expected
+  };
+  const Case cases[] = {
+      {"MI2020", WireFrameLayout::Bayer, 800, 8, RepairMi2020},
+      {"MI2020", WireFrameLayout::Bayer, 1600, 8, RepairMi2020},
+      {"MI2020", WireFrameLayout::Bayer, 640, 8, nullptr},
+      {"MI2020", WireFrameLayout::Yuyv, 800, 8, nullptr},
+      {"MI2021", WireFrameLayout::Bayer, 800, 8, nullptr},
+      {"OV2640", WireFrameLayout::Bayer, 1280, 6, RepairOv2640},
+      {"OV2640", WireFrameLayout::Bayer, 1024, 6, nullptr},
+      {"OV2640", WireFrameLayout::Yuyv, 1280, 6, nullptr},
+      {"OV7670", WireFrameLayout::Yuyv, 64, 6, RepairOv7670},
+      {"OV7670", WireFrameLayout::Bayer, 64, 6, nullptr},
+  };
+  for (const char* defects : {"", ",defects=off"}) {
+    auto source = Scene(grey + defects);
+    auto clean = Scene(grey + ",defects=off");
+    ASSERT_TRUE(source && clean);
+    for (const Case& c : cases) {
+      FrameRequest r = Request(c.width, c.height, c.layout, 1600, 1200);
+      r.sensorName = c.sensor;
+      std::vector<uint8_t> f = Render(source, r);
+      const std::vector<uint8_t> expected = Render(clean, r);
+      const std::string what = std::string(c.sensor) + " " + std::to_string(c.width) + defects;
+      if (c.repair == nullptr || *defects != 0) {
+        EXPECT_EQ(f, expected) << what;
+        continue;
+      }
+      EXPECT_NE(f, expected) << what;
+      c.repair(&f, c.width, c.height);
+      EXPECT_EQ(f, expected) << what;
+    }
+  }
+}
+
+// ---------------------------------------------------------------- the face
+
+// The driver's sampling of a YUY2 picture onto its 160 x 120 grid and its
+// test against skin colour 0 (Cb 108, Cr 152 as a signed byte, tolerance
+// 16), both bytes read as signed numbers.
+std::vector<uint8_t> SkinGrid(const std::vector<uint8_t>& f, uint32_t width, uint32_t height) {
+  const uint32_t sx = width / 160, sy = height / 120, mx = width % 160 / 2, my = height % 120 / 2;
+  std::vector<uint8_t> mask(160 * 120);
+  for (uint32_t j = 0; j < 120; ++j) {
+    for (uint32_t i = 0; i < 160; ++i) {
+      const size_t n = size_t(my + j * sy) * width + mx + i * sx, o = 2 * n;
+      uint8_t cb, cr;
+      if (n % 2 == 0) {
+        cb = f[o + 1];
+        cr = i == 0 ? f[o + 3] : f[o - 1];
+      } else {
+        cr = f[o + 1];
+        cb = i == 0 ? f[o + 3] : f[o - 1];
+      }
+      const int scb = int8_t(cb), scr = int8_t(cr);
+      mask[j * 160 + i] = (std::abs(scb - 108) + std::abs(scr - int8_t(152))) / 2 <= 16;
+    }
+  }
+  return mask;
+}
+
+// The tallest window 2 wide to 3 high that is more than two thirds skin:
+// its height, or 0.
+int TallestFaceWindow(const std::vector<uint8_t>& mask) {
+  std::vector<int> sum(161 * 121, 0);  // sum[(y) * 161 + x] of cells above and left
+  for (int y = 0; y < 120; ++y) {
+    for (int x = 0; x < 160; ++x) {
+      sum[(y + 1) * 161 + x + 1] =
+          mask[y * 160 + x] + sum[y * 161 + x + 1] + sum[(y + 1) * 161 + x] - sum[y * 161 + x];
+    }
+  }
+  for (int h = 119; h >= 3; --h) {
+    const int w = 2 * h / 3, need = 2 * h * w / 3;
+    for (int y = 0; y + h <= 120; ++y) {
+      for (int x = 0; x + w <= 160; ++x) {
+        const int count = sum[(y + h) * 161 + x + w] - sum[y * 161 + x + w] -
+                          sum[(y + h) * 161 + x] + sum[y * 161 + x];
+        if (count > need) return h;
+      }
+    }
+  }
+  return 0;
+}
+
+TEST(EmulatedScene, FaceIsOneSkinBlobTheDetectorAccepts) {
+  struct Case {
+    uint32_t arrayWidth, arrayHeight, width, height;
+    uint32_t light;
+    uint64_t frame;
+  };
+  const Case cases[] = {
+      {640, 480, 160, 120, 256, 0}, {640, 480, 320, 240, 256, 45},  {1600, 1200, 352, 288, 256, 90},
+      {640, 480, 320, 240, 128, 0}, {640, 480, 320, 240, 384, 200},
+  };
+  auto source = Scene("face,speed=4");
+  ASSERT_TRUE(source);
+  for (const Case& c : cases) {
+    FrameRequest r = Request(c.width, c.height, WireFrameLayout::Yuyv, c.arrayWidth, c.arrayHeight);
+    r.lightScale256 = c.light;
+    r.frameIndex = c.frame;
+    const std::vector<uint8_t> mask = SkinGrid(Render(source, r), c.width, c.height);
+    const std::string what = std::to_string(c.width) + "x" + std::to_string(c.height) + " light " +
+                             std::to_string(c.light) + " frame " + std::to_string(c.frame);
+    // All skin lies in one compact box that it mostly fills.
+    int left = 160, right = -1, top = 120, bottom = -1, cells = 0;
+    for (int y = 0; y < 120; ++y) {
+      for (int x = 0; x < 160; ++x) {
+        if (!mask[y * 160 + x]) continue;
+        ++cells;
+        left = std::min(left, x);
+        right = std::max(right, x);
+        top = std::min(top, y);
+        bottom = std::max(bottom, y);
+      }
+    }
+    ASSERT_GT(cells, 0) << what;
+    const int boxWidth = right - left + 1, boxHeight = bottom - top + 1;
+    EXPECT_GT(cells * 10, boxWidth * boxHeight * 6) << what;
+    EXPECT_GT(boxHeight, boxWidth) << what;
+    // A 2 : 3 window more than two thirds skin of more than 300 cells.
+    const int h = TallestFaceWindow(mask);
+    EXPECT_GT(h * (2 * h / 3), 300) << what << ", tallest window " << h;
+  }
+}
+
+// ---------------------------------------------------------------- focus
+
+// The driver's sharpness measure: the centred square window whose side is
+// the smallest power of two with twice the side at least the height, every
+// second line and column of it, each place adding its first difference above
+// 16 from the luma above, left, right and below.
+uint64_t DriverSharpness(const std::vector<uint8_t>& f, int width, int height) {
+  int side = 1;
+  if (height > 2) {
+    while (2 * side < height) side *= 2;
+  }
+  const int x0 = (width - side) / 2, y0 = (height - side) / 2;
+  auto luma = [&](int x, int y) { return int(f[2 * (size_t(y) * width + x)]); };
+  uint64_t sum = 0;
+  for (int y = y0; y < y0 + side; y += 2) {
+    for (int x = x0; x < x0 + side; x += 2) {
+      const int l = luma(x, y);
+      for (int n : {luma(x, y - 1), luma(x - 1, y), luma(x + 1, y), luma(x, y + 1)}) {
+        if (std::abs(l - n) > 16) {
+          sum += std::abs(l - n);
+          break;
+        }
+      }
+    }
+  }
+  return sum;
+}
+
+// A plain gradient energy over the whole picture.
+uint64_t GradientEnergy(const std::vector<uint8_t>& f, int width, int height) {
+  uint64_t sum = 0;
+  for (int y = 0; y + 1 < height; ++y) {
+    for (int x = 0; x + 1 < width; ++x) {
+      const int l = f[2 * (y * width + x)];
+      const int dx = l - f[2 * (y * width + x + 1)], dy = l - f[2 * ((y + 1) * width + x)];
+      sum += uint64_t(dx * dx + dy * dy);
+    }
+  }
+  return sum;
+}
+
+TEST(EmulatedScene, FocusTargetIsSharpestAtTheFocusPosition) {
+  struct Case {
+    const char* spec;
+    int32_t focus;  // where the picture must be sharpest
+    uint32_t width, height;
+  };
+  const Case cases[] = {{"focus", 100, 160, 120},
+                        {"focus,focus=70", 70, 160, 120},
+                        {"focus,blur=8", 100, 160, 120},
+                        {"bars", 100, 160, 120}};
+  const int distances[] = {1, 2, 4, 8, 16, 32};
+  for (const Case& c : cases) {
+    auto source = Scene(c.spec);
+    ASSERT_TRUE(source);
+    FrameRequest r = Request(c.width, c.height, WireFrameLayout::Yuyv);
+    r.lensFitted = true;
+    r.lensFocusPosition = 100;
+    auto measure = [&](int32_t position, bool driver) {
+      r.lensPosition = position;
+      const std::vector<uint8_t> f = Render(source, r);
+      return driver ? DriverSharpness(f, c.width, c.height) : GradientEnergy(f, c.width, c.height);
+    };
+    for (bool driver : {true, false}) {
+      const char* name = driver ? "driver's measure" : "gradient energy";
+      for (int side : {-1, 1}) {
+        uint64_t previous = measure(c.focus, driver);
+        EXPECT_GT(previous, 0u) << c.spec << " " << name;
+        for (int d : distances) {
+          const uint64_t s = measure(c.focus + side * d, driver);
+          EXPECT_LT(s, previous) << c.spec << " " << name << " at " << side * d;
+          previous = s;
+        }
+      }
+    }
+  }
+}
+
+TEST(EmulatedScene, WithoutALensThePictureStaysSharp) {
+  for (const char* spec : {"focus", "focus,focus=3"}) {
+    auto source = Scene(spec);
+    ASSERT_TRUE(source);
+    FrameRequest r = Request(64, 48, WireFrameLayout::Bayer);
+    r.lensFocusPosition = 100;
+    const std::vector<uint8_t> sharp = Render(source, r);
+    for (int32_t position : {0, 60, 150}) {
+      r.lensPosition = position;
+      EXPECT_EQ(Render(source, r), sharp) << spec << " at " << position;
+    }
+  }
+}
+
+// ---------------------------------------------------------------- picture files
+
+TEST(EmulatedScene, PictureFilesLoadAndBadOnesAreRefused) {
+  TempFolder folder;
+  const std::vector<uint8_t> rgb = {255, 0, 0, 0, 255, 0, 0, 0, 255, 10, 20, 30};  // 2 x 2
+  const std::vector<uint8_t> grey = {0, 255};                                      // 2 x 1
+  const std::vector<uint8_t> rgba = {200, 100, 50, 255, 200, 100, 50, 0};          // 2 x 1
+  struct Case {
+    const char* name;
+    std::string path;
+    bool loads;
+    uint32_t width, height;
+    std::vector<uint8_t> pixels;
+  };
+  const Case cases[] = {
+      {"PNG RGB", folder.Png("rgb.png", 2, 2, PNG_FORMAT_RGB, rgb), true, 2, 2, rgb},
+      {"PNG grey",
+       folder.Png("grey.png", 2, 1, PNG_FORMAT_GRAY, grey),
+       true,
+       2,
+       1,
+       {0, 0, 0, 255, 255, 255}},
+      {"PNG with alpha on black",
+       folder.Png("rgba.png", 2, 1, PNG_FORMAT_RGBA, rgba),
+       true,
+       2,
+       1,
+       {200, 100, 50, 0, 0, 0}},
+      {"PPM 8-bit", folder.File("a.ppm", Ppm(2, 2, 255, rgb)), true, 2, 2, rgb},
+      {"PPM 16-bit",
+       folder.File("b.ppm", Ppm(1, 1, 65535, {0xFF, 0xFF, 0x80, 0x00, 0x00, 0x00})),
+       true,
+       1,
+       1,
+       {255, 128, 0}},
+      {"PPM maxval 15", folder.File("c.ppm", Ppm(1, 1, 15, {15, 7, 0})), true, 1, 1, {255, 119, 0}},
+      {"missing", folder.File("x", "") + ".none", false, 0, 0, {}},
+      {"empty", folder.File("empty.ppm", ""), false, 0, 0, {}},
+      {"PPM cut short", folder.File("short.ppm", Ppm(2, 2, 255, {1, 2, 3, 4, 5})), false, 0, 0, {}},
+      {"PPM zero width", folder.File("zero.ppm", Ppm(0, 2, 255, {})), false, 0, 0, {}},
+      {"PPM huge", folder.File("huge.ppm", Ppm(100000, 100000, 255, {})), false, 0, 0, {}},
+      {"PPM maxval 0", folder.File("m0.ppm", Ppm(1, 1, 0, {1, 2, 3})), false, 0, 0, {}},
+      {"ASCII PPM", folder.File("p3.ppm", "P3\n1 1\n255\n1 2 3\n"), false, 0, 0, {}},
+      {"text", folder.File("t.png", "hello, world"), false, 0, 0, {}},
+      {"PNG cut short",
+       folder.File("cut.png", std::string("\x89PNG\r\n\x1a\n\0\0\0\x0dIHDR", 16)),
+       false,
+       0,
+       0,
+       {}},
+  };
+  for (const Case& c : cases) {
+    SceneImage image;
+    image.width = 77;
+    std::string error;
+    EXPECT_EQ(LoadSceneImage(c.path, &image, &error), c.loads) << c.name << ": " << error;
+    SceneConfig config;
+    config.kind = SceneKind::Image;
+    config.imagePath = c.path;
+    std::string makeError;
+    auto source = MakeSceneSource(config, &makeError);
+    EXPECT_EQ(source != nullptr, c.loads) << c.name;
+    if (!c.loads) {
+      EXPECT_EQ(image.width, 77u) << c.name << ": left as it was";
+      EXPECT_NE(error.find(c.path), std::string::npos) << c.name << ": " << error;
+      EXPECT_FALSE(makeError.empty()) << c.name;
+      continue;
+    }
+    EXPECT_EQ(image.width, c.width) << c.name;
+    EXPECT_EQ(image.height, c.height) << c.name;
+    EXPECT_EQ(image.rgb, c.pixels) << c.name;
+  }
+}
+
+TEST(EmulatedScene, PictureShrinksByAveragingAndGrowsByRepeating) {
+  // 4 x 2 picture: columns 0, 100, 200, 50 on both lines.
+  TempFolder folder;
+  std::vector<uint8_t> samples;
+  for (int y = 0; y < 2; ++y) {
+    for (uint8_t v : {0, 100, 200, 50}) samples.insert(samples.end(), {v, v, v});
+  }
+  auto source = Scene("image=" + folder.File("cols.ppm", Ppm(4, 2, 255, samples)));
+  ASSERT_TRUE(source);
+  EXPECT_EQ(Render(source, Request(2, 1, WireFrameLayout::Bayer)), (std::vector<uint8_t>{50, 125}));
+  EXPECT_EQ(Render(source, Request(8, 1, WireFrameLayout::Bayer)),
+            (std::vector<uint8_t>{0, 0, 100, 100, 200, 200, 50, 50}));
+}
+
+// ---------------------------------------------------------------- text form
+
+TEST(EmulatedScene, TextFormSetsTheConfiguration) {
+  SceneConfig c;
+  std::string error;
+  ASSERT_TRUE(
+      ParseSceneSpec("face,speed=6,dead=10:20:255,dead=3:4:0,dark=8@48-96,focus=-5,"
+                     "blur=12,defects=off,button=30-40,button=50,orient=1",
+                     &c, &error))
+      << error;
+  EXPECT_EQ(c.kind, SceneKind::Face);
+  EXPECT_EQ(c.speed, 6u);
+  ASSERT_EQ(c.deadPixels.size(), 2u);
+  EXPECT_EQ(c.deadPixels[0].x, 10u);
+  EXPECT_EQ(c.deadPixels[0].y, 20u);
+  EXPECT_EQ(c.deadPixels[0].value, 255);
+  EXPECT_EQ(c.deadPixels[1].value, 0);
+  EXPECT_EQ(c.darkDivisor, 8u);
+  EXPECT_FALSE(c.lightsOff);
+  EXPECT_EQ(c.darkFromFrame, 48u);
+  EXPECT_EQ(c.darkUntilFrame, 96u);
+  EXPECT_EQ(c.focusPosition, -5);
+  EXPECT_EQ(c.blurPerStep16, 12u);
+  EXPECT_FALSE(c.sensorDefects);
+  ASSERT_EQ(c.buttonEvents.size(), 3u);
+  EXPECT_TRUE(c.buttonEvents[0].frame == 30 && c.buttonEvents[0].down);
+  EXPECT_TRUE(c.buttonEvents[1].frame == 40 && !c.buttonEvents[1].down);
+  EXPECT_TRUE(c.buttonEvents[2].frame == 50 && c.buttonEvents[2].down);
+  EXPECT_EQ(c.orientationInput, true);
+
+  ASSERT_TRUE(ParseSceneSpec("image=/tmp/a b.png,dark=off@5", &c, &error)) << error;
+  EXPECT_EQ(c.kind, SceneKind::Image);
+  EXPECT_EQ(c.imagePath, "/tmp/a b.png");
+  EXPECT_TRUE(c.lightsOff);
+  EXPECT_EQ(c.darkFromFrame, 5u);
+  EXPECT_EQ(c.darkUntilFrame, UINT64_MAX);
+  EXPECT_TRUE(c.deadPixels.empty()) << "each text starts from the defaults";
+
+  ASSERT_TRUE(ParseSceneSpec("", &c, &error));
+  EXPECT_EQ(c.kind, SceneKind::ColourBars);
+}
+
+TEST(EmulatedScene, TextFormRefusesWhatItDoesNotKnow) {
+  const char* bad[] = {
+      "faces",      "face,bars", "face,",        ",face",      "speed=1001",      "speed=-1",
+      "speed=4x",   "dead=1:2",  "dead=1:2:256", "dead=a:2:3", "dark=0",          "dark=257",
+      "dark=8@9-9", "dark=8@x",  "focus=",       "blur=257",   "defects=maybe",   "button=9-3",
+      "button=",    "orient=2",  "image=",       "face=1",     "bars,image=x.png"};
+  for (const char* text : bad) {
+    SceneConfig c;
+    c.speed = 77;
+    std::string error;
+    EXPECT_FALSE(ParseSceneSpec(text, &c, &error)) << text;
+    EXPECT_EQ(c.speed, 77u) << text << ": left as it was";
+    EXPECT_NE(error.find("scene"), std::string::npos) << text << ": " << error;
+  }
+}
+
+TEST(EmulatedScene, ConfigurationsOutOfRangeAreRefused) {
+  auto make = [](void (*change)(SceneConfig*)) {
+    SceneConfig c;
+    change(&c);
+    std::string error;
+    const bool made = SceneSource::Make(c, &error) != nullptr;
+    EXPECT_EQ(made, error.empty()) << error;
+    return made;
+  };
+  EXPECT_TRUE(make([](SceneConfig*) {}));
+  EXPECT_FALSE(make([](SceneConfig* c) { c->speed = 1001; }));
+  EXPECT_FALSE(make([](SceneConfig* c) { c->darkDivisor = 0; }));
+  EXPECT_FALSE(make([](SceneConfig* c) { c->darkFromFrame = c->darkUntilFrame = 4; }));
+  EXPECT_FALSE(make([](SceneConfig* c) { c->blurPerStep16 = 300; }));
+  EXPECT_FALSE(make([](SceneConfig* c) { c->kind = SceneKind::Image; }));
+}
+
+TEST(EmulatedScene, OrientationInputReachesTheCamera) {
+  EmulatedCamera camera;
+  SceneConfig c;
+  std::string error;
+  ASSERT_TRUE(ParseSceneSpec("bars,orient=1", &c, &error)) << error;
+  ApplySceneInputs(c, &camera);
+  EXPECT_NE(camera.PeekControllerRegister(0) & 0x10, 0);
+  ASSERT_TRUE(ParseSceneSpec("bars,orient=0", &c, &error)) << error;
+  ApplySceneInputs(c, &camera);
+  EXPECT_EQ(camera.PeekControllerRegister(0) & 0x10, 0);
+}
+
+}  // namespace
