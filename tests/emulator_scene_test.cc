@@ -19,6 +19,7 @@
 
 #include "emulator/emulated_camera.h"
 #include "emulator/scene.h"
+#include "tests/emulator_test_helpers.h"
 
 namespace {
 
@@ -763,6 +764,40 @@ TEST(EmulatedScene, ConfigurationsOutOfRangeAreRefused) {
   EXPECT_FALSE(make([](SceneConfig* c) { c->darkFromFrame = c->darkUntilFrame = 4; }));
   EXPECT_FALSE(make([](SceneConfig* c) { c->blurPerStep16 = 300; }));
   EXPECT_FALSE(make([](SceneConfig* c) { c->kind = SceneKind::Image; }));
+}
+
+// Forwards to a scene and keeps the last request.
+struct RecordingSource : FrameSource {
+  std::shared_ptr<SceneSource> scene;
+  FrameRequest last;
+  void Render(const FrameRequest& r, std::vector<uint8_t>* out) override {
+    last = r;
+    scene->Render(r, out);
+  }
+};
+
+TEST(EmulatedScene, CameraStreamsTheSceneWithItsDefects) {
+  // An OV7670 in its 160 x 120 YUYV mode: the frame the driver collects is
+  // the scene's, the first line blank and the dead pixel in place.
+  auto recorder = std::make_shared<RecordingSource>();
+  recorder->scene = Scene("face,dead=20:30:255");
+  ASSERT_TRUE(recorder->scene);
+  EmulatedCameraConfig config;
+  config.sensors = {EmulatedSensorConfig{EmulatedSensorKind::OV7670}};
+  config.frameSource = recorder;
+  EmulatedCamera camera(config);
+  ASSERT_EQ(emutest::Write(camera, 0x42, 0x12, 0x10), STATUS_SUCCESS);
+  ASSERT_EQ(emutest::Write(camera, 0x42, 0x72, 0x11), STATUS_SUCCESS);
+  ASSERT_EQ(camera.SelectAlternateSetting(5), STATUS_SUCCESS);
+  ASSERT_EQ(camera.ControlTransfer(5, 1, 0, nullptr, nullptr, false), STATUS_SUCCESS);
+  emutest::CollectedFrame frame;
+  uint64_t pulled = 0;
+  ASSERT_TRUE(emutest::CollectFrame(camera, &frame, &pulled));
+  ASSERT_EQ(frame.bytes.size(), 160u * 120 * 2);
+  EXPECT_EQ(frame.bytes, Render(recorder->scene, recorder->last));
+  EXPECT_EQ(std::count(frame.bytes.begin(), frame.bytes.begin() + 320, 0), 320);
+  EXPECT_NE(std::count(frame.bytes.begin() + 320, frame.bytes.begin() + 640, 0), 320);
+  EXPECT_EQ(frame.bytes[2 * (30 * 160 + 20)], 255);
 }
 
 TEST(EmulatedScene, OrientationInputReachesTheCamera) {
