@@ -56,20 +56,20 @@ NTSTATUS CreateRegistrySubKey(HANDLE parent, ACCESS_MASK access, const WCHAR* pa
 NTSTATUS QueryRegistryValue(HANDLE key, const WCHAR* name, void* buffer, uint32_t* length) {
   uint32_t wanted = *length;
   uint32_t recordBytes = wanted + 2 * (WideLength(name) + 1) + QueryRecordSlack;
-  auto* record = static_cast<KEY_VALUE_PARTIAL_INFORMATION*>(
+  auto* record = static_cast<KEY_VALUE_FULL_INFORMATION*>(
       ExAllocatePoolWithTag(PagedPool, recordBytes, PoolTagWdm));
   if (record == nullptr) return STATUS_INSUFFICIENT_RESOURCES;
 
   UNICODE_STRING valueName;
   RtlInitUnicodeString(&valueName, name);
   ULONG resultLength = 0;
-  NTSTATUS status = ZwQueryValueKey(key, &valueName, KeyValuePartialInformation, record, recordBytes,
+  NTSTATUS status = ZwQueryValueKey(key, &valueName, KeyValueFullInformation, record, recordBytes,
                                     &resultLength);
   if (NT_SUCCESS(status)) {
     // A stored value longer than the caller's buffer is cut to it: the
     // store never writes past its destination.
     uint32_t copy = record->DataLength < wanted ? record->DataLength : wanted;
-    std::memcpy(buffer, record->Data, copy);
+    std::memcpy(buffer, reinterpret_cast<const uint8_t*>(record) + record->DataOffset, copy);
     *length = record->DataLength;
   }
   ExFreePool(record);
