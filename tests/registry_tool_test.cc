@@ -5,12 +5,16 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <algorithm>
 #include <filesystem>
+#include <iterator>
 #include <fstream>
 #include <string>
 #include <vector>
 
+#include "platform/files_control.h"
 #include "platform/registry_control.h"
+#include "tools/camera_catalog.h"
 #include "tools/registry_tool.h"
 
 namespace {
@@ -131,6 +135,51 @@ TEST_F(RegistryTool, BadInputIsRefusedWithItsReason) {
   ASSERT_EQ(Run({"registry", "show"}, &out), 0);
   EXPECT_EQ(out.find("Broken"), std::string::npos);
   EXPECT_EQ(out.find("OV7670"), std::string::npos);
+}
+
+TEST_F(RegistryTool, EveryBuiltInCameraInstallsWithScriptsWhereItsDescriptionLooks) {
+  std::vector<std::string> models = EmbeddedCameraModels();
+  ASSERT_EQ(models.size(), 4u);
+  EXPECT_NE(std::find(models.begin(), models.end(), DefaultCameraModel), models.end());
+  struct Case {
+    std::string model;  // empty: the default
+    uint32_t instance;
+    std::u16string sensor;
+    std::string script;  // relative to cameras/
+  };
+  const Case cases[] = {
+      {"", 0, u"OV7670", "ov7670-webcam/OV7670.txt"},
+      {"ov2640-camera", 1, u"OV2640", "ov2640-camera/OV2640.txt"},
+      {"mi2021-camera", 3, u"MI2021", "mi2021-camera/MI2021.txt"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.script);
+    std::vector<std::string> args = {"registry", "install"};
+    if (!c.model.empty()) args.push_back(c.model);
+    ASSERT_EQ(Run(args), 0);
+    // A later run finds the description, and its script through drive C.
+    ResetRegistry();
+    std::string error;
+    ASSERT_TRUE(AttachRegistryFile(file_, &error)) << error;
+    std::u16string script;
+    EXPECT_TRUE(GetRegistryString(DeviceSoftwareKeyPath(c.instance) + u"\\" + c.sensor +
+                                      u"\\InitialSetting",
+                                  u"Script", &script));
+    DetachRegistryFile();
+    ASSERT_TRUE(MapDosDrive('C', ToolDriveFolder(file_)));
+    std::string hostPath;
+    ASSERT_TRUE(HostPathOfObjectName(u"\\??\\" + script, &hostPath)) << NarrowAscii(script);
+    std::ifstream installed(hostPath, std::ios::binary), shipped(
+        std::string(MR740_SOURCE_DIR) + "/cameras/" + c.script, std::ios::binary);
+    std::string a((std::istreambuf_iterator<char>(installed)), {});
+    std::string b((std::istreambuf_iterator<char>(shipped)), {});
+    EXPECT_FALSE(a.empty());
+    EXPECT_EQ(a, b);
+    UnmapAllDosDrives();
+  }
+  std::string err;
+  EXPECT_EQ(Run({"registry", "install", "no-such-camera"}, nullptr, &err), 1);
+  EXPECT_NE(err.find("no built-in camera"), std::string::npos);
 }
 
 }  // namespace

@@ -19,6 +19,7 @@
 #include "core/device_context.h"
 #include "pipeline/frame_pipeline.h"
 #include "platform/kernel_control.h"
+#include "tools/camera_catalog.h"
 #include "tools/registry_tool.h"
 #include "tools/script_tool.h"
 
@@ -41,8 +42,10 @@ void Usage() {
                "usage: mr740cam scramble-script IN OUT | unscramble-script IN OUT\n"
                "  Converts a script between its plain and its scrambled form.\n"
                "usage: mr740cam registry load FILE.reg ... | export FILE.reg [KEY] | show [KEY] |\n"
-               "                         set KEY NAME dword:N|TEXT | path\n"
+               "                         set KEY NAME dword:N|TEXT | install [MODEL] | path\n"
                "  The registry the driver keeps its settings in, and camera descriptions.\n"
+               "usage: mr740cam cameras\n"
+               "  Lists the built-in camera descriptions.\n"
                "Every command takes --registry FILE (default $MR740_REGISTRY, else\n"
                "$XDG_STATE_HOME/mr740/registry.reg): the driver's registry, kept across runs.\n");
 }
@@ -233,6 +236,12 @@ int Capture(const Options& options) {
 int main(int argc, char** argv) {
   if (argc >= 2 && IsScriptToolCommand(argv[1])) return RunScriptTool(argc, argv);
   const std::string registryFile = TakeRegistryFileOption(&argc, argv);
+  if (argc == 2 && std::strcmp(argv[1], "cameras") == 0) {
+    for (const std::string& model : EmbeddedCameraModels()) {
+      std::printf("%s%s\n", model.c_str(), model == DefaultCameraModel ? " (default)" : "");
+    }
+    return 0;
+  }
   if (argc >= 2 && IsRegistryToolCommand(argv[1])) {
     if (!OpenToolRegistry(registryFile, stderr)) return 1;
     return RunRegistryTool(argc, argv, stdout, stderr);

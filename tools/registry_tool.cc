@@ -9,13 +9,15 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/files_control.h"
 #include "platform/registry_control.h"
+#include "tools/camera_catalog.h"
 
 namespace {
 
 const char kUsage[] =
     "usage: mr740cam registry load FILE.reg ... | export FILE.reg [KEY] | show [KEY] |\n"
-    "                         set KEY NAME dword:N|TEXT | path\n";
+    "                         set KEY NAME dword:N|TEXT | install [MODEL] | path\n";
 
 // "HKEY_LOCAL_MACHINE\X" or "HKLM\X" to "\REGISTRY\MACHINE\X"; empty for the
 // whole machine tree.
@@ -123,6 +125,10 @@ std::string TakeRegistryFileOption(int* argc, char** argv) {
   return file.empty() ? DefaultRegistryFile() : file;
 }
 
+std::string ToolDriveFolder(const std::string& registryFile) {
+  return (std::filesystem::path(registryFile).parent_path() / "drive-c").string();
+}
+
 bool OpenToolRegistry(const std::string& file, FILE* err) {
   std::error_code ignored;
   std::filesystem::path parent = std::filesystem::path(file).parent_path();
@@ -132,6 +138,7 @@ bool OpenToolRegistry(const std::string& file, FILE* err) {
     std::fprintf(err, "mr740cam: registry %s: %s\n", file.c_str(), error.c_str());
     return false;
   }
+  MapDosDrive('C', ToolDriveFolder(file));
   return true;
 }
 
@@ -161,6 +168,9 @@ int RunRegistryTool(int argc, char** argv, FILE* out, FILE* err) {
     status = Export("", args.empty() ? "" : args[0], out, err);
   } else if (command == "set" && args.size() == 3) {
     status = Set(args[0], argv[4], args[2], err);
+  } else if (command == "install" && args.size() <= 1) {
+    const std::string model = args.empty() ? "" : std::string(args[0]);
+    status = InstallEmbeddedCamera(model, ToolDriveFolder(AttachedRegistryFile()), err) ? 0 : 1;
   } else if (command == "path" && args.empty()) {
     std::fprintf(out, "%s\n", AttachedRegistryFile().c_str());
     status = 0;

@@ -13,7 +13,13 @@
 //   mr740cam registry show [KEY]            prints the tree (or one key) as .reg text
 //   mr740cam registry set KEY NAME VALUE    sets a value: dword:N (hexadecimal as
 //                                           regedit writes it), or a string
+//   mr740cam registry install [MODEL]       installs a built-in camera description
+//                                           (mr740cam cameras lists them; the default
+//                                           is the OV7670 webcam) with its scripts
 //   mr740cam registry path                  prints which file is in use
+//
+// Drive C of the driver's "\??\C:\..." paths is the folder "drive-c" beside
+// the registry file: installed scripts go to drive-c/Cameras/MODEL/.
 //
 // KEY is written as in a .reg file: HKEY_LOCAL_MACHINE\SYSTEM\... (HKLM\ too).
 #pragma once
@@ -29,6 +35,8 @@ std::string TakeRegistryFileOption(int* argc, char** argv);
 // registry) and keeps it up to date from then on; it is flushed at exit.
 // False with a message on `err` when the file cannot be read.
 bool OpenToolRegistry(const std::string& file, FILE* err);
+// The host folder drive C stands for, beside the registry file.
+std::string ToolDriveFolder(const std::string& registryFile);
 
 bool IsRegistryToolCommand(const char* name);
 // Runs "registry ..." (argv[1] is "registry"). Exit status 0 when done, 1

@@ -1,0 +1,22 @@
+# Writes OUTPUT, a C++ source holding the bytes of every file of FILES
+# (paths relative to ROOT) as the table EmbeddedCameraFiles of
+# tools/camera_catalog.h. Run as: cmake -DROOT=... -DOUTPUT=... -DFILES=a;b -P embed_files.cmake
+set(text "// Generated from the camera descriptions under cameras/; do not edit.\n")
+string(APPEND text "#include \"tools/camera_catalog.h\"\n\nnamespace {\n")
+set(table "")
+set(index 0)
+foreach(file IN LISTS FILES)
+  file(READ "${ROOT}/${file}" hex HEX)
+  string(LENGTH "${hex}" hexLength)
+  math(EXPR size "${hexLength} / 2")
+  string(REGEX REPLACE "([0-9a-f][0-9a-f])" "0x\\1," bytes "${hex}")
+  string(REGEX REPLACE "(([^,]*,){24})" "\\1\n" bytes "${bytes}")
+  string(APPEND text "const unsigned char kFile${index}[] = {\n${bytes}0};\n")
+  string(APPEND table "    {\"${file}\", kFile${index}, ${size}},\n")
+  math(EXPR index "${index} + 1")
+endforeach()
+string(APPEND text "}  // namespace\n\nconst EmbeddedCameraFile EmbeddedCameraFiles[] = {\n${table}};\n")
+string(APPEND text "const size_t EmbeddedCameraFileCount = ${index};\n")
+file(WRITE "${OUTPUT}.new" "${text}")
+execute_process(COMMAND "${CMAKE_COMMAND}" -E copy_if_different "${OUTPUT}.new" "${OUTPUT}")
+file(REMOVE "${OUTPUT}.new")
