@@ -92,7 +92,7 @@
 // pictures whose mean luma (YUY2) or mean byte (RGB24) is below its registry
 // threshold.
 //
-// Text form (ParseSceneSpec), items separated by commas, no spaces:
+// Text form (ParseSceneText), items separated by commas, no spaces:
 //   bars | object | face | focus | image=PATH   the scene (default bars); a
 //                          PATH cannot hold a comma
 //   speed=N                motion in 1/640 of the array's width per frame,
@@ -216,7 +216,7 @@ std::shared_ptr<FrameSource> MakeSceneSource(const SceneConfig& config,
 // Reads the text form above into `config`, starting from the defaults. False
 // with a message naming the item when the text is not understood; `config`
 // is then left as it was.
-bool ParseSceneSpec(const std::string& text, SceneConfig* config, std::string* error) noexcept;
+bool ParseSceneText(const std::string& text, SceneConfig* config, std::string* error) noexcept;
 
 // Hands the button events and the orientation input of `config` to the
 // camera: ScheduleButton for each event, SetOrientationInput if set.

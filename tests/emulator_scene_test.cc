@@ -34,15 +34,15 @@ FrameRequest Request(uint32_t w, uint32_t h, WireFrameLayout layout, uint32_t aw
   return r;
 }
 
-std::shared_ptr<SceneSource> Scene(const std::string& spec) {
+std::shared_ptr<SceneSource> Scene(const std::string& scene) {
   SceneConfig config;
   std::string error;
-  if (!ParseSceneSpec(spec, &config, &error)) {
-    ADD_FAILURE() << spec << ": " << error;
+  if (!ParseSceneText(scene, &config, &error)) {
+    ADD_FAILURE() << scene << ": " << error;
     return nullptr;
   }
   auto source = SceneSource::Make(config, &error);
-  if (!source) ADD_FAILURE() << spec << ": " << error;
+  if (!source) ADD_FAILURE() << scene << ": " << error;
   return source;
 }
 
@@ -171,7 +171,7 @@ TEST(EmulatedScene, MirrorAndFlipReverseThePicture) {
   for (size_t i = 0; i < noise.size(); ++i) noise[i] = uint8_t(i * 37 % 251);
   const std::string picture = "image=" + folder.File("odd.ppm", Ppm(5, 3, 255, noise));
   struct Case {
-    std::string spec;
+    std::string scene;
     bool mirror, flip;
   };
   const Case cases[] = {{"bars", true, false},  {"bars", false, true},   {"bars", true, true},
@@ -179,7 +179,7 @@ TEST(EmulatedScene, MirrorAndFlipReverseThePicture) {
                         {picture, false, true}, {picture, true, true}};
   const uint32_t w = 40, h = 30;
   for (const Case& c : cases) {
-    auto source = Scene(c.spec);
+    auto source = Scene(c.scene);
     ASSERT_TRUE(source);
     FrameRequest r = Request(w, h, WireFrameLayout::Yuv420);
     r.frameIndex = 25;  // the face off the middle
@@ -188,7 +188,7 @@ TEST(EmulatedScene, MirrorAndFlipReverseThePicture) {
     r.flip = c.flip;
     const std::vector<uint8_t> turned = Render(source, r);
     ASSERT_EQ(turned.size(), plain.size());
-    EXPECT_NE(turned, plain) << c.spec;
+    EXPECT_NE(turned, plain) << c.scene;
     int wrong = 0;
     for (uint32_t y = 0; y < h; ++y) {
       for (uint32_t x = 0; x < w; ++x) {
@@ -196,15 +196,15 @@ TEST(EmulatedScene, MirrorAndFlipReverseThePicture) {
         wrong += turned[y * w + x] != plain[sy * w + sx];
       }
     }
-    EXPECT_EQ(wrong, 0) << c.spec << " mirror " << c.mirror << " flip " << c.flip;
+    EXPECT_EQ(wrong, 0) << c.scene << " mirror " << c.mirror << " flip " << c.flip;
   }
 }
 
 TEST(EmulatedScene, FieldShowsItsPartOfTheArray) {
   // The left half of the array at half the width is the left half of the
   // whole array's frame.
-  for (const char* spec : {"bars", "focus", "face"}) {
-    auto source = Scene(spec);
+  for (const char* scene : {"bars", "focus", "face"}) {
+    auto source = Scene(scene);
     ASSERT_TRUE(source);
     const std::vector<uint8_t> whole = Render(source, Request(64, 24, WireFrameLayout::Bayer));
     FrameRequest r = Request(32, 24, WireFrameLayout::Bayer);
@@ -213,28 +213,28 @@ TEST(EmulatedScene, FieldShowsItsPartOfTheArray) {
     for (uint32_t y = 0; y < 24; ++y) {
       EXPECT_TRUE(
           std::equal(half.begin() + y * 32, half.begin() + (y + 1) * 32, whole.begin() + y * 64))
-          << spec << " line " << y;
+          << scene << " line " << y;
     }
   }
 }
 
 TEST(EmulatedScene, MovingScenesMoveWithTheFrameIndexAndRepeatExactly) {
   struct Case {
-    const char* spec;
+    const char* scene;
     bool moves;
   };
   const Case cases[] = {{"object", true},        {"face", true},  {"object,speed=0", false},
                         {"face,speed=0", false}, {"bars", false}, {"focus", false}};
   for (const Case& c : cases) {
-    auto source = Scene(c.spec);
+    auto source = Scene(c.scene);
     ASSERT_TRUE(source);
     FrameRequest r = Request(80, 60, WireFrameLayout::Yuyv);
     r.frameIndex = 7;
     const std::vector<uint8_t> first = Render(source, r);
     // Drawn afresh by another source: the same bytes.
-    EXPECT_EQ(Render(Scene(c.spec), r), first) << c.spec;
+    EXPECT_EQ(Render(Scene(c.scene), r), first) << c.scene;
     r.frameIndex = 30;
-    EXPECT_EQ(Render(source, r) != first, c.moves) << c.spec;
+    EXPECT_EQ(Render(source, r) != first, c.moves) << c.scene;
   }
 }
 
@@ -273,7 +273,7 @@ TEST(EmulatedScene, DarknessLowersTheMeanForItsFrames) {
   FrameRequest r = Request(64, 48, WireFrameLayout::Yuyv);
   const double normal = MeanLuma(Render(bright, r));
   struct Case {
-    const char* spec;
+    const char* scene;
     uint64_t frame;
     double mean;  // expected mean luma; < 0: the normal one
   };
@@ -285,15 +285,15 @@ TEST(EmulatedScene, DarknessLowersTheMeanForItsFrames) {
                         {"bars,dark=off@10-20", 19, 16}, {"bars,dark=8@10-20", 20, -1},
                         {"bars,dark=1", 0, -1}};
   for (const Case& c : cases) {
-    auto source = Scene(c.spec);
+    auto source = Scene(c.scene);
     ASSERT_TRUE(source);
     r.frameIndex = c.frame;
     const std::vector<uint8_t> f = Render(source, r);
-    EXPECT_NEAR(MeanLuma(f), c.mean < 0 ? normal : c.mean, 1.5) << c.spec << " @" << c.frame;
+    EXPECT_NEAR(MeanLuma(f), c.mean < 0 ? normal : c.mean, 1.5) << c.scene << " @" << c.frame;
     if (c.mean == 16) {
       for (size_t i = 0; i < f.size(); i += 2) {
-        ASSERT_EQ(f[i], 16) << c.spec;
-        ASSERT_EQ(f[i + 1], 128) << c.spec;
+        ASSERT_EQ(f[i], 16) << c.scene;
+        ASSERT_EQ(f[i + 1], 128) << c.scene;
       }
     }
   }
@@ -307,7 +307,7 @@ TEST(EmulatedScene, DeadPixelsStickWhereTheDriverLooksForThem) {
   // differs by at least its threshold from the samples of its own colour
   // two columns left and right and two lines up and down (in a YUYV frame,
   // the luma four bytes either side).
-  const std::string spec = "focus,dead=4:3:255,dead=9:5:0,dead=500:500:255";
+  const std::string scene = "focus,dead=4:3:255,dead=9:5:0,dead=500:500:255";
   struct Case {
     WireFrameLayout layout;
     const char* darkness;
@@ -319,7 +319,7 @@ TEST(EmulatedScene, DeadPixelsStickWhereTheDriverLooksForThem) {
                         {WireFrameLayout::Yuyv, ",dark=16"}};
   const uint32_t w = 64, h = 48;
   for (const Case& c : cases) {
-    auto source = Scene(spec + c.darkness);
+    auto source = Scene(scene + c.darkness);
     ASSERT_TRUE(source);
     const std::vector<uint8_t> f = Render(source, Request(w, h, c.layout));
     ASSERT_EQ(f.size(), WireFrameBytes(w, h, c.layout));
@@ -554,7 +554,7 @@ uint64_t GradientEnergy(const std::vector<uint8_t>& f, int width, int height) {
 
 TEST(EmulatedScene, FocusTargetIsSharpestAtTheFocusPosition) {
   struct Case {
-    const char* spec;
+    const char* scene;
     int32_t focus;  // where the picture must be sharpest
     uint32_t width, height;
   };
@@ -564,7 +564,7 @@ TEST(EmulatedScene, FocusTargetIsSharpestAtTheFocusPosition) {
                         {"bars", 100, 160, 120}};
   const int distances[] = {1, 2, 4, 8, 16, 32};
   for (const Case& c : cases) {
-    auto source = Scene(c.spec);
+    auto source = Scene(c.scene);
     ASSERT_TRUE(source);
     FrameRequest r = Request(c.width, c.height, WireFrameLayout::Yuyv);
     r.lensFitted = true;
@@ -578,10 +578,10 @@ TEST(EmulatedScene, FocusTargetIsSharpestAtTheFocusPosition) {
       const char* name = driver ? "driver's measure" : "gradient energy";
       for (int side : {-1, 1}) {
         uint64_t previous = measure(c.focus, driver);
-        EXPECT_GT(previous, 0u) << c.spec << " " << name;
+        EXPECT_GT(previous, 0u) << c.scene << " " << name;
         for (int d : distances) {
           const uint64_t s = measure(c.focus + side * d, driver);
-          EXPECT_LT(s, previous) << c.spec << " " << name << " at " << side * d;
+          EXPECT_LT(s, previous) << c.scene << " " << name << " at " << side * d;
           previous = s;
         }
       }
@@ -590,15 +590,15 @@ TEST(EmulatedScene, FocusTargetIsSharpestAtTheFocusPosition) {
 }
 
 TEST(EmulatedScene, WithoutALensThePictureStaysSharp) {
-  for (const char* spec : {"focus", "focus,focus=3"}) {
-    auto source = Scene(spec);
+  for (const char* scene : {"focus", "focus,focus=3"}) {
+    auto source = Scene(scene);
     ASSERT_TRUE(source);
     FrameRequest r = Request(64, 48, WireFrameLayout::Bayer);
     r.lensFocusPosition = 100;
     const std::vector<uint8_t> sharp = Render(source, r);
     for (int32_t position : {0, 60, 150}) {
       r.lensPosition = position;
-      EXPECT_EQ(Render(source, r), sharp) << spec << " at " << position;
+      EXPECT_EQ(Render(source, r), sharp) << scene << " at " << position;
     }
   }
 }
@@ -697,7 +697,7 @@ TEST(EmulatedScene, TextFormSetsTheConfiguration) {
   SceneConfig c;
   std::string error;
   ASSERT_TRUE(
-      ParseSceneSpec("face,speed=6,dead=10:20:255,dead=3:4:0,dark=8@48-96,focus=-5,"
+      ParseSceneText("face,speed=6,dead=10:20:255,dead=3:4:0,dark=8@48-96,focus=-5,"
                      "blur=12,defects=off,button=30-40,button=50,orient=1",
                      &c, &error))
       << error;
@@ -721,7 +721,7 @@ TEST(EmulatedScene, TextFormSetsTheConfiguration) {
   EXPECT_TRUE(c.buttonEvents[2].frame == 50 && c.buttonEvents[2].down);
   EXPECT_EQ(c.orientationInput, true);
 
-  ASSERT_TRUE(ParseSceneSpec("image=/tmp/a b.png,dark=off@5", &c, &error)) << error;
+  ASSERT_TRUE(ParseSceneText("image=/tmp/a b.png,dark=off@5", &c, &error)) << error;
   EXPECT_EQ(c.kind, SceneKind::Image);
   EXPECT_EQ(c.imagePath, "/tmp/a b.png");
   EXPECT_TRUE(c.lightsOff);
@@ -729,7 +729,7 @@ TEST(EmulatedScene, TextFormSetsTheConfiguration) {
   EXPECT_EQ(c.darkUntilFrame, UINT64_MAX);
   EXPECT_TRUE(c.deadPixels.empty()) << "each text starts from the defaults";
 
-  ASSERT_TRUE(ParseSceneSpec("", &c, &error));
+  ASSERT_TRUE(ParseSceneText("", &c, &error));
   EXPECT_EQ(c.kind, SceneKind::ColourBars);
 }
 
@@ -743,7 +743,7 @@ TEST(EmulatedScene, TextFormRefusesWhatItDoesNotKnow) {
     SceneConfig c;
     c.speed = 77;
     std::string error;
-    EXPECT_FALSE(ParseSceneSpec(text, &c, &error)) << text;
+    EXPECT_FALSE(ParseSceneText(text, &c, &error)) << text;
     EXPECT_EQ(c.speed, 77u) << text << ": left as it was";
     EXPECT_NE(error.find("scene"), std::string::npos) << text << ": " << error;
   }
@@ -804,10 +804,10 @@ TEST(EmulatedScene, OrientationInputReachesTheCamera) {
   EmulatedCamera camera;
   SceneConfig c;
   std::string error;
-  ASSERT_TRUE(ParseSceneSpec("bars,orient=1", &c, &error)) << error;
+  ASSERT_TRUE(ParseSceneText("bars,orient=1", &c, &error)) << error;
   ApplySceneInputs(c, &camera);
   EXPECT_NE(camera.PeekControllerRegister(0) & 0x10, 0);
-  ASSERT_TRUE(ParseSceneSpec("bars,orient=0", &c, &error)) << error;
+  ASSERT_TRUE(ParseSceneText("bars,orient=0", &c, &error)) << error;
   ApplySceneInputs(c, &camera);
   EXPECT_EQ(camera.PeekControllerRegister(0) & 0x10, 0);
 }

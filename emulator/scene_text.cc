@@ -191,7 +191,7 @@ bool ParseItem(std::string_view item, SceneConfig* c, bool* sceneSeen, std::stri
 
 }  // namespace
 
-bool ParseSceneSpec(const std::string& text, SceneConfig* config, std::string* error) noexcept {
+bool ParseSceneText(const std::string& text, SceneConfig* config, std::string* error) noexcept {
   try {
     SceneConfig parsed;
     bool sceneSeen = false;
