@@ -3,6 +3,7 @@
 // is what the driver would do with it, and only turns the engine's byte
 // offsets back into line numbers and words for the reader.
 
+#include "host/control_only_host.h"
 #include "tools/script_tool.h"
 
 #include <unistd.h>
@@ -150,26 +151,7 @@ NTSTATUS AnswerVendorRequest(DeviceContext*, uint8_t, uint16_t, uint16_t, void* 
   return STATUS_SUCCESS;
 }
 
-HostCalls MakeFakeHostCalls() {
-  HostCalls calls{};
-  calls.DriverEntry = [](void*, void*, uint32_t, uint32_t, PHW_RECEIVE_DEVICE_SRB) {
-    return STATUS_NOT_SUPPORTED;
-  };
-  calls.AdapterReceivePacket = [](PHW_STREAM_REQUEST_BLOCK, const USBCAMD_DEVICE_DATA*,
-                                  PDEVICE_OBJECT*, BOOLEAN) -> DeviceContext* { return nullptr; };
-  calls.InitializeNewInterface = [](DeviceContext*, const USBCAMD_DEVICE_DATA2*, uint32_t,
-                                    uint32_t) { return STATUS_NOT_SUPPORTED; };
-  calls.ControlVendorCommand = &AnswerVendorRequest;
-  calls.SelectAlternateInterface = [](DeviceContext*, USBD_INTERFACE_INFORMATION*) {
-    return STATUS_NOT_SUPPORTED;
-  };
-  calls.DeviceNotification = [](uint32_t, void*, PHW_STREAM_REQUEST_BLOCK) {};
-  calls.StreamNotification = [](uint32_t, HW_STREAM_OBJECT*, PHW_STREAM_REQUEST_BLOCK) {};
-  calls.ParseConfigurationDescriptorEx =
-      [](USB_CONFIGURATION_DESCRIPTOR*, void*, int32_t, int32_t, int32_t, int32_t,
-         int32_t) -> USB_INTERFACE_DESCRIPTOR* { return nullptr; };
-  return calls;
-}
+HostCalls MakeFakeHostCalls() { return ControlOnlyHostCalls(&AnswerVendorRequest); }
 
 // Installs the fake camera, virtual time and a debug print capture while it
 // lives, and puts back what it found.
