@@ -21,3 +21,29 @@ void PostWorkerCommand(DeviceContext* context, uint8_t command);
 // leaves frames alone: the wake event is signalled with a command other than a
 // lens move to the initial position or a focus step.
 bool IsWorkerReprogramming(DeviceContext* context);
+
+// Brings the camera up, in order: the format library, the lock, bus speed,
+// sensor detection, image libraries, the INIT sections, request 11, the
+// format list, the property model, the page settings, the shutter key
+// monitor and the worker thread. Host's thread, inside SRB_INITIALIZE_DEVICE.
+NTSTATUS CamInitialize(PDEVICE_OBJECT busDeviceObject, DeviceContext* context);
+// Saves the page settings and releases WorkBuffer, the companions and
+// SavedInterface. The threads have ended before (SRB_UNINITIALIZE_DEVICE).
+NTSTATUS CamUnInitialize(PDEVICE_OBJECT busDeviceObject, DeviceContext* context);
+
+// Post the start or stop command for stream 0 and return at once; the worker
+// does the slow part. The still stream returns at once.
+NTSTATUS CamStartCaptureEx(PDEVICE_OBJECT busDeviceObject, DeviceContext* context,
+                           uint32_t streamNumber);
+NTSTATUS CamStopCaptureEx(PDEVICE_OBJECT busDeviceObject, DeviceContext* context,
+                          uint32_t streamNumber);
+NTSTATUS CamStartCapture(PDEVICE_OBJECT busDeviceObject, DeviceContext* context);
+NTSTATUS CamStopCapture(PDEVICE_OBJECT busDeviceObject, DeviceContext* context);
+
+// Tells the companions a capture of the current format and size begins or
+// ends, and resets the frame-rate meter. BeginCaptureRun logs the format.
+void BeginCaptureRun(DeviceContext* context);
+void EndCaptureRun(DeviceContext* context);
+
+// The worker thread's routine; its context is the DeviceContext.
+void WorkerThread(void* context);

@@ -30,6 +30,8 @@ constexpr uint32_t DeadPixelMaxEntries = 65536;
 constexpr uint32_t FrameTimeRingSize = 40;
 constexpr uint32_t FocusStepTableSize = 12;
 constexpr uint32_t SensorNameChars = 16;
+constexpr uint32_t FormatCatalogueRows = 40;
+constexpr uint32_t ModeSectionNameBytes = 32;
 
 // Worker thread commands.
 enum WorkerCommandCode : uint8_t {
@@ -211,6 +213,16 @@ struct DeviceContext {
   uint8_t BlankFrameActive;
   uint32_t BlankFrameCount;
   uint32_t BlankPacketCountdown;
+
+  // -------- this camera's own copies of what a driver-wide table would hold
+  // The formats both pins offer, best first, as BuildFormatList ranked them
+  // from this camera's description: two cameras with different descriptions
+  // each offer their own.
+  const KS_DATARANGE_VIDEO* FormatList[FormatCatalogueRows];
+  uint32_t FormatCount;
+  // The mode's section name with this camera's speed prefix; ModeSection
+  // points here or at a shared row of the mode table, which is never changed.
+  char ModeSectionName[ModeSectionNameBytes];
 };
 
 // The bytes of ControlMethod and IspType as the pipeline reads them.

@@ -75,3 +75,22 @@ USB_INTERFACE_DESCRIPTOR* USBD_ParseConfigurationDescriptorEx(
                                               interfaceNumber, alternateSetting, interfaceClass,
                                               interfaceSubClass, interfaceProtocol);
 }
+
+PIRP IoBuildSynchronousFsdRequest(uint8_t majorFunction, PDEVICE_OBJECT deviceObject, KEVENT* event,
+                                  IO_STATUS_BLOCK* ioStatusBlock) {
+  const HostCalls* host = GetHostCalls();
+  if (!host || !host->BuildSynchronousFsdRequest) return nullptr;
+  return host->BuildSynchronousFsdRequest(majorFunction, deviceObject, event, ioStatusBlock);
+}
+
+NTSTATUS IofCallDriver(PDEVICE_OBJECT deviceObject, PIRP irp) {
+  const HostCalls* host = GetHostCalls();
+  if (!host || !host->CallDriver) return STATUS_DEVICE_NOT_CONNECTED;
+  return host->CallDriver(deviceObject, irp);
+}
+
+BOOLEAN IoCancelIrp(PIRP irp) {
+  const HostCalls* host = GetHostCalls();
+  if (!host || !host->CancelIrp) return FALSE;
+  return host->CancelIrp(irp);
+}

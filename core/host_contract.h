@@ -165,12 +165,106 @@ struct PORT_CONFIGURATION_INFORMATION {
   uint32_t NumberOfPowerStates;
 };
 
-struct HW_STREAM_INFORMATION;  // one row of the stream table
+// ---------------------------------------------------------------- data ranges
+
+struct KS_SIZE {
+  int32_t cx;
+  int32_t cy;
+};
+
+// What a video format range allows: sizes, cropping, scaling, frame intervals
+// (100 ns units) and bit rates. 128 bytes.
+struct KS_VIDEO_STREAM_CONFIG_CAPS {
+  GUID guid;
+  uint32_t VideoStandard;
+  KS_SIZE InputSize;
+  KS_SIZE MinCroppingSize;
+  KS_SIZE MaxCroppingSize;
+  int32_t CropGranularityX;
+  int32_t CropGranularityY;
+  int32_t CropAlignX;
+  int32_t CropAlignY;
+  KS_SIZE MinOutputSize;
+  KS_SIZE MaxOutputSize;
+  int32_t OutputGranularityX;
+  int32_t OutputGranularityY;
+  int32_t StretchTapsX;
+  int32_t StretchTapsY;
+  int32_t ShrinkTapsX;
+  int32_t ShrinkTapsY;
+  int64_t MinFrameInterval;
+  int64_t MaxFrameInterval;
+  int32_t MinBitsPerSecond;
+  int32_t MaxBitsPerSecond;
+};
+static_assert(sizeof(KS_VIDEO_STREAM_CONFIG_CAPS) == 128, "config caps are 128 bytes");
+
+// A data range has the layout of a data format head.
+typedef KSDATAFORMAT KSDATARANGE;
+
+// One video format a stream offers: the range head, the flags, the caps and
+// the video info header of the format it stands for. 296 bytes.
+struct KS_DATARANGE_VIDEO {
+  KSDATARANGE DataRange;
+  int32_t bFixedSizeSamples;
+  int32_t bTemporalCompression;
+  uint32_t StreamDescriptionFlags;
+  uint32_t MemoryAllocationFlags;
+  KS_VIDEO_STREAM_CONFIG_CAPS ConfigCaps;
+  KS_VIDEOINFOHEADER VideoInfoHeader;
+};
+static_assert(sizeof(KSDATAFORMAT) == 64, "a data format head is 64 bytes");
+static_assert(sizeof(KS_VIDEOINFOHEADER) == 88, "a video info header is 88 bytes");
+static_assert(sizeof(KS_DATARANGE_VIDEO) == 296, "a video data range is 296 bytes");
+static_assert(sizeof(KS_DATAFORMAT_VIDEOINFOHEADER) == 152, "a video format is 152 bytes");
+
+constexpr uint32_t KS_VIDEOSTREAM_CAPTURE = 2;
+
+// ---------------------------------------------------------------- property sets
+
+// One property of a set: its id, the least sizes of the property and data
+// buffers, and whether get and set are served.
+struct KSPROPERTY_ITEM {
+  uint32_t PropertyId;
+  BOOLEAN GetSupported;
+  BOOLEAN SetSupported;
+  uint32_t MinProperty;
+  uint32_t MinData;
+};
+
+struct KSPROPERTY_SET {
+  const GUID* Set;
+  uint32_t PropertiesCount;
+  const KSPROPERTY_ITEM* PropertyItem;
+};
+
+// ---------------------------------------------------------------- streams
+
+constexpr int32_t KSPIN_DATAFLOW_OUT = 2;
+
+// One row of the stream table the driver gives the host.
+struct HW_STREAM_INFORMATION {
+  uint32_t NumberOfPossibleInstances;
+  int32_t DataFlow;
+  BOOLEAN DataAccessible;
+  uint32_t NumberOfFormatArrayEntries;
+  const KS_DATARANGE_VIDEO* const* StreamFormatsArray;
+  uint32_t NumStreamPropArrayEntries;
+  const KSPROPERTY_SET* StreamPropertiesArray;
+  uint32_t NumStreamEventArrayEntries;
+  const void* StreamEventsArray;
+  const GUID* Category;
+  const GUID* Name;
+  uint32_t MediumsCount;
+  const void* Mediums;
+  BOOLEAN BridgeStream;
+};
+
 struct HW_STREAM_HEADER {
   uint32_t NumberOfStreams;
   uint32_t SizeOfHwStreamInformation;
   uint32_t NumDevPropArrayEntries;
-  const void* DevicePropertiesArray;
+  const KSPROPERTY_SET* DevicePropertiesArray;
 };
 // What SRB_GET_STREAM_INFO fills: the header, then NumberOfStreams rows.
 struct HW_STREAM_DESCRIPTOR {
@@ -338,6 +432,35 @@ struct USBCAMD_INTERFACE {
 };
 static_assert(sizeof(USBCAMD_INTERFACE) == 72, "the host's extra interface is 72 bytes");
 
+// ---------------------------------------------------------------- I/O requests
+
+// The few fields of an I/O request the driver fills or reads: a plug-and-play
+// interface query sent to the class device object, and the idle request.
+constexpr uint8_t IRP_MJ_PNP = 0x1B;
+constexpr uint8_t IRP_MN_QUERY_INTERFACE = 0x08;
+
+struct IO_STACK_LOCATION {
+  uint8_t MajorFunction;
+  uint8_t MinorFunction;
+  union {
+    struct {
+      const GUID* InterfaceType;
+      uint16_t Size;
+      uint16_t Version;
+      void* Interface;
+      void* InterfaceSpecificData;
+    } QueryInterface;
+  } Parameters;
+};
+
+struct IRP {
+  IO_STATUS_BLOCK IoStatus;
+  IO_STACK_LOCATION Stack;  // the next (and only) stack location
+  KEVENT* UserEvent;        // signalled when a synchronous request completes
+  IO_STATUS_BLOCK* UserIosb;
+  BOOLEAN Cancel;
+};
+
 // ---------------------------------------------------------------- callback tables
 
 // The first form, given with every USBCAMD_AdapterReceivePacket that carries a
@@ -419,7 +542,8 @@ constexpr uint32_t DeviceRequestComplete = 1;
 constexpr uint32_t StreamRequestComplete = 3;
 
 // The calls the driver makes into the host, as one table the host layer fills
-// with SetHostCalls before the driver's entry runs. Every slot is required.
+// with SetHostCalls before the driver's entry runs. Every slot is required
+// but the three I/O manager calls, which a host without them leaves null.
 // The driver reaches them only through the like-named routines below, so it
 // never knows whether a real capture host or a test double answers.
 struct HostCalls {
@@ -455,6 +579,15 @@ struct HostCalls {
       USB_CONFIGURATION_DESCRIPTOR* configurationDescriptor, void* startPosition,
       int32_t interfaceNumber, int32_t alternateSetting, int32_t interfaceClass,
       int32_t interfaceSubClass, int32_t interfaceProtocol);
+  // The I/O manager's calls: a synchronous request without a buffer for
+  // `deviceObject` (null when none can be had; the caller fills the stack
+  // location), sending it (the request is freed when it completes: its status
+  // goes to `UserIosb` and `UserEvent` is signalled; STATUS_PENDING when that
+  // happens later), and cancelling one.
+  PIRP (*BuildSynchronousFsdRequest)(uint8_t majorFunction, PDEVICE_OBJECT deviceObject,
+                                     KEVENT* event, IO_STATUS_BLOCK* ioStatusBlock);
+  NTSTATUS (*CallDriver)(PDEVICE_OBJECT deviceObject, PIRP irp);
+  BOOLEAN (*CancelIrp)(PIRP irp);
 };
 
 // Installs the host's calls (null uninstalls). The host layer or a test does
@@ -484,3 +617,7 @@ USB_INTERFACE_DESCRIPTOR* USBD_ParseConfigurationDescriptorEx(
     USB_CONFIGURATION_DESCRIPTOR* configurationDescriptor, void* startPosition,
     int32_t interfaceNumber, int32_t alternateSetting, int32_t interfaceClass,
     int32_t interfaceSubClass, int32_t interfaceProtocol);
+PIRP IoBuildSynchronousFsdRequest(uint8_t majorFunction, PDEVICE_OBJECT deviceObject, KEVENT* event,
+                                  IO_STATUS_BLOCK* ioStatusBlock);
+NTSTATUS IofCallDriver(PDEVICE_OBJECT deviceObject, PIRP irp);
+BOOLEAN IoCancelIrp(PIRP irp);

@@ -30,11 +30,6 @@ constexpr ULONG FILE_OVERWRITE_IF = 5;
 constexpr ULONG FILE_SYNCHRONOUS_IO_NONALERT = 0x20;
 constexpr ULONG FILE_NON_DIRECTORY_FILE = 0x40;
 
-struct IO_STATUS_BLOCK {
-  NTSTATUS Status;
-  uint64_t Information;  // bytes read; for a create FILE_OPENED or FILE_CREATED
-};
-
 constexpr uint64_t FILE_OPENED = 1;
 constexpr uint64_t FILE_CREATED = 2;
 

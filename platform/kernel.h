@@ -41,6 +41,13 @@ union LARGE_INTEGER {
   int64_t QuadPart;
 };
 
+// The outcome of an I/O request: its status and a count (bytes read; for a
+// file create FILE_OPENED or FILE_CREATED).
+struct IO_STATUS_BLOCK {
+  NTSTATUS Status;
+  uint64_t Information;
+};
+
 // ---------------------------------------------------------------- events
 
 enum EVENT_TYPE : int32_t { NotificationEvent = 0, SynchronizationEvent = 1 };
