@@ -13,3 +13,5 @@ bool IsWorkerReprogramming(DeviceContext* context) {
   uint8_t command = LoadShared(context->WorkerCommand);
   return command != WorkerLensToInitialPosition && command != WorkerFocusStep;
 }
+
+void WorkerThread(void*) {}
