@@ -72,8 +72,8 @@ std::unique_ptr<UsbTrace> OpenUsbTrace(const std::string& path, std::string* err
 struct HostedCameraConfig {
   // The camera on the bus; not owned, it outlives the hosted camera.
   EmulatedCamera* camera = nullptr;
-  // Absolute path of the device's software key ("\REGISTRY\MACHINE\SYSTEM\
-  // CurrentControlSet\Control\Class\{...}\0000"), where its description lies.
+  // Absolute path of the device's software key, where its description lies:
+  // "\REGISTRY\MACHINE\SYSTEM\CurrentControlSet\Control\Class\{...}\0000".
   std::u16string deviceKeyPath;
   UsbTrace* trace = nullptr;  // not owned
 };
