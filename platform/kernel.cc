@@ -757,11 +757,100 @@ bool KernelCheckBalanced(std::string* report, ULONG poolTag) {
 
 // ---------------------------------------------------------------- debug print
 
+namespace {
+
+// The kernel's debug print knows %ws, a zero-terminated 16-bit string, which
+// the C library does not. A format that holds one is formatted conversion by
+// conversion; the 16-bit characters outside ASCII show as '?'.
+void FormatWithWideStrings(char* line, size_t size, const char* format, va_list args) {
+  std::string out;
+  const char* at = format;
+  while (*at != 0) {
+    if (*at != '%') {
+      out += *at++;
+      continue;
+    }
+    std::string spec = "%";
+    ++at;
+    while (*at != 0 && std::strchr("-+ #0", *at)) spec += *at++;
+    for (int part = 0; part < 2; ++part) {  // width, then precision
+      if (part == 1) {
+        if (*at != '.') break;
+        spec += *at++;
+      }
+      if (*at == '*') {
+        spec += std::to_string(va_arg(args, int));
+        ++at;
+      }
+      while (*at >= '0' && *at <= '9') spec += *at++;
+    }
+    std::string length;
+    while (*at != 0 && std::strchr("hlLzjtw", *at)) length += *at++;
+    const char conversion = *at;
+    if (conversion == 0) break;
+    ++at;
+    char piece[512];
+    piece[0] = 0;
+    const std::string plain = spec + conversion;
+    const std::string full = spec + length + conversion;
+    switch (conversion) {
+      case '%':
+        out += '%';
+        continue;
+      case 's':
+        if (length == "w") {
+          const WCHAR* wide = va_arg(args, const WCHAR*);
+          std::string narrow;
+          for (; wide != nullptr && *wide != 0; ++wide) narrow += *wide < 0x80 ? char(*wide) : '?';
+          std::snprintf(piece, sizeof piece, plain.c_str(), wide ? narrow.c_str() : "(null)");
+        } else {
+          std::snprintf(piece, sizeof piece, plain.c_str(), va_arg(args, const char*));
+        }
+        break;
+      case 'd':
+      case 'i':
+      case 'u':
+      case 'o':
+      case 'x':
+      case 'X':
+      case 'c':
+        if (length == "l") {
+          std::snprintf(piece, sizeof piece, full.c_str(), va_arg(args, long));
+        } else if (length == "ll" || length == "j") {
+          std::snprintf(piece, sizeof piece, full.c_str(), va_arg(args, long long));
+        } else if (length == "z" || length == "t") {
+          std::snprintf(piece, sizeof piece, full.c_str(), va_arg(args, size_t));
+        } else {
+          std::snprintf(piece, sizeof piece, full.c_str(), va_arg(args, int));
+        }
+        break;
+      case 'p':
+        std::snprintf(piece, sizeof piece, plain.c_str(), va_arg(args, void*));
+        break;
+      default:  // floating point
+        if (length == "L") {
+          std::snprintf(piece, sizeof piece, full.c_str(), va_arg(args, long double));
+        } else {
+          std::snprintf(piece, sizeof piece, plain.c_str(), va_arg(args, double));
+        }
+        break;
+    }
+    out += piece;
+  }
+  std::snprintf(line, size, "%s", out.c_str());
+}
+
+}  // namespace
+
 ULONG DbgPrint(const char* format, ...) {
   char line[1024];
   va_list args;
   va_start(args, format);
-  std::vsnprintf(line, sizeof line, format, args);
+  if (std::strstr(format, "%ws") != nullptr) {
+    FormatWithWideStrings(line, sizeof line, format, args);
+  } else {
+    std::vsnprintf(line, sizeof line, format, args);
+  }
   va_end(args);
   PrintState& print = Print();
   std::lock_guard<std::mutex> guard(print.lock);
