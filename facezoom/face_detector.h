@@ -16,3 +16,9 @@ struct FaceBox {
 // The detector's fixed grid.
 constexpr uint32_t FaceGridColumns = 160;
 constexpr uint32_t FaceGridRows = 120;
+
+struct DeviceContext;
+
+// Looks for the face in one YUY2 picture (row stride 2 x width) and keeps its
+// box in FaceRect. Only reads the picture.
+void TrackFace(DeviceContext* context, const uint8_t* frame, uint32_t width, uint32_t height);

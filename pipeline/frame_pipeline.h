@@ -79,9 +79,55 @@ void ConvertRawToPicture(DeviceContext* context, uint8_t* destination, uint8_t* 
 void Resample1280To1024(const uint8_t* source, uint8_t* destination, uint32_t sourceWidth,
                         uint32_t sourceHeight, uint32_t width, uint32_t height);
 
+// The four routes of the own route, by wire layout and face tracking. They
+// take the arguments of ConvertRawToPicture.
+void RoutePlainBayer(DeviceContext* context, uint8_t* picture, uint8_t* raw, uint32_t width,
+                     uint32_t height, uint32_t wireWidth, uint32_t wireHeight);
+void RouteTrackedBayer(DeviceContext* context, uint8_t* picture, uint8_t* raw, uint32_t width,
+                       uint32_t height, uint32_t wireWidth, uint32_t wireHeight);
+void RoutePlainYuyv(DeviceContext* context, uint8_t* picture, uint8_t* raw, uint32_t width,
+                    uint32_t height, uint32_t wireWidth, uint32_t wireHeight);
+void RouteTrackedYuyv(DeviceContext* context, uint8_t* picture, uint8_t* source, uint32_t width,
+                      uint32_t height, uint32_t wireWidth, uint32_t wireHeight);
+
+// A YUYV picture `sourceWidth` wide to `width` x `height`: one of the four
+// resamplers below picked by the widths' ratio, else a plain copy.
+void ResampleYuyv(uint8_t* destination, const uint8_t* source, uint32_t width, uint32_t height,
+                  uint32_t sourceWidth);
+void ResampleWirePicture(const uint8_t* source, uint32_t sourceWidth, uint32_t sourceHeight,
+                         uint8_t* destination, uint32_t width, uint32_t height);
+
+// Bytes of a raw frame that the own route reads for this mode: the wire frame
+// of a Bayer or YUYV wire (the fixed 1280 x 960 frame at output width 1024),
+// nothing for other wires.
+uint32_t OwnRouteRawBytes(const DeviceContext* context);
+
+// ---------------------------------------------------------------- geometry resamplers
+//
+// YUY2 pictures; `width` and `height` are those of the output, and source and
+// destination are different buffers. Each output byte is a weighted mean of
+// source bytes rounded down once, at the end.
+
+// Box filter over 2 x 2 pixels: the source is 2 x width by 2 x height.
+void ShrinkYuy2By2(uint8_t* destination, const uint8_t* source, uint32_t width, uint32_t height);
+// Box filter over 4 x 4 pixels: the source is 4 x width by 4 x height.
+void ShrinkYuy2By4(uint8_t* destination, const uint8_t* source, uint32_t width, uint32_t height);
+// Linear interpolation at half steps: the source is width / 2 by height / 2.
+void GrowYuy2By2(uint8_t* destination, const uint8_t* source, uint32_t width, uint32_t height);
+// Linear interpolation at quarter steps: the source is width / 4 by height / 4.
+void GrowYuy2By4(uint8_t* destination, const uint8_t* source, uint32_t width, uint32_t height);
+
 // ---------------------------------------------------------------- picture cleaning
 
+// Dead samples: on the first frame of each 24-frame cycle (with the form's
+// threshold set) one scan pass, then on every frame the repair of every listed
+// sample. `width` and `height` are the wire size.
 void RepairDeadPixelsBayer(DeviceContext* context, uint8_t* raw, uint32_t width, uint32_t height);
 void RepairDeadPixelsYuyv(DeviceContext* context, uint8_t* raw, uint32_t width, uint32_t height);
+// One scan pass each: DeadPixelPass says which quarter of the frame.
+void ScanDeadPixelsBayer(DeviceContext* context, const uint8_t* raw, uint32_t width,
+                         uint32_t height);
+void ScanDeadPixelsYuyv(DeviceContext* context, const uint8_t* raw, uint32_t width,
+                        uint32_t height);
 void BlankDarkFrameRgb(DeviceContext* context, uint8_t* picture, uint32_t width, uint32_t height);
 void BlankDarkFrameYuyv(DeviceContext* context, uint8_t* picture, uint32_t width, uint32_t height);

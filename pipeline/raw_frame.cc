@@ -47,6 +47,18 @@ bool PictureFitsBuffers(const DeviceContext* context, uint32_t frameLength) {
   return OutputPictureBytes(context) <= frameLength;
 }
 
+// Whether the raw frame buffer holds what the driver's own route reads: the
+// wire frame of the mode (the fixed 1280 x 960 frame at width 1024). The host
+// sizes its raw buffer from the mode's frame size, so this fails only for a
+// mode whose wire frame is larger than its own frame size says (width 1024
+// with a scale mode that gives fewer than 1280 x 960 pixels); the frame is then
+// not developed rather than read past the buffer. The image processor route
+// reads what the library asks for and is not tested here.
+bool RawFrameFitsBuffer(const DeviceContext* context, uint32_t rawFrameLength) {
+  if (RawPipelineKind(context) == 1) return true;
+  return OwnRouteRawBytes(context) <= rawFrameLength;
+}
+
 void PaintBlankFrame(uint8_t* output, uint32_t length) {
   for (uint32_t i = 0; i + 1 < length; i += 2) {
     output[i] = BlankPatternLuma;
@@ -234,8 +246,8 @@ void DevelopFrame(DeviceContext* context, uint8_t* output, uint8_t* raw) {
 }
 
 NTSTATUS ProcessRawFrame(PDEVICE_OBJECT, DeviceContext* context, void*, void* frameBuffer,
-                         uint32_t frameLength, void* rawFrameBuffer, uint32_t, uint32_t,
-                         uint32_t* bytesReturned) {
+                         uint32_t frameLength, void* rawFrameBuffer, uint32_t rawFrameLength,
+                         uint32_t, uint32_t* bytesReturned) {
   uint8_t* output = static_cast<uint8_t*>(frameBuffer);
 
   // The first frame after a stream open is painted near black, with no byte
@@ -265,7 +277,7 @@ NTSTATUS ProcessRawFrame(PDEVICE_OBJECT, DeviceContext* context, void*, void* fr
   *bytesReturned = deliver ? frameLength : 0;
 
   if (context->FrameCounter >= FrameCycleLength) context->FrameCounter = 0;
-  if (PictureFitsBuffers(context, frameLength)) {
+  if (PictureFitsBuffers(context, frameLength) && RawFrameFitsBuffer(context, rawFrameLength)) {
     DevelopFrame(context, output, static_cast<uint8_t*>(rawFrameBuffer));
   } else {
     *bytesReturned = 0;
