@@ -1,0 +1,266 @@
+// The USB trace files: the text lines a person reads, and the pcap file that
+// Wireshark and tshark decode, checked against the published pcap and usbmon
+// layouts byte by byte (offsets written out here, not taken from the writer).
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "host/capture_host.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class UsbTraceFile : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    folder_ = fs::temp_directory_path() / ("mr740-usb-trace-" + std::to_string(::getpid()));
+    fs::create_directories(folder_);
+  }
+  void TearDown() override { fs::remove_all(folder_); }
+
+  std::string Path(const char* name) const { return (folder_ / name).string(); }
+
+  static std::vector<uint8_t> Bytes(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  }
+
+  fs::path folder_;
+};
+
+using UsbTraceFileThreads = UsbTraceFile;
+
+uint32_t Le32(const uint8_t* at) {
+  return uint32_t(at[0]) | uint32_t(at[1]) << 8 | uint32_t(at[2]) << 16 | uint32_t(at[3]) << 24;
+}
+uint16_t Le16(const uint8_t* at) { return uint16_t(at[0] | at[1] << 8); }
+int32_t LeS32(const uint8_t* at) { return int32_t(Le32(at)); }
+
+UsbControlRecord Record(int64_t time, uint8_t request, uint16_t value, uint16_t index, bool in,
+                        std::vector<uint8_t> data, NTSTATUS status, bool dataStage = true,
+                        uint32_t length = 0) {
+  UsbControlRecord record;
+  record.time100ns = time;
+  record.request = request;
+  record.value = value;
+  record.index = index;
+  record.getData = in;
+  record.hasDataStage = dataStage;
+  record.requestedLength = dataStage ? (length ? length : uint32_t(data.size())) : 0;
+  record.data = std::move(data);
+  record.status = status;
+  return record;
+}
+
+// One pcap record: its usbmon header and what follows it.
+struct PcapRecord {
+  const uint8_t* event;  // the 64-byte usbmon header
+  uint32_t captured;     // bytes after the header
+  const uint8_t* data;
+};
+
+std::vector<PcapRecord> Records(const std::vector<uint8_t>& file) {
+  std::vector<PcapRecord> records;
+  size_t at = 24;
+  while (at + 16 <= file.size()) {
+    const uint32_t included = Le32(&file[at + 8]);
+    EXPECT_EQ(Le32(&file[at + 12]), included) << "original length of record " << records.size();
+    EXPECT_GE(included, 64u);
+    if (at + 16 + included > file.size() || included < 64) {
+      ADD_FAILURE() << "record " << records.size() << " runs past the file";
+      break;
+    }
+    const uint8_t* event = &file[at + 16];
+    records.push_back({event, included - 64, event + 64});
+    EXPECT_EQ(Le32(event + 36), included - 64) << "len_cap of record " << records.size() - 1;
+    at += 16 + included;
+  }
+  EXPECT_EQ(at, file.size());
+  return records;
+}
+
+TEST_F(UsbTraceFile, TextLinesShowEveryFieldOfARequestAndOfAStreamChange) {
+  {
+    std::string error;
+    std::unique_ptr<UsbTrace> trace = OpenUsbTrace(Path("trace.txt"), &error);
+    ASSERT_TRUE(trace) << error;
+    const int64_t t0 = 130000000000000000;
+    // One-step read of the OV7670's product id, a register write without data
+    // stage that stalls, a burst write, the stream on alternate setting 5 and
+    // off again.
+    trace->Control(Record(t0, 2, 0x4200, 0x000A, true, {0x76}, STATUS_SUCCESS));
+    trace->Control(Record(t0 + 15000, 1, 0x4212, 0x0012, false, {}, STATUS_UNSUCCESSFUL, false));
+    trace->Control(Record(t0 + 20000, 3, 0x4200, 0x0017, false, {0x11, 0x61, 0xC3},
+                          STATUS_SUCCESS));
+    trace->Control(Record(t0 + 20001, 2, 0x4200, 0x000B, true, {}, STATUS_DEVICE_NOT_CONNECTED,
+                          true, 1));
+    trace->Stream({t0 + 10000000, 1, 5, 3072, STATUS_SUCCESS});
+    trace->Stream({t0 + 25000000, 1, 0, 0, STATUS_SUCCESS});
+  }
+  std::ifstream file(Path("trace.txt"));
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(file, line);) lines.push_back(line);
+  const std::vector<std::string> expected = {
+      "0.0000000 control in  request 2 value 0x4200 index 0x000a length 1 data 76 STATUS_SUCCESS",
+      "0.0015000 control out request 1 value 0x4212 index 0x0012 length none STATUS_UNSUCCESSFUL",
+      "0.0020000 control out request 3 value 0x4200 index 0x0017 length 3 data 11 61 c3 "
+      "STATUS_SUCCESS",
+      "0.0020001 control in  request 2 value 0x4200 index 0x000b length 1 data - "
+      "STATUS_DEVICE_NOT_CONNECTED",
+      "1.0000000 stream start interface 1 alternate 5 max packet 3072 STATUS_SUCCESS",
+      "2.5000000 stream stop interface 1 alternate 0 STATUS_SUCCESS",
+  };
+  EXPECT_EQ(lines, expected);
+}
+
+TEST_F(UsbTraceFile, PcapHasTheUsbmonLinkTypeAndDecodesFieldByField) {
+  const int64_t unix2020 = 15778368000000000;  // 2020-01-01 in 100 ns since 1970
+  const int64_t t = 116444736000000000 + unix2020 + 1234560;  // + 0.123456 s
+  {
+    std::string error;
+    std::unique_ptr<UsbTrace> trace = OpenUsbTrace(Path("trace.pcap"), &error);
+    ASSERT_TRUE(trace) << error;
+    trace->Control(Record(t, 3, 0x4200, 0x0017, false, {0x11, 0x61, 0xC3}, STATUS_SUCCESS));
+    trace->Control(Record(t, 2, 0x0000, 0x0004, true, {0x04}, STATUS_SUCCESS));
+    trace->Control(Record(t, 1, 0x6001, 0x8000, false, {}, STATUS_UNSUCCESSFUL, false));
+    trace->Control(Record(t, 6, 0x0003, 0, true, {}, STATUS_DEVICE_NOT_CONNECTED, true, 64));
+    trace->Stream({t, 1, 4, 0x0C00, STATUS_SUCCESS});
+  }
+  const std::vector<uint8_t> file = Bytes(Path("trace.pcap"));
+  ASSERT_GE(file.size(), 24u);
+  // The classic pcap global header, little-endian, microsecond stamps.
+  EXPECT_EQ(Le32(&file[0]), 0xA1B2C3D4u);
+  EXPECT_EQ(Le16(&file[4]), 2);
+  EXPECT_EQ(Le16(&file[6]), 4);
+  EXPECT_EQ(Le32(&file[8]), 0u);
+  EXPECT_EQ(Le32(&file[12]), 0u);
+  EXPECT_GE(Le32(&file[16]), 64u + 64u);
+  EXPECT_EQ(Le32(&file[20]), 220u) << "LINKTYPE_USB_LINUX_MMAPPED";
+  const std::vector<PcapRecord> records = Records(file);
+  ASSERT_EQ(records.size(), 10u);
+  EXPECT_EQ(Le32(&file[24]), 1577836800u) << "record seconds";
+  EXPECT_EQ(Le32(&file[28]), 123456u) << "record microseconds";
+
+  struct Expected {
+    char type;
+    uint8_t endpoint;
+    bool setup;
+    uint8_t setupBytes[8];
+    int32_t status;
+    uint32_t length;
+    std::vector<uint8_t> data;
+  };
+  const int32_t inProgress = -EINPROGRESS;
+  const Expected expected[] = {
+      // Burst write: vendor OUT, the data on the submission.
+      {'S', 0x00, true, {0x40, 3, 0x00, 0x42, 0x17, 0x00, 3, 0}, inProgress, 3, {0x11, 0x61, 0xC3}},
+      {'C', 0x00, false, {}, 0, 3, {}},
+      // One-byte read: vendor IN, the data on the completion.
+      {'S', 0x80, true, {0xC0, 2, 0x00, 0x00, 0x04, 0x00, 1, 0}, inProgress, 1, {}},
+      {'C', 0x80, false, {}, 0, 1, {0x04}},
+      // Write without data stage that the camera stalls.
+      {'S', 0x00, true, {0x40, 1, 0x01, 0x60, 0x00, 0x80, 0, 0}, inProgress, 0, {}},
+      {'C', 0x00, false, {}, -EPIPE, 0, {}},
+      // A block read on a camera that has gone.
+      {'S', 0x80, true, {0xC0, 6, 0x03, 0x00, 0x00, 0x00, 64, 0}, inProgress, 64, {}},
+      {'C', 0x80, false, {}, -ENODEV, 0, {}},
+      // The stream on alternate setting 4: SET_INTERFACE to interface 1.
+      {'S', 0x00, true, {0x01, 11, 0x04, 0x00, 0x01, 0x00, 0, 0}, inProgress, 0, {}},
+      {'C', 0x00, false, {}, 0, 0, {}},
+  };
+  for (size_t i = 0; i < records.size(); ++i) {
+    SCOPED_TRACE("record " + std::to_string(i));
+    const uint8_t* e = records[i].event;
+    const Expected& x = expected[i];
+    EXPECT_EQ(e[8], uint8_t(x.type));
+    EXPECT_EQ(e[9], 2) << "transfer type control";
+    EXPECT_EQ(e[10], x.endpoint);
+    EXPECT_EQ(e[11], 2) << "device";
+    EXPECT_EQ(Le16(e + 12), 1) << "bus";
+    EXPECT_EQ(e[14], x.setup ? 0 : '-') << "setup flag";
+    EXPECT_EQ(Le32(e + 16), 1577836800u) << "seconds (low word)";
+    EXPECT_EQ(Le32(e + 20), 0u) << "seconds (high word)";
+    EXPECT_EQ(LeS32(e + 24), 123456) << "microseconds";
+    EXPECT_EQ(LeS32(e + 28), x.status);
+    EXPECT_EQ(Le32(e + 32), x.length) << "URB length";
+    if (x.setup) {
+      EXPECT_EQ(std::vector<uint8_t>(e + 40, e + 48), std::vector<uint8_t>(x.setupBytes, x.setupBytes + 8));
+    }
+    EXPECT_EQ(std::vector<uint8_t>(records[i].data, records[i].data + records[i].captured), x.data);
+    if (!x.data.empty()) {
+      EXPECT_EQ(e[15], 0) << "data flag: data present";
+    }
+    // Submission and completion of one transfer share the URB id, and no
+    // other transfer has it.
+    if (i % 2 == 1) {
+      EXPECT_EQ(std::memcmp(e, records[i - 1].event, 8), 0);
+    } else if (i > 0) {
+      EXPECT_NE(std::memcmp(e, records[i - 1].event, 8), 0);
+    }
+  }
+}
+
+TEST_F(UsbTraceFile, AnUnwritablePathGivesNoTraceAndSaysWhy) {
+  std::string error;
+  EXPECT_FALSE(OpenUsbTrace(Path("no-such-folder/trace.pcap"), &error));
+  EXPECT_NE(error.find("no-such-folder/trace.pcap"), std::string::npos) << error;
+}
+
+// The driver's host thread and worker send requests at once: every record
+// lands whole, in either form.
+TEST_F(UsbTraceFileThreads, RecordsFromManyThreadsStayWhole) {
+  constexpr int kThreads = 4;
+  constexpr int kEach = 300;
+  for (const char* name : {"threads.pcap", "threads.txt"}) {
+    SCOPED_TRACE(name);
+    {
+      std::string error;
+      std::unique_ptr<UsbTrace> trace = OpenUsbTrace(Path(name), &error);
+      ASSERT_TRUE(trace) << error;
+      std::vector<std::thread> threads;
+      for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&trace, t] {
+          for (int i = 0; i < kEach; ++i) {
+            trace->Control(Record(i, 3, uint16_t(t), uint16_t(i), false,
+                                  std::vector<uint8_t>(size_t(1 + i % 7), uint8_t(t)),
+                                  STATUS_SUCCESS));
+          }
+        });
+      }
+      for (std::thread& thread : threads) thread.join();
+    }
+    const std::vector<uint8_t> file = Bytes(Path(name));
+    if (std::string(name).ends_with(".pcap")) {
+      const std::vector<PcapRecord> records = Records(file);
+      ASSERT_EQ(records.size(), size_t(2 * kThreads * kEach));
+      for (const PcapRecord& record : records) {
+        if (record.event[8] != 'S') continue;
+        const uint16_t thread = Le16(record.event + 42);
+        ASSERT_EQ(record.captured, Le16(record.event + 46));
+        for (uint32_t b = 0; b < record.captured; ++b) ASSERT_EQ(record.data[b], thread);
+      }
+    } else {
+      std::istringstream text(std::string(file.begin(), file.end()));
+      size_t lines = 0;
+      for (std::string line; std::getline(text, line); ++lines) {
+        ASSERT_TRUE(line.find(" control out request 3 value 0x000") != std::string::npos &&
+                    line.ends_with(" STATUS_SUCCESS"))
+            << line;
+      }
+      EXPECT_EQ(lines, size_t(kThreads * kEach));
+    }
+  }
+}
+
+}  // namespace
