@@ -125,7 +125,8 @@ void FindIdleAlternateSetting(DeviceContext* context,
           position + sizeof(USB_ENDPOINT_DESCRIPTOR) <= total) {
         USB_ENDPOINT_DESCRIPTOR endpoint;
         std::memcpy(&endpoint, base + position, sizeof endpoint);
-        if ((endpoint.bmAttributes & 3) == 3) {
+        // The transfer type, bits 0 and 1, is 1 for an isochronous endpoint.
+        if ((endpoint.bmAttributes & 3) == 1) {
           if (endpoint.wMaxPacketSize < best) {
             best = endpoint.wMaxPacketSize;
             context->IdleAlternateSetting = static_cast<uint8_t>(n);

@@ -1,0 +1,489 @@
+// Configuration and bandwidth: the settings read first, the idle and
+// streaming alternate settings, the pipe configuration, and the raw frame
+// length the host must provide for.
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "core/interface_configuration.h"
+#include "platform/kernel_control.h"
+#include "platform/registry_control.h"
+#include "tests/device_fixture.h"
+#include "tests/fake_capture_host.h"
+
+namespace {
+
+// The interface information the host hands over: header and two pipes.
+struct InterfaceRecord {
+  USBD_INTERFACE_INFORMATION info;
+  USBD_PIPE_INFORMATION extraPipe;
+};
+
+InterfaceRecord MakeInterface() {
+  InterfaceRecord record = {};
+  record.info.Length = sizeof record;
+  record.info.InterfaceNumber = 0;
+  record.info.NumberOfPipes = 2;
+  record.info.Pipes[0].MaximumPacketSize = 0x1234;
+  record.extraPipe.MaximumPacketSize = 0x0F0F;
+  return record;
+}
+
+class ConfigurationTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ResetRegistry();
+    device_->PhysicalDeviceObject = reinterpret_cast<DEVICE_OBJECT*>(&pdo_);
+    BindDeviceRegistryKey(device_->PhysicalDeviceObject, key_);
+    host_.context = device_.context;
+  }
+  void TearDown() override {
+    if (device_->SavedInterface != nullptr) ExFreePool(device_->SavedInterface);
+    device_->SavedInterface = nullptr;
+    UnbindDeviceRegistryKey(device_->PhysicalDeviceObject);
+    std::string report;
+    EXPECT_TRUE(KernelCheckBalanced(&report)) << report;
+    ResetRegistry();
+  }
+
+  void Set(const char16_t* name, uint32_t value) { SetRegistryDword(key_, name, value); }
+
+  NTSTATUS Configure(USB_CONFIGURATION_DESCRIPTOR* configuration, uint16_t bcdDevice,
+                     InterfaceRecord* record, USBCAMD_Pipe_Config_Descriptor* pipes = nullptr,
+                     uint32_t pipeCount = 0) {
+    USB_DEVICE_DESCRIPTOR descriptor = {};
+    descriptor.bcdDevice = bcdDevice;
+    return CamConfigureEx(nullptr, device_.context, &record->info, configuration, pipeCount, pipes,
+                          &descriptor);
+  }
+
+  char pdo_ = 0;
+  std::u16string key_ = DeviceSoftwareKeyPath(3);
+  TestDevice device_;
+  FakeCaptureHost host_;
+};
+
+// ---------------------------------------------------------------- alternate settings
+
+TEST_F(ConfigurationTest, TheWalkFindsTheSettingWithTheSmallestIsochronousPacket) {
+  struct Case {
+    const char* name;
+    ConfigurationBuilder builder;
+    size_t totalLength;  // 0: all of it
+    uint8_t idle;
+  };
+  std::vector<Case> cases;
+  {
+    // Setting 0 has no endpoints, though an isochronous endpoint of 16 bytes
+    // stands behind it: it is skipped all the same. 128 twice: the first wins.
+    ConfigurationBuilder b;
+    b.Interface(1, 0, 0).Other(5).Endpoint(16);
+    b.Interface(1, 1, 1).Endpoint(512);
+    b.Interface(1, 2, 2).Other(7).Endpoint(64, 2).Endpoint(128);
+    b.Interface(1, 3, 1).Endpoint(128);
+    b.Interface(1, 4, 1).Endpoint(1023);
+    cases.push_back({"smallest first wins, endpointless setting skipped", b, 0, 2});
+  }
+  {
+    // A bulk endpoint only: the walk runs into the next interface and finds
+    // nothing for setting 1.
+    ConfigurationBuilder b;
+    b.Interface(1, 0, 1).Endpoint(900);
+    b.Interface(1, 1, 1).Endpoint(8, 2);
+    b.Interface(1, 2, 1).Endpoint(700);
+    cases.push_back({"bulk endpoints do not count", b, 0, 2});
+  }
+  {
+    // The last endpoint lies partly beyond wTotalLength: it is not read.
+    ConfigurationBuilder b;
+    b.Interface(1, 0, 1).Endpoint(600);
+    b.Interface(1, 1, 1).Endpoint(100);
+    cases.push_back({"no reading past wTotalLength", b, b.bytes.size() - 3, 0});
+  }
+  {
+    // A descriptor of length 0 ends the walk of its setting.
+    ConfigurationBuilder b;
+    b.Interface(1, 0, 1).Endpoint(600);
+    b.Interface(1, 1, 1);
+    b.bytes.insert(b.bytes.end(), {0, 5, 0x81, 1, 10, 0, 1});
+    cases.push_back({"a zero bLength stops", b, 0, 0});
+  }
+  for (Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    device_->IdleAlternateSetting = 0xEE;
+    InterfaceRecord record = MakeInterface();
+    record.info.AlternateSetting = 9;
+    ASSERT_EQ(Configure(c.builder.Finish(c.totalLength), 0x0200, &record), STATUS_SUCCESS);
+    EXPECT_EQ(device_->IdleAlternateSetting, c.idle);
+    EXPECT_EQ(device_->InterfaceNumber, 1);
+    EXPECT_EQ(record.info.AlternateSetting, 0) << "the host opens setting 0";
+  }
+}
+
+TEST_F(ConfigurationTest, WithoutAVideoInterfaceTheRevisionDecidesTheSettings) {
+  struct Case {
+    uint16_t bcdDevice;
+    bool nullDescriptor;
+    uint8_t idle;
+    uint8_t opened;  // AlternateSetting given back to the host
+    uint32_t revision2;
+  };
+  const Case cases[] = {
+      {0x0100, false, 1, 1, 0},
+      {0x0102, false, 1, 1, 0},
+      {0x0103, false, 0, 5, 0},  // opens with InitAlternateSetting
+      {0x01FF, false, 0, 5, 0},
+      {0x0200, false, 0, 5, 1},
+      {0x0200, true, 1, 9, 0},  // no device descriptor: idle 1, nothing else touched
+  };
+  Set(u"InitAlternateSetting", 5);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.bcdDevice);
+    ConfigurationBuilder b;
+    b.Interface(0, 0, 1, 0xFF, 0xFF).Endpoint(64);
+    InterfaceRecord record = MakeInterface();
+    record.info.AlternateSetting = 9;
+    device_->InterfaceNumber = 7;
+    device_->IsRevision2Chip = 0;
+    USB_DEVICE_DESCRIPTOR descriptor = {};
+    descriptor.bcdDevice = c.bcdDevice;
+    ASSERT_EQ(CamConfigureEx(nullptr, device_.context, &record.info, b.Finish(), 0, nullptr,
+                             c.nullDescriptor ? nullptr : &descriptor),
+              STATUS_SUCCESS);
+    EXPECT_EQ(device_->IdleAlternateSetting, c.idle);
+    EXPECT_EQ(record.info.AlternateSetting, c.opened);
+    EXPECT_EQ(device_->IsRevision2Chip, c.revision2);
+    if (!c.nullDescriptor) {
+      EXPECT_EQ(device_->InterfaceNumber, 0);
+    }
+  }
+}
+
+// ---------------------------------------------------------------- settings
+
+TEST_F(ConfigurationTest, TheTwelveValuesAreReadAndSelSuspendOneMeansSixtySeconds) {
+  struct Case {
+    uint32_t selSuspend;
+    int32_t timeout;
+  };
+  const Case cases[] = {{0, 0}, {1, 600000000}, {2, 2}, {600, 600}};
+  Set(u"ScriptFrameNumber", 0x030201);
+  Set(u"DeadPixelRGB24", 11);
+  Set(u"DeadPixelYUYV", 12);
+  Set(u"BlackBodyDarkRGB24", 13);
+  Set(u"BlackBodyDarkYUYV", 14);
+  Set(u"InvertImage", 3);
+  Set(u"InvertFrameNumber", 4);
+  Set(u"EngineerMode", 6);
+  Set(u"PollingShutterKey", 250);
+  Set(u"InitAlternateSetting", 0x102);  // kept as one byte
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.selSuspend);
+    Set(u"SelSuspend", c.selSuspend);
+    InterfaceRecord record = MakeInterface();
+    ConfigurationBuilder b;
+    b.Interface(0, 0, 0);
+    ASSERT_EQ(Configure(b.Finish(), 0x0200, &record), STATUS_SUCCESS);
+    EXPECT_EQ(device_->SelSuspendTimeout, c.timeout);
+  }
+  EXPECT_EQ(device_->ScriptFrameNumber, 0x030201u);
+  EXPECT_EQ(device_->DeadPixelRGB24, 11u);
+  EXPECT_EQ(device_->DeadPixelYUYV, 12u);
+  EXPECT_EQ(device_->BlackBodyDarkRGB24, 13u);
+  EXPECT_EQ(device_->BlackBodyDarkYUYV, 14u);
+  EXPECT_EQ(device_->InvertImage, 3u);
+  EXPECT_EQ(device_->InvertFrameNumber, 4u);
+  EXPECT_EQ(device_->EngineerMode, 6u);
+  EXPECT_EQ(device_->PollingShutterKey, 250u);
+  EXPECT_EQ(device_->InitAlternateSetting, 2);
+  EXPECT_EQ(device_->Signature, 2145u);
+}
+
+TEST_F(ConfigurationTest, PipesAreConfiguredForOneOrTwoStreams) {
+  struct Case {
+    uint32_t stillPin;
+    uint32_t listSize;
+    uint32_t streamCount;
+    std::vector<uint8_t> expected;  // association, flags, per entry; 0xAA untouched
+  };
+  const Case cases[] = {
+      {0, 4, 1, {1, 1, 0, 8, 0, 8, 0, 0, 0xAA, 0xAA, 0xAA, 0xAA}},
+      {2, 4, 2, {3, 2, 0, 8, 0, 8, 0, 0, 0xAA, 0xAA, 0xAA, 0xAA}},
+      {1, 2, 2, {3, 2, 0, 8, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA}},
+      {0, 6, 1, {1, 1, 0, 8, 0, 8, 0, 0, 0xAA, 0xAA, 0xAA, 0xAA}},  // only four exist
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.stillPin * 10 + c.listSize);
+    Set(u"StillPin", c.stillPin);
+    USBCAMD_Pipe_Config_Descriptor pipes[6];
+    std::memset(pipes, 0xAA, sizeof pipes);
+    InterfaceRecord record = MakeInterface();
+    ConfigurationBuilder b;
+    b.Interface(0, 0, 0);
+    ASSERT_EQ(Configure(b.Finish(), 0x0200, &record, pipes, c.listSize), STATUS_SUCCESS);
+    EXPECT_EQ(device_->StreamCount, c.streamCount);
+    EXPECT_EQ(std::vector<uint8_t>(reinterpret_cast<uint8_t*>(pipes),
+                                   reinterpret_cast<uint8_t*>(pipes) + 12),
+              c.expected);
+  }
+}
+
+TEST_F(ConfigurationTest, PrpKeyNumberIsTheLastFourCharactersTakenAsDigits) {
+  struct Case {
+    std::u16string key;
+    uint32_t number;
+  };
+  const Case cases[] = {
+      {DeviceSoftwareKeyPath(3), 3},
+      {DeviceSoftwareKeyPath(1207), 1207},
+      // No check that they are digits: 1, 2, 'x' (120 - 48 = 72), 4.
+      {u"\\REGISTRY\\MACHINE\\SOFTWARE\\Cams\\Cam12x4", 1 * 1000 + 2 * 100 + 72 * 10 + 4},
+  };
+  for (const Case& c : cases) {
+    BindDeviceRegistryKey(device_->PhysicalDeviceObject, c.key);
+    InterfaceRecord record = MakeInterface();
+    ConfigurationBuilder b;
+    b.Interface(0, 0, 0);
+    ASSERT_EQ(Configure(b.Finish(), 0x0200, &record), STATUS_SUCCESS);
+    uint32_t number = 0;
+    ASSERT_TRUE(GetRegistryDword(ServiceKeyPath, u"PrpKeyNumber", &number));
+    EXPECT_EQ(number, c.number);
+  }
+}
+
+TEST_F(ConfigurationTest, TheInterfaceIsCopiedWholeAndAFailedCopyIsReported) {
+  InterfaceRecord record = MakeInterface();
+  ConfigurationBuilder b;
+  b.Interface(0, 0, 0);
+  ASSERT_EQ(Configure(b.Finish(), 0x0200, &record), STATUS_SUCCESS);
+  ASSERT_NE(device_->SavedInterface, nullptr);
+  ASSERT_NE(device_->SavedInterface, &record.info);
+  EXPECT_EQ(std::memcmp(device_->SavedInterface, &record, sizeof record), 0);
+  EXPECT_EQ(PoolLiveBytes(PoolTagWdm), sizeof record);
+
+  // A second configuration replaces the copy; without an interface it goes.
+  ASSERT_EQ(Configure(b.Finish(), 0x0200, &record), STATUS_SUCCESS);
+  EXPECT_EQ(PoolLiveBlocks(PoolTagWdm), 1u);
+  USB_DEVICE_DESCRIPTOR descriptor = {};
+  ASSERT_EQ(CamConfigureEx(nullptr, device_.context, nullptr, b.Finish(), 0, nullptr, &descriptor),
+            STATUS_SUCCESS);
+  EXPECT_EQ(device_->SavedInterface, nullptr);
+  EXPECT_EQ(PoolLiveBlocks(PoolTagWdm), 0u);
+
+  // The first form reads nothing and names pipe 0 for data, 2 for sync.
+  int32_t data = -1, sync = -1;
+  PoolFailAllocation(1);
+  EXPECT_EQ(CamConfigure(nullptr, device_.context, &record.info, b.Finish(), &data, &sync),
+            STATUS_INSUFFICIENT_RESOURCES);
+  EXPECT_EQ(device_->SavedInterface, nullptr);
+  device_->Signature = 0;
+  EXPECT_EQ(CamConfigure(nullptr, device_.context, &record.info, b.Finish(), &data, &sync),
+            STATUS_SUCCESS);
+  EXPECT_EQ(data, 0);
+  EXPECT_EQ(sync, 2);
+  EXPECT_EQ(device_->Signature, 2145u);
+  EXPECT_EQ(CamConfigure(nullptr, device_.context, nullptr, b.Finish(), &data, &sync),
+            STATUS_SUCCESS);
+  EXPECT_EQ(device_->SavedInterface, nullptr);
+}
+
+// ---------------------------------------------------------------- frame size
+
+TEST(RawFrameSize, FollowsTheWireFormatAndScaleMode) {
+  struct Case {
+    uint8_t wire;
+    uint32_t compression;
+    uint8_t scale;
+    uint32_t width, height;
+    uint32_t bytes;  // worked by hand from the bytes per two pixels
+  };
+  const Case cases[] = {
+      {1, CompressionYUY2, 0, 640, 480, 307200},      // b 2
+      {1, CompressionYUY2, 1, 640, 480, 307200},
+      {1, CompressionYUY2, 2, 640, 480, 1228800},     // a quarter-size picture on the wire x4
+      {2, CompressionRGB24, 3, 640, 480, 153600},     // (307200 / 4) * 4 / 2
+      {1, CompressionRGB24, 4, 320, 240, 1228800},    // 76800 * 2 * 16 / 2
+      {3, CompressionRGB24, 5, 484, 240, 10890},      // (116160 / 16) = 7260, * 3 / 2
+      {3, CompressionRGB24, 3, 176, 144, 9504},       // 25344 / 4 = 6336, * 3 / 2
+      {0, CompressionRGB24, 0, 640, 480, 307200},     // follows the output format: Bayer
+      {0, CompressionYUY2, 0, 640, 480, 614400},      // YUYV
+      {0, CompressionI420, 0, 640, 480, 460800},      // 4:2:0
+      {0, 0x12345678, 0, 640, 480, 307200},           // unknown output: 2
+      {7, CompressionYUY2, 0, 640, 480, 307200},      // unknown wire: 2
+      {2, CompressionYUY2, 5, 122, 2, 30},            // 244 / 16 = 15, * 4 / 2
+      {2, CompressionYUY2, 6, 640, 480, 0},           // no such scale mode
+      {2, CompressionYUY2, 255, 640, 480, 0},
+  };
+  TestDevice device;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << int(c.wire) << "/" << int(c.scale) << " " << c.width);
+    device.SetMode(c.compression, 0, 0, c.scale, c.wire, 0);
+    EXPECT_EQ(GetRawFrameSize(device.context, c.width, c.height), c.bytes);
+  }
+}
+
+// ---------------------------------------------------------------- bandwidth
+
+class BandwidthTest : public ConfigurationTest {
+ protected:
+  void SetUp() override {
+    ConfigurationTest::SetUp();
+    InterfaceRecord record = MakeInterface();
+    ConfigurationBuilder b;
+    b.Interface(2, 0, 0).Interface(2, 1, 1).Endpoint(128).Interface(2, 3, 1).Endpoint(1000);
+    ASSERT_EQ(Configure(b.Finish(), 0x0200, &record), STATUS_SUCCESS);
+    ASSERT_EQ(device_->IdleAlternateSetting, 1);
+    host_.packetSize = {{1, 128}, {3, 1000}};
+  }
+
+  // The mode key SelectMode reads for a format and size.
+  void SetMode(const char16_t* format, const char16_t* size, uint32_t controlMethod,
+               uint32_t alternate) {
+    std::u16string mode = key_ + u"\\InitialSetting\\" + format + u"\\" + size;
+    SetRegistryDword(mode, u"ControlMethod", controlMethod);
+    SetRegistryDword(mode, u"AlternateSetting", alternate);
+  }
+
+  KS_DATAFORMAT_VIDEOINFOHEADER Format(int32_t width, int32_t height, uint16_t bits,
+                                       uint32_t compression) {
+    KS_DATAFORMAT_VIDEOINFOHEADER format = {};
+    format.DataFormat.FormatSize = sizeof format;
+    format.VideoInfoHeader.bmiHeader.biWidth = width;
+    format.VideoInfoHeader.bmiHeader.biHeight = height;
+    format.VideoInfoHeader.bmiHeader.biBitCount = bits;
+    format.VideoInfoHeader.bmiHeader.biCompression = compression;
+    return format;
+  }
+};
+
+TEST_F(BandwidthTest, AllocationSelectsTheModesSettingAndRoundsTheFrameToPackets) {
+  struct Case {
+    const char* name;
+    uint32_t width, height;
+    uint16_t bits;
+    uint32_t biCompression;
+    uint32_t controlMethod;
+    uint32_t rawFrameLength;
+    uint32_t compression;
+  };
+  const Case cases[] = {
+      // 307200 rounded up to a multiple of 1000.
+      {"RGB24 Bayer", 640, 480, 24, CompressionRGB24, 0x0100, 308000, CompressionRGB24},
+      {"biCompression 0 is RGB24", 640, 480, 24, 0, 0x0100, 308000, CompressionRGB24},
+      // (307200 / 4) * 4 / 2 = 153600, rounded up to 154000.
+      {"YUYV quarter", 640, 480, 16, CompressionYUY2, 0x0203, 154000, CompressionYUY2},
+      // 240 * 3 * 320 / 2 = 115200, rounded up to 116000.
+      {"I420 follows output", 320, 240, 12, CompressionI420, 0x0000, 116000, CompressionI420},
+  };
+  SetMode(u"RGB24", u"640", 0x0100, 3);
+  SetMode(u"YUYV", u"640", 0x0203, 3);
+  SetMode(u"I420", u"320", 0x0000, 3);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    host_.ClearLog();
+    device_->CurrentCompression = 0;
+    device_->StillEventPending = 1;
+    KS_DATAFORMAT_VIDEOINFOHEADER format = Format(c.width, c.height, c.bits, c.biCompression);
+    uint32_t rawFrameLength = 1;
+    ASSERT_EQ(CamAllocateBandwidthEx(nullptr, device_.context, &rawFrameLength, &format, 0),
+              STATUS_SUCCESS);
+    EXPECT_EQ(device_->CurrentCompression, c.compression);
+    EXPECT_EQ(device_->ControlMethod, c.controlMethod);
+    EXPECT_EQ(rawFrameLength, c.rawFrameLength);
+    EXPECT_EQ(device_->WorkerCommand, 128);
+    EXPECT_EQ(device_->ImageWidth, c.width);
+    EXPECT_EQ(device_->ImageHeight, c.height);
+    EXPECT_EQ(device_->FaceRect.Left, 0);
+    EXPECT_EQ(device_->FaceRect.Right, int32_t(c.width) - 1);
+    EXPECT_EQ(device_->FaceRect.Top, 0);
+    EXPECT_EQ(device_->FaceRect.Bottom, int32_t(c.height) - 1);
+    EXPECT_EQ(device_->StillEventPending, 0);
+    EXPECT_EQ(host_.Log(), std::vector<std::string>{"select 2 3"});
+  }
+}
+
+TEST_F(BandwidthTest, AFormatOfAnotherDepthKeepsThePreviousCompression) {
+  const struct {
+    uint16_t bits;
+    uint32_t compression;
+  } cases[] = {{16, CompressionRGB24}, {24, CompressionYUY2}, {32, 0}, {12, CompressionYUY2}};
+  SetMode(u"YUYV", u"640", 0x0201, 3);
+  for (const auto& c : cases) {
+    device_->CurrentCompression = CompressionYUY2;
+    KS_DATAFORMAT_VIDEOINFOHEADER format = Format(640, 480, c.bits, c.compression);
+    uint32_t rawFrameLength = 0;
+    ASSERT_EQ(CamAllocateBandwidthEx(nullptr, device_.context, &rawFrameLength, &format, 0),
+              STATUS_SUCCESS);
+    EXPECT_EQ(device_->CurrentCompression, CompressionYUY2);
+  }
+}
+
+TEST_F(BandwidthTest, FailuresLeaveTheIdleSettingAndTheMarker) {
+  struct Case {
+    const char* name;
+    uint32_t controlMethod;
+    NTSTATUS selectStatus;
+    NTSTATUS result;
+    std::vector<std::string> log;
+  };
+  const Case cases[] = {
+      {"scale mode 6 has no frame size", 0x0106, STATUS_SUCCESS, STATUS_INVALID_PARAMETER, {}},
+      {"the streaming setting refused", 0x0100, STATUS_UNSUCCESSFUL,
+       STATUS_INSUFFICIENT_RESOURCES, {"select 2 3"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    SetMode(u"RGB24", u"640", c.controlMethod, 3);
+    host_.selectStatus = c.selectStatus;
+    host_.ClearLog();
+    KS_DATAFORMAT_VIDEOINFOHEADER format = Format(640, 480, 24, CompressionRGB24);
+    uint32_t rawFrameLength = 99;
+    EXPECT_EQ(CamAllocateBandwidthEx(nullptr, device_.context, &rawFrameLength, &format, 0),
+              c.result);
+    EXPECT_EQ(rawFrameLength, 0u);
+    EXPECT_EQ(device_->WorkerCommand, 128);
+    EXPECT_EQ(host_.Log(), c.log);
+  }
+}
+
+TEST_F(BandwidthTest, TheStillStreamNeedsNoBandwidthOfItsOwn) {
+  KS_DATAFORMAT_VIDEOINFOHEADER format = Format(1600, 1200, 24, CompressionRGB24);
+  uint32_t rawFrameLength = 0;
+  device_->WorkerCommand = 0;
+  EXPECT_EQ(CamAllocateBandwidthEx(nullptr, device_.context, &rawFrameLength, &format, 1),
+            STATUS_SUCCESS);
+  EXPECT_EQ(rawFrameLength, 115200u);
+  EXPECT_EQ(device_->WorkerCommand, 0);
+  EXPECT_EQ(device_->ImageWidth, 0u);
+  EXPECT_EQ(CamFreeBandwidthEx(nullptr, device_.context, 1), STATUS_SUCCESS);
+  EXPECT_TRUE(host_.Log().empty());
+}
+
+TEST_F(BandwidthTest, TheMonitorsImageWidthFollowsAllocationAndRelease) {
+  Set(u"PollingShutterKey", 100);
+  device_->PollingShutterKey = 100;
+  SetMode(u"RGB24", u"640", 0x0100, 3);
+  KS_DATAFORMAT_VIDEOINFOHEADER format = Format(640, 480, 24, CompressionRGB24);
+  uint32_t rawFrameLength = 0;
+  // The first form is stream 0.
+  ASSERT_EQ(CamAllocateBandwidth(nullptr, device_.context, &rawFrameLength, &format),
+            STATUS_SUCCESS);
+  uint32_t width = 0;
+  ASSERT_TRUE(GetRegistryDword(key_, u"ImageWidth", &width));
+  EXPECT_EQ(width, 640u);
+
+  host_.ClearLog();
+  EXPECT_EQ(CamFreeBandwidth(nullptr, device_.context), STATUS_SUCCESS);
+  ASSERT_TRUE(GetRegistryDword(key_, u"ImageWidth", &width));
+  EXPECT_EQ(width, 0u);
+  EXPECT_EQ(device_->ImageWidth, 0u);
+  EXPECT_EQ(device_->ImageHeight, 0u);
+  EXPECT_EQ(host_.Log(), std::vector<std::string>{"select 2 1"});
+  host_.selectStatus = STATUS_UNSUCCESSFUL;
+  EXPECT_EQ(CamFreeBandwidthEx(nullptr, device_.context, 0), STATUS_UNSUCCESSFUL);
+}
+
+}  // namespace
