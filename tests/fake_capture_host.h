@@ -168,6 +168,10 @@ class FakeCaptureHost {
       self->Record("select " + std::to_string(interface->InterfaceNumber) + " " +
                    std::to_string(interface->AlternateSetting));
       if (self->selectStatus < 0) return self->selectStatus;
+      if (self->camera != nullptr) {
+        NTSTATUS status = self->camera->SelectAlternateSetting(interface->AlternateSetting);
+        if (status < 0) return status;
+      }
       auto size = self->packetSize.find(interface->AlternateSetting);
       interface->Pipes[0].MaximumPacketSize = size == self->packetSize.end() ? 0 : size->second;
       return self->selectStatus;

@@ -1,0 +1,434 @@
+// The capture lifecycle: start-up in its order and each way it can fail, the
+// worker's start and stop commands against the emulated OV2640 camera, the
+// command-replacement rule, and teardown leaving nothing behind.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/capture_lifecycle.h"
+#include "core/interface_configuration.h"
+#include "core/packet_dispatch.h"
+#include "emulator/emulated_camera.h"
+#include "platform/files_control.h"
+#include "platform/kernel_control.h"
+#include "platform/registry_control.h"
+#include "tests/device_fixture.h"
+#include "tests/fake_capture_host.h"
+
+namespace {
+
+const std::string kRepository = MR740_SOURCE_DIR;
+const std::u16string kDeviceKey = DeviceSoftwareKeyPath(1);  // the OV2640 camera's
+
+struct InterfaceRecord {
+  USBD_INTERFACE_INFORMATION info;
+  USBD_PIPE_INFORMATION extraPipe;
+};
+
+// The OV2640 camera's description in the registry, its scripts on drive C,
+// the emulated camera behind the fake host, and the device configured as the
+// host would configure it.
+class CameraRig {
+ public:
+  explicit CameraRig(bool highSpeed = true,
+                     const std::function<void()>& describe = std::function<void()>()) {
+    ResetRegistry();
+    std::string error;
+    EXPECT_TRUE(LoadRegistryFile(kRepository + "/cameras/ov2640-camera/ov2640-camera.reg", &error))
+        << error;
+    if (describe) describe();
+    MapDosDrive('C', kRepository);
+    EmulatedCameraConfig config;
+    config.sensors = {EmulatedSensorConfig{EmulatedSensorKind::OV2640}};
+    config.bcdDevice = 0x0200;
+    config.highSpeed = highSpeed;
+    camera = std::make_unique<EmulatedCamera>(config);
+    host.camera = camera.get();
+    host.context = device.context;
+    device->PhysicalDeviceObject = reinterpret_cast<DEVICE_OBJECT*>(&pdo_);
+    BindDeviceRegistryKey(device->PhysicalDeviceObject, kDeviceKey);
+
+    configuration_ = camera->ConfigurationDescriptorBytes();
+    USB_DEVICE_DESCRIPTOR descriptor = camera->DeviceDescriptor();
+    InterfaceRecord record = {};
+    record.info.Length = sizeof record;
+    record.info.NumberOfPipes = 1;
+    EXPECT_EQ(CamConfigureEx(nullptr, device.context, &record.info,
+                             reinterpret_cast<USB_CONFIGURATION_DESCRIPTOR*>(configuration_.data()),
+                             0, nullptr, &descriptor),
+              STATUS_SUCCESS);
+    for (uint8_t i = 0; i < camera->AlternateSettingCount(); ++i) {
+      host.packetSize[i] = uint16_t(EmulatedCamera::PacketBytesPerInterval(
+          camera->AlternateSettingMaxPacketSize(i)));
+    }
+    threadsBefore_ = SystemThreadsRunning();
+  }
+  ~CameraRig() {
+    UnbindDeviceRegistryKey(device->PhysicalDeviceObject);
+    MapDosDrive('C', "");
+    ResetRegistry();
+  }
+
+  // SRB_UNINITIALIZE_DEVICE, then the host's CamUnInitialize; afterwards no
+  // thread, pool block or held mutex of the camera is left.
+  void TearDown() {
+    HW_STREAM_REQUEST_BLOCK srb = {};
+    srb.Command = SRB_UNINITIALIZE_DEVICE;
+    AdapterPacketHandler(&srb);
+    EXPECT_EQ(CamUnInitialize(nullptr, device.context), STATUS_SUCCESS);
+    EXPECT_EQ(device->WorkBuffer, nullptr);
+    EXPECT_EQ(device->SavedInterface, nullptr);
+    EXPECT_TRUE(JoinSystemThreads());
+    std::string report;
+    EXPECT_TRUE(KernelCheckBalanced(&report)) << report;
+    EXPECT_EQ(PoolLiveBlocks(PoolTagWdm), 0u);
+  }
+
+  bool WorkerIdle() {
+    return LoadShared(device->WorkerCommand) == 0 &&
+           KeReadStateEvent(&device->WorkerEvents[WorkerWakeEvent]) == 0;
+  }
+  bool WaitForWorker() {
+    return FakeCaptureHost::WaitUntil([this] { return WorkerIdle(); });
+  }
+
+  void Allocate(int32_t width, int32_t height) {
+    KS_DATAFORMAT_VIDEOINFOHEADER format = {};
+    format.DataFormat.FormatSize = sizeof format;
+    format.VideoInfoHeader.bmiHeader.biWidth = width;
+    format.VideoInfoHeader.bmiHeader.biHeight = height;
+    format.VideoInfoHeader.bmiHeader.biBitCount = 24;
+    format.VideoInfoHeader.bmiHeader.biCompression = CompressionRGB24;
+    uint32_t rawFrameLength = 0;
+    ASSERT_EQ(CamAllocateBandwidthEx(nullptr, device.context, &rawFrameLength, &format, 0),
+              STATUS_SUCCESS);
+  }
+
+  uint32_t threadsBefore() const { return threadsBefore_; }
+
+  DebugPrintCapture quiet;  // the scripts' lines stay out of the test output
+  FakeCaptureHost host;
+  TestDevice device;
+  std::unique_ptr<EmulatedCamera> camera;
+
+ private:
+  char pdo_ = 0;
+  std::vector<uint8_t> configuration_;
+  uint32_t threadsBefore_ = 0;
+};
+
+std::vector<std::string> FormatLines(const DebugPrintCapture& capture) {
+  std::vector<std::string> lines;
+  for (const std::string& line : capture.Lines()) {
+    if (line.rfind("Format : ", 0) == 0) lines.push_back(line);
+  }
+  return lines;
+}
+
+// ---------------------------------------------------------------- start-up
+
+TEST(CameraStartUpThreads, StartUpEndsWithRequestElevenAndAnIdleWorker) {
+  CameraRig rig;
+  ASSERT_EQ(CamInitialize(nullptr, rig.device.context), STATUS_SUCCESS);
+  DeviceContext* c = rig.device.context;
+
+  EXPECT_EQ(std::u16string(c->SensorName), u"OV2640");
+  EXPECT_NE(c->WorkBuffer, nullptr);
+  EXPECT_GT(c->FormatCount, 0u);
+  EXPECT_EQ(c->ShutterReleaseCount, 0xFFFFFFFFu);
+  EXPECT_EQ(c->InitScriptsFresh, 1);
+  EXPECT_EQ(c->StreamOpen, 0);
+  EXPECT_EQ(c->ImageWidth, 0u);
+  EXPECT_TRUE(rig.camera->StartupEnded());
+
+  // The bus speed is read before anything is written, and request 11 is the
+  // last request of start-up: the INIT sections ran before it.
+  std::vector<std::string> log = rig.host.Log();
+  std::vector<std::string> vendor;
+  for (const std::string& line : log) {
+    if (line.rfind("vendor ", 0) == 0) vendor.push_back(line);
+  }
+  ASSERT_FALSE(vendor.empty());
+  EXPECT_EQ(vendor.front().substr(0, 9), "vendor 2 ");
+  EXPECT_EQ(vendor.back(), "vendor 11 0000 0000");
+  EXPECT_GT(vendor.size(), 20u) << "detection and the INIT sections send requests";
+
+  // The worker pauses, then rests the interface on its idle setting.
+  const std::string idle = "select " + std::to_string(c->InterfaceNumber) + " " +
+                           std::to_string(c->IdleAlternateSetting);
+  EXPECT_TRUE(FakeCaptureHost::WaitUntil([&] { return rig.host.Count(idle) == 1; }));
+  EXPECT_EQ(SystemThreadsRunning(), rig.threadsBefore() + 1);
+
+  rig.TearDown();
+  EXPECT_EQ(LastSetEventPriority(&c->WorkerEvents[WorkerStopEvent]), SignalPriority);
+  EXPECT_EQ(LastSetEventPriority(&c->WorkerEvents[WorkerDoneEvent]), EndingPriority);
+  uint32_t connection = 7;
+  ASSERT_TRUE(GetRegistryDword(ServiceKeyPath, u"ConnectionState", &connection));
+  EXPECT_EQ(connection, 0u);
+}
+
+TEST(CameraStartUpThreads, EachFailedStepEndsStartUpAndFreesTheInterfaceCopy) {
+  struct Case {
+    const char* name;
+    bool highSpeed;
+    std::function<void()> describe;
+    bool unplugOnFirstWrite;
+    NTSTATUS status;
+  };
+  const Case cases[] = {
+      {"unplugged during detection", true, nullptr, true, STATUS_DEVICE_NOT_CONNECTED},
+      {"high speed forced on a full-speed device", false,
+       [] { SetRegistryDword(kDeviceKey, u"ForceHighSpeed", 1); }, false,
+       STATUS_INSUFFICIENT_RESOURCES},
+      {"no candidate answers", true,
+       [] { SetRegistryDword(kDeviceKey + u"\\SensorDetect\\Sensor00\\00", u"Data", 0x55); },
+       false, STATUS_INSUFFICIENT_RESOURCES},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    CameraRig rig(c.highSpeed, c.describe);
+    ASSERT_NE(rig.device->SavedInterface, nullptr);
+    if (c.unplugOnFirstWrite) {
+      EmulatedCamera* camera = rig.camera.get();
+      rig.host.vendorStatus = [camera](uint8_t request, uint16_t) {
+        if (request == 1) camera->Unplug();
+        return STATUS_SUCCESS;
+      };
+    }
+    EXPECT_EQ(CamInitialize(nullptr, rig.device.context), c.status);
+    EXPECT_EQ(rig.device->SavedInterface, nullptr);
+    EXPECT_EQ(rig.host.Count("vendor 11 0000 0000"), 0u);
+    EXPECT_EQ(SystemThreadsRunning(), rig.threadsBefore()) << "no worker after a failure";
+    if (!c.highSpeed) {
+      EXPECT_TRUE(rig.camera->RestartRequested());
+    }
+    rig.TearDown();
+  }
+}
+
+TEST(CameraStartUpThreads, ALensStartUpIsPostedBeforeTheWorkersFirstLook) {
+  // LensKind 1: the worker finds command 3 after its pause and leaves the
+  // interface's setting alone.
+  CameraRig rig(true, [] {
+    SetRegistryDword(kDeviceKey + u"\\OV2640\\PropertySetting", u"ISPType", 0x00010000);
+  });
+  ASSERT_EQ(CamInitialize(nullptr, rig.device.context), STATUS_SUCCESS);
+  EXPECT_EQ(LensKind(rig.device.context), 1);
+  EXPECT_TRUE(rig.WaitForWorker());
+  for (const std::string& line : rig.host.Log()) {
+    EXPECT_NE(line.rfind("select ", 0), 0u) << line;
+  }
+  rig.TearDown();
+}
+
+// ---------------------------------------------------------------- capture
+
+TEST(CaptureCycleThreads, StartStopStartDrivesTheStreamingSwitchAndTheCompanions) {
+  CameraRig rig;
+  DebugPrintCapture capture;
+  ASSERT_EQ(CamInitialize(nullptr, rig.device.context), STATUS_SUCCESS);
+  ASSERT_TRUE(rig.WaitForWorker());
+  rig.Allocate(640, 480);
+  DeviceContext* c = rig.device.context;
+
+  struct Step {
+    bool start;
+    const char* request;
+    bool streaming;
+    uint32_t streamOpen;
+  };
+  const Step steps[] = {
+      {true, "vendor 5 0001 0000", true, 1},
+      {false, "vendor 5 0000 0000", false, 0},
+      {true, "vendor 5 0001 0000", true, 1},
+  };
+  for (const Step& step : steps) {
+    SCOPED_TRACE(step.request);
+    rig.host.ClearLog();
+    c->FrameCounter = 9;
+    ASSERT_EQ((step.start ? CamStartCaptureEx : CamStopCaptureEx)(nullptr, c, 0), STATUS_SUCCESS);
+    EXPECT_EQ(c->StreamOpen, step.streamOpen) << "ahead of the worker";
+    ASSERT_TRUE(rig.WaitForWorker());
+    EXPECT_EQ(rig.host.Count(step.request), 1u);
+    EXPECT_EQ(rig.camera->IsStreaming(), step.streaming);
+    if (step.start) {
+      EXPECT_EQ(c->FrameCounter, 0u);
+    }
+    uint32_t open = 9;
+    ASSERT_TRUE(GetRegistryDword(kDeviceKey, u"StreamOpen", &open));
+    EXPECT_EQ(open, step.streamOpen);
+  }
+  EXPECT_EQ(FormatLines(capture), (std::vector<std::string>{"Format : RGB24 :  640 x  480\n",
+                                                             "Format : RGB24 :  640 x  480\n"}));
+  EXPECT_EQ(c->FrameTimeSamples, -1);
+  EXPECT_EQ(CamFreeBandwidthEx(nullptr, c, 0), STATUS_SUCCESS);
+  rig.TearDown();
+}
+
+TEST(CaptureCycleThreads, ThirtyRefusedSwitchesDoNotStopTheStart) {
+  CameraRig rig;
+  DebugPrintCapture capture;
+  ASSERT_EQ(CamInitialize(nullptr, rig.device.context), STATUS_SUCCESS);
+  ASSERT_TRUE(rig.WaitForWorker());
+  rig.Allocate(640, 480);
+  rig.host.vendorStatus = [](uint8_t request, uint16_t) {
+    return request == 5 ? STATUS_UNSUCCESSFUL : STATUS_SUCCESS;
+  };
+  rig.host.ClearLog();
+  ResetKernelDelayTotal();
+  ASSERT_EQ(CamStartCaptureEx(nullptr, rig.device.context, 0), STATUS_SUCCESS);
+  ASSERT_TRUE(rig.WaitForWorker());
+  EXPECT_EQ(rig.host.Count("vendor 5 0001 0000"), 30u);
+  EXPECT_GE(KernelDelayTotal(), 30 * 2000000LL) << "200 ms before every try";
+  EXPECT_EQ(FormatLines(capture).size(), 1u) << "the start went on";
+  EXPECT_EQ(FastMutexBalance(), 0);
+  rig.TearDown();
+}
+
+// Changes the picture width when the first start pass logs its format, as a
+// host reallocating meanwhile would.
+struct WidthChanger {
+  DeviceContext* context;
+  std::vector<std::string> lines;
+  bool changed = false;
+  static void Sink(void* self, const char* line) {
+    auto* changer = static_cast<WidthChanger*>(self);
+    changer->lines.push_back(line);
+    if (!changer->changed && std::string(line).rfind("Format : ", 0) == 0) {
+      changer->changed = true;
+      changer->context->ImageWidth = 320;
+    }
+  }
+};
+
+TEST(CaptureCycleThreads, AFormatChangeDuringAStartRunsTheStartAgain) {
+  CameraRig rig;
+  ASSERT_EQ(CamInitialize(nullptr, rig.device.context), STATUS_SUCCESS);
+  ASSERT_TRUE(rig.WaitForWorker());
+  rig.Allocate(640, 480);
+  WidthChanger changer{rig.device.context, {}};
+  SetDebugPrintSink(&WidthChanger::Sink, &changer);
+  ASSERT_EQ(CamStartCaptureEx(nullptr, rig.device.context, 0), STATUS_SUCCESS);
+  bool idle = rig.WaitForWorker();
+  SetDebugPrintSink(nullptr, nullptr);
+  ASSERT_TRUE(idle);
+  std::vector<std::string> formats;
+  for (const std::string& line : changer.lines) {
+    if (line.rfind("Format : ", 0) == 0) formats.push_back(line);
+  }
+  EXPECT_EQ(formats, (std::vector<std::string>{"Format : RGB24 :  640 x  480\n",
+                                               "Format : RGB24 :  320 x  480\n"}));
+  rig.TearDown();
+}
+
+TEST(CaptureCycleThreads, ACommandPostedDuringACommandIsTakenUpWhenItEnds) {
+  CameraRig rig;
+  ASSERT_EQ(CamInitialize(nullptr, rig.device.context), STATUS_SUCCESS);
+  ASSERT_TRUE(rig.WaitForWorker());
+  rig.Allocate(640, 480);
+  DeviceContext* c = rig.device.context;
+  std::atomic<bool> posted{false};
+  rig.host.vendorStatus = [c, &posted](uint8_t request, uint16_t value) {
+    if (request == 5 && value == 1 && !posted.exchange(true)) PostWorkerCommand(c, 2);
+    return STATUS_SUCCESS;
+  };
+  rig.host.ClearLog();
+  ASSERT_EQ(CamStartCaptureEx(nullptr, c, 0), STATUS_SUCCESS);
+  ASSERT_TRUE(rig.WaitForWorker());
+  int start = rig.host.Find("vendor 5 0001 0000");
+  ASSERT_GE(start, 0);
+  EXPECT_GT(rig.host.Find("vendor 5 0000 0000", size_t(start)), start)
+      << "the stop posted during the start ran after it";
+  EXPECT_FALSE(rig.camera->IsStreaming());
+  rig.host.vendorStatus = nullptr;
+  rig.TearDown();
+}
+
+TEST(CaptureCycleThreads, StopAndStartRacingTheWorkerLeaveItIdle) {
+  CameraRig rig;
+  ASSERT_EQ(CamInitialize(nullptr, rig.device.context), STATUS_SUCCESS);
+  ASSERT_TRUE(rig.WaitForWorker());
+  rig.Allocate(640, 480);
+  DeviceContext* c = rig.device.context;
+  // The frame path's view of the worker, read all along.
+  std::atomic<bool> done{false};
+  std::thread framePath([c, &done] {
+    while (!done.load()) (void)IsWorkerReprogramming(c);
+  });
+  for (int round = 0; round < 5; ++round) {
+    CamStartCaptureEx(nullptr, c, 0);
+    CamStopCaptureEx(nullptr, c, 0);
+    CamStartCaptureEx(nullptr, c, 0);
+    if (round % 2 == 1) {
+      ASSERT_TRUE(rig.WaitForWorker());
+    }
+  }
+  ASSERT_TRUE(rig.WaitForWorker());
+  done = true;
+  framePath.join();
+  EXPECT_EQ(c->StreamOpen, 1);
+  EXPECT_GE(rig.host.Count("vendor 5 0001 0000"), 1u);
+  EXPECT_EQ(FastMutexBalance(), 0);
+  rig.TearDown();
+}
+
+// ---------------------------------------------------------------- the host's requests alone
+
+TEST(CaptureRequests, OnlyStreamZeroStartsAndStopsAndOnlyOnce) {
+  FakeCaptureHost host;
+  TestDevice device;
+  host.context = device.context;
+  KEVENT* wake = &device->WorkerEvents[WorkerWakeEvent];
+  struct Step {
+    const char* name;
+    bool start;
+    uint32_t stream;
+    bool posts;
+    uint8_t command;
+    uint8_t streamOpen;
+  };
+  const Step steps[] = {
+      {"start of the still stream", true, 1, false, 0, 0},
+      {"stop while not open", false, 0, false, 0, 0},
+      {"start", true, 0, true, 1, 1},
+      {"second start", true, 0, false, 0, 1},
+      {"stop of the still stream", false, 1, false, 0, 1},
+      {"stop", false, 0, true, 2, 0},
+  };
+  for (const Step& step : steps) {
+    SCOPED_TRACE(step.name);
+    KeClearEvent(wake);
+    device->WorkerCommand = 0;
+    device->FramesToDrop = 5;
+    ((step.start ? CamStartCaptureEx : CamStopCaptureEx))(nullptr, device.context, step.stream);
+    EXPECT_EQ(KeReadStateEvent(wake) != 0, step.posts);
+    EXPECT_EQ(device->WorkerCommand, step.command);
+    EXPECT_EQ(device->StreamOpen, step.streamOpen);
+    EXPECT_EQ(device->FramesToDrop, step.posts && step.start ? 0u : 5u);
+  }
+}
+
+TEST(CaptureRequests, AStopHoldsTheShutterMonitorForAboutTwoSeconds) {
+  FakeCaptureHost host;
+  TestDevice device;
+  host.context = device.context;
+  const struct {
+    uint32_t period;
+    uint32_t hold;
+  } cases[] = {{1000, 2}, {3000, 1}, {250, 8}, {2000, 1}, {1999, 1}, {100, 20}, {0, 77}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.period);
+    device->PollingShutterKey = c.period;
+    device->ShutterPollHold = 77;
+    device->StreamOpen = 1;
+    EXPECT_EQ(CamStopCapture(nullptr, device.context), STATUS_SUCCESS);
+    EXPECT_EQ(device->ShutterPollHold, c.hold);
+  }
+}
+
+}  // namespace
