@@ -23,7 +23,9 @@
 #include "platform/files_control.h"
 #include "platform/kernel_control.h"
 #include "platform/registry_control.h"
+#include "script/mode_selection.h"
 #include "script/script_engine.h"
+#include "script/sensor_detection.h"
 #include "script/vendor_request.h"
 #include "tests/device_fixture.h"
 #include "tools/script_tool.h"
@@ -36,7 +38,6 @@ const fs::path kRepository = MR740_SOURCE_DIR;
 const fs::path kCameras = kRepository / "cameras";
 
 constexpr const char* kFormats[] = {"RGB24", "YUYV", "I420"};
-constexpr const char* kQualitySuffixes[] = {"", "_QUALITY", "_FRAMERATE"};
 constexpr const char* kProperties[] = {"Brightness",  "Contrast",     "Hue",
                                        "Saturation",  "Sharpness",    "Gamma",
                                        "ColorEnable", "WhiteBalance", "BackLight"};
@@ -366,23 +367,12 @@ std::set<std::string> FixedSectionNames() {
   return names;
 }
 
-std::string ModeSection(const ModeKey& key, const char* suffix) {
-  std::string prefix;
-  if (key.tree == "HighSpeed\\") prefix = "HS\\";
-  if (key.tree == "FullSpeed\\") prefix = "FS\\";
-  return prefix + key.format + "\\" + key.size + suffix;
-}
-
-// Every mode section name of the catalogue, with and without speed prefix.
+// Every mode section name of the driver's mode table, with and without a
+// speed prefix.
 bool IsModeSectionName(const std::string& name) {
-  for (const char* prefix : {"", "HS\\", "FS\\"}) {
-    for (const char* format : kFormats) {
-      for (const SizeKey& size : kSizeKeys) {
-        for (const char* suffix : kQualitySuffixes) {
-          if (name == std::string(prefix) + format + "\\" + size.name + suffix) return true;
-        }
-      }
-    }
+  for (const auto& row : ModeTable) {
+    const std::string plain = std::string(row).substr(3);
+    if (name == plain || name == "HS\\" + plain || name == "FS\\" + plain) return true;
   }
   return false;
 }
@@ -542,6 +532,26 @@ uint32_t RawFrameBufferBytes(const SizeKey& size, const std::string& format,
   }
 }
 
+// The section the driver's mode selection names for a mode key of the
+// description, at the speed of the key's tree.
+std::string SelectedModeSection(const Model& model, const ModeKey& key, uint32_t quality) {
+  TestDevice device;
+  static char pdo;
+  device->PhysicalDeviceObject = reinterpret_cast<DEVICE_OBJECT*>(&pdo);
+  BindDeviceRegistryKey(device->PhysicalDeviceObject, DeviceKey(model));
+  const std::u16string sensor = U16(model.sensor);
+  std::copy(sensor.begin(), sensor.end(), device->SensorName);
+  device->IsFullSpeed = key.tree == "FullSpeed\\" ? 1 : 0;
+  const SizeKey& size = *FindSizeKey(key.size);
+  device->CurrentCompression = CompressionOf(key.format);
+  device->ImageWidth = size.width;
+  device->ImageHeight = size.height;
+  device->QualityOption = quality;
+  SelectMode(device.context);
+  UnbindDeviceRegistryKey(device->PhysicalDeviceObject);
+  return device->ModeSection != nullptr ? device->ModeSection : "";
+}
+
 // ---------------------------------------------------------------- the test host
 
 // The capture host of these tests: vendor requests go to one emulated camera.
@@ -561,7 +571,7 @@ HostCalls MakeCameraHostCalls() { return ControlOnlyHostCalls(&ForwardVendorRequ
 // key, and the sensor found as the driver finds it.
 class CameraRig {
  public:
-  CameraRig(const Model& model, bool highSpeed) : model_(model) {
+  CameraRig(const Model& model, bool highSpeed) {
     EmulatedCameraConfig config;
     config.sensors = {EmulatedSensorConfig{model.kind}};
     config.bcdDevice = model.bcdDevice;
@@ -594,48 +604,27 @@ class CameraRig {
   DeviceContext* context() { return device_.context; }
   EmulatedCamera& camera() { return *camera_; }
 
-  // The bus speed from controller register 4 bit 2, and the candidates of
-  // SensorDetect tried in order, four attempts each: InitMR740's controller
-  // registers, the candidate's ReadDelay, its PageSelect writes, then its
-  // identification registers against the bytes read. Returns the name found.
+  // The bus speed and the sensor as the driver finds them at start-up.
+  // Returns the name found.
   std::string DetectSensor() {
+    if (CheckBusSpeed(context()) != STATUS_SUCCESS) return "";
+    if (::DetectSensor(context()) != STATUS_SUCCESS) return "";
+    log_.Clear();
+    return NarrowAscii(std::u16string(context()->SensorName));
+  }
+
+  // Selects the mode of an output size and format as bandwidth allocation
+  // does, and runs its sections as a capture start does.
+  NTSTATUS StartMode(uint32_t compression, uint32_t width, uint32_t height, uint32_t quality) {
     DeviceContext* c = context();
-    uint8_t status = 0;
-    ReadRegister(c, 0, 4, &status);
-    c->IsFullSpeed = (status & 0x04) ? 1 : 0;
-    const std::u16string detect = KeyBelow(model_, "SensorDetect");
-    const uint32_t count = Dword(detect, "NumOfSensor");
-    for (uint32_t index = 0; index < count; ++index) {
-      char name[24];
-      std::snprintf(name, sizeof name, "Sensor%02x", index);
-      const std::u16string candidate = detect + u"\\" + U16(name);
-      for (int attempt = 0; attempt < 4; ++attempt) {
-        WriteEntries(candidate + u"\\InitMR740", "NumOfReg", 0);
-        const uint8_t bus = uint8_t(Dword(candidate, "I2CAddr"));
-        c->ReadDelay = int32_t(Dword(candidate, "ReadDelay"));
-        WriteEntries(candidate + u"\\PageSelect", "PageSelectLen", bus);
-        bool match = true;
-        const uint32_t ids = Dword(candidate, "IDLength");
-        for (uint32_t id = 0; id < ids && match; ++id) {
-          char entry[12];
-          std::snprintf(entry, sizeof entry, "\\%02x", id);
-          const std::u16string key = candidate + U16(entry);
-          uint8_t value = 0;
-          ReadRegister(c, bus, uint8_t(Dword(key, "Address")), &value);
-          match = value == Dword(key, "Data");
-        }
-        if (!match) continue;
-        const std::string sensor = String(candidate, "SensorName");
-        std::fill(std::begin(c->SensorName), std::end(c->SensorName), u'\0');
-        for (size_t i = 0; i < sensor.size() && i + 1 < SensorNameChars; ++i) {
-          c->SensorName[i] = char16_t(sensor[i]);
-        }
-        c->SensorI2CAddr = bus;
-        c->RegisterAddrLo = Dword(candidate, "RegisterAddrLo", 240);
-        return sensor;
-      }
-    }
-    return "";
+    c->CurrentCompression = compression;
+    c->ImageWidth = width;
+    c->ImageHeight = height;
+    c->QualityOption = quality;
+    SelectMode(c);
+    const NTSTATUS status = RunModeSections(c);
+    log_.Clear();
+    return status;
   }
 
   // Runs a section of the camera's script; the log of its lines is dropped.
@@ -646,18 +635,6 @@ class CameraRig {
   }
 
  private:
-  void WriteEntries(const std::u16string& key, const char* countName, uint8_t bus) {
-    const uint32_t count = Dword(key, countName);
-    for (uint32_t i = 0; i < count; ++i) {
-      char entry[12];
-      std::snprintf(entry, sizeof entry, "\\%02x", i);
-      const std::u16string path = key + U16(entry);
-      const uint8_t data = uint8_t(Dword(path, "Data"));
-      WriteRegister(context(), bus, uint8_t(Dword(path, "Address")), &data);
-    }
-  }
-
-  const Model& model_;
   std::unique_ptr<EmulatedCamera> camera_;
   TestDevice device_;
   DebugPrintCapture log_;
@@ -854,7 +831,9 @@ TEST(CameraDescriptions, EachScriptHoldsTheSectionsItsRegistryAsksFor) {
     }
     for (const ModeKey& key : ModeKeys(model)) {
       if (key.enabled == 0) continue;
-      for (const char* suffix : kQualitySuffixes) required.insert(ModeSection(key, suffix));
+      for (uint32_t quality : {0u, 1u, 2u}) {
+        required.insert(SelectedModeSection(model, key, quality));
+      }
       if (FindSizeKey(key.size)->width > 800) required.insert("INIT_CAPTURE");
     }
     const std::u16string properties = KeyBelow(model, SensorRoot(model) + "\\PropertySetting");
@@ -886,9 +865,10 @@ TEST(CameraDescriptions, EachScriptHoldsTheSectionsItsRegistryAsksFor) {
   ResetRegistry();
 }
 
-// For every mode key a capture as the driver starts it: the INIT sections,
-// then INIT_PREVIEW or INIT_CAPTURE and the mode section, for each quality
-// option in turn, and at its stop the power-down sections. The sensor must
+// For every mode key a capture as the driver starts it, for each quality
+// option in turn: the driver's mode selection, then its mode sections (INIT,
+// INIT_PREVIEW or INIT_CAPTURE, the mode section, flicker and light), and at
+// its stop the power-down sections. The sensor must
 // then send the wire the mode's keys promise, the controller's wire registers
 // must say the same, and the packet routine's length test and the raw frame
 // buffer must take the frame. Orientation, flicker, light and automatic
@@ -925,16 +905,18 @@ TEST(CameraDescriptions, EachModeMakesTheEmulatedSensorSendTheWireItsKeysPromise
         if (!highSpeed && key.tree.empty() && any) break;
         const SizeKey& size = *FindSizeKey(key.size);
         const Wire promised = PromisedWire(size, key.format, key.controlMethod, rawPipelineKind);
-        for (const std::string& section : {std::string("INIT"), speed + "INIT"}) {
-          ASSERT_EQ(rig.Run(section), STATUS_SUCCESS) << "[" << section << "]";
-        }
-        for (const char* suffix : kQualitySuffixes) {
-          const std::string mode = ModeSection(key, suffix);
-          SCOPED_TRACE(mode);
-          for (const std::string& section :
-               {std::string(size.width > 800 ? "INIT_CAPTURE" : "INIT_PREVIEW"), mode}) {
-            ASSERT_EQ(rig.Run(section), STATUS_SUCCESS) << "[" << section << "]";
-          }
+        for (uint32_t quality : {1u, 0u, 2u}) {  // plain, _QUALITY, _FRAMERATE
+          SCOPED_TRACE(key.tree + key.format + "\\" + key.size + " quality " +
+                       std::to_string(quality));
+          ASSERT_EQ(rig.StartMode(CompressionOf(key.format), size.width, size.height, quality),
+                    STATUS_SUCCESS);
+          // The driver found the description's mode key and a section of the
+          // script.
+          const DeviceContext* c = rig.context();
+          EXPECT_EQ(c->ControlMethod, key.controlMethod);
+          EXPECT_EQ(c->FrameInterval, key.frameRate);
+          EXPECT_EQ(c->StreamAlternateSetting, key.alternateSetting);
+          EXPECT_EQ(sections.count(c->ModeSection), 1u) << "[" << c->ModeSection << "] missing";
           const WireFrameInfo wire = rig.camera().CurrentWireFrame();
           EXPECT_EQ(wire.width, promised.width);
           EXPECT_EQ(wire.height, promised.height);
