@@ -1,0 +1,536 @@
+// Adapter packet dispatch: which host calls every device request makes, the
+// stream information, stream opens and format checks, power states, the idle
+// notification, run notifications to the image library, property routing by
+// set, the interface query, and the order of teardown.
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "companions/isp_library.h"
+#include "core/capture_lifecycle.h"
+#include "core/companions.h"
+#include "core/format_catalogue.h"
+#include "core/interface_configuration.h"
+#include "core/packet_dispatch.h"
+#include "pipeline/frame_pipeline.h"
+#include "platform/kernel_control.h"
+#include "platform/registry_control.h"
+#include "tests/device_fixture.h"
+#include "tests/fake_capture_host.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+// A format as a client opens a stream with it, from one of the offered ranges.
+KS_DATAFORMAT_VIDEOINFOHEADER FormatOf(const KS_DATARANGE_VIDEO* range) {
+  KS_DATAFORMAT_VIDEOINFOHEADER format = {};
+  format.DataFormat = range->DataRange;
+  format.DataFormat.FormatSize = sizeof format;
+  format.VideoInfoHeader = range->VideoInfoHeader;
+  return format;
+}
+
+class DispatchTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ResetRegistry();
+    host_.context = device_.context;
+    // The camera offers three rows of the catalogue.
+    for (uint32_t i = 0; i < 3; ++i) device_->FormatList[i] = FormatCatalogue[i].DataRange;
+    device_->FormatCount = 3;
+    device_->StreamCount = 2;
+    good_ = FormatOf(FormatCatalogue[1].DataRange);
+    bad_ = FormatOf(FormatCatalogue[1].DataRange);
+    bad_.VideoInfoHeader.bmiHeader.biWidth += 2;
+  }
+  void TearDown() override {
+    std::string report;
+    EXPECT_TRUE(KernelCheckBalanced(&report)) << report;
+    ResetRegistry();
+  }
+
+  HW_STREAM_REQUEST_BLOCK Srb(uint32_t command, uint32_t stream = 0) {
+    HW_STREAM_REQUEST_BLOCK srb = {};
+    srb.Command = command;
+    srb.HwDeviceExtension = &extension_;
+    stream_ = {};
+    stream_.StreamNumber = stream;
+    srb.StreamObject = &stream_;
+    return srb;
+  }
+
+  FakeCaptureHost host_;
+  TestDevice device_;
+  HW_STREAM_OBJECT stream_ = {};
+  int extension_ = 0;
+  KS_DATAFORMAT_VIDEOINFOHEADER good_, bad_;
+};
+
+// ---------------------------------------------------------------- every code
+
+TEST_F(DispatchTest, EveryDeviceRequestReachesTheHostAsItsCodeSays) {
+  struct {
+    HW_STREAM_DESCRIPTOR header;
+    HW_STREAM_INFORMATION rows[2];
+  } info = {};
+  PORT_CONFIGURATION_INFORMATION config = {};
+  KSPROPERTY property = {};
+  STREAM_PROPERTY_DESCRIPTOR descriptor = {};
+  descriptor.Property = &property;
+  STREAM_DATA_INTERSECT_INFO intersect = {};
+  // No worker runs: its done event stands, as after a start-up that failed.
+  KeSetEvent(&device_->WorkerEvents[WorkerDoneEvent], 0, FALSE);
+
+  struct Case {
+    uint32_t command;
+    void* data;
+    Lines log;
+  };
+  const Case cases[] = {
+      {SRB_GET_STREAM_INFO, &info, {"receive 100 none", "receive 100 table hosted"}},
+      {SRB_OPEN_STREAM, &good_, {"receive 101 none", "receive 101 table hosted"}},
+      {SRB_OPEN_STREAM, &bad_, {"receive 101 none", "finish 1 101"}},
+      {SRB_CLOSE_STREAM, nullptr, {"receive 102 table hosted"}},
+      {SRB_OPEN_DEVICE_INSTANCE, nullptr, {"receive 103 table hosted"}},
+      {SRB_CLOSE_DEVICE_INSTANCE, nullptr, {"receive 104 table hosted"}},
+      {SRB_GET_DEVICE_PROPERTY, &descriptor, {"receive 105 table device", "finish 1 105"}},
+      {SRB_SET_DEVICE_PROPERTY, &descriptor, {"receive 106 table device", "finish 1 106"}},
+      {SRB_INITIALIZE_DEVICE,
+       &config,
+       {"receive 107 none", "newinterface 200 12", "receive 107 table hosted"}},
+      {SRB_CHANGE_POWER_STATE, reinterpret_cast<void*>(uintptr_t(PowerDeviceD2)),
+       {"receive 108 none", "receive 108 table hosted"}},
+      {SRB_UNINITIALIZE_DEVICE, nullptr, {"receive 109 none", "receive 109 table hosted"}},
+      {SRB_UNKNOWN_DEVICE_COMMAND, nullptr, {"receive 10A table hosted"}},
+      {SRB_PAGING_OUT_DRIVER, nullptr, {"receive 10B table hosted"}},
+      {SRB_GET_DATA_INTERSECTION, &intersect, {"receive 10C none", "finish 1 10C"}},
+      {SRB_INITIALIZATION_COMPLETE,
+       nullptr,
+       {"receive 10D none", "build 1B", "call", "finish 1 10D"}},
+      {SRB_SURPRISE_REMOVAL, nullptr, {"receive 10E table hosted"}},
+      {SRB_NOTIFY_IDLE_STATE, nullptr, {"receive 111 table hosted"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(FakeCaptureHost::Hex(c.command, 3));
+    host_.ClearLog();
+    HW_STREAM_REQUEST_BLOCK srb = Srb(c.command);
+    srb.CommandData.Buffer = c.data;
+    AdapterPacketHandler(&srb);
+    EXPECT_EQ(host_.Log(), c.log);
+  }
+  EXPECT_EQ(host_.newInterfaceTable, &CameraDeviceData2);
+}
+
+TEST_F(DispatchTest, StreamInformationOffersTheCamerasOwnFormatsAndFiveSets) {
+  const struct {
+    uint32_t streamCount;
+  } cases[] = {{1}, {2}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.streamCount);
+    device_->StreamCount = c.streamCount;
+    struct {
+      HW_STREAM_DESCRIPTOR header;
+      HW_STREAM_INFORMATION rows[2];
+    } info = {};
+    std::memset(&info.rows[1], 0xA5, sizeof info.rows[1]);
+    HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_GET_STREAM_INFO);
+    srb.CommandData.StreamBuffer = &info.header;
+    AdapterPacketHandler(&srb);
+    EXPECT_EQ(info.header.StreamHeader.NumberOfStreams, c.streamCount);
+    EXPECT_EQ(info.header.StreamHeader.NumDevPropArrayEntries, 5u);
+    EXPECT_EQ(info.header.StreamHeader.DevicePropertiesArray, DevicePropertySets);
+    for (uint32_t i = 0; i < c.streamCount; ++i) {
+      EXPECT_EQ(info.rows[i].StreamFormatsArray, device_->FormatList);
+      EXPECT_EQ(info.rows[i].NumberOfFormatArrayEntries, 3u);
+      EXPECT_EQ(info.rows[i].Name, StreamTable[i].Name);
+      EXPECT_EQ(info.rows[i].DataFlow, StreamTable[i].DataFlow);
+    }
+    if (c.streamCount == 1) {
+      EXPECT_EQ(reinterpret_cast<uint8_t*>(&info.rows[1])[0], 0xA5) << "only one row written";
+    }
+  }
+  // The host lists the sets in this order.
+  const GUID* order[] = {&VendorEffectSet, &PROPSETID_VIDCAP_VIDEOPROCAMP, &VendorControlSet,
+                         &VendorIdentitySet, &PROPSETID_VIDCAP_VIDEOCONTROL};
+  for (uint32_t i = 0; i < DevicePropertySetCount; ++i) {
+    EXPECT_EQ(DevicePropertySets[i].Set, order[i]);
+  }
+  // 2BCB75C0-B27F-11D1-BA41-00A0C90D2B05 in memory order.
+  const uint8_t usbcamd[16] = {0xC0, 0x75, 0xCB, 0x2B, 0x7F, 0xB2, 0xD1, 0x11,
+                               0xBA, 0x41, 0x00, 0xA0, 0xC9, 0x0D, 0x2B, 0x05};
+  EXPECT_EQ(std::memcmp(&GUID_USBCAMD_INTERFACE, usbcamd, 16), 0);
+}
+
+// ---------------------------------------------------------------- streams
+
+TEST_F(DispatchTest, EveryOpenStartsABlankPhaseAndABadFormatIsRefused) {
+  struct Case {
+    const char* name;
+    uint32_t stream;
+    KS_DATAFORMAT_VIDEOINFOHEADER* format;
+    NTSTATUS status;
+  };
+  const Case cases[] = {
+      {"capture, good", 0, &good_, 0x1234},  // the host answers
+      {"still, good", 1, &good_, 0x1234},
+      {"capture, bad size", 0, &bad_, STATUS_INVALID_PARAMETER},
+      {"stream 2", 2, &good_, STATUS_INVALID_PARAMETER},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    device_->BlankFrameActive = 0;
+    device_->BlankFrameCount = 9;
+    device_->BlankPacketCountdown = 3;
+    HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_OPEN_STREAM, c.stream);
+    srb.Status = 0x1234;
+    srb.CommandData.OpenFormat = &c.format->DataFormat;
+    AdapterPacketHandler(&srb);
+    EXPECT_EQ(srb.Status, c.status);
+    EXPECT_EQ(device_->BlankFrameActive, 1);
+    EXPECT_EQ(device_->BlankFrameCount, 0u);
+    EXPECT_EQ(device_->BlankPacketCountdown, 500u);
+    EXPECT_EQ(stream_.ReceiveControlPacket, &StreamControlPacketHandler);
+    EXPECT_EQ(stream_.ReceiveDataPacket, &StreamDataPacketHandler);
+  }
+}
+
+NTSTATUS CountSetVideoFormat(DeviceContext*, PHW_STREAM_REQUEST_BLOCK srb) {
+  ++*static_cast<int*>(srb->HwDeviceExtension);
+  return STATUS_SUCCESS;
+}
+
+TEST_F(DispatchTest, StreamRequestsCheckTheFormatAndTellTheHostsInterface) {
+  struct Case {
+    const char* name;
+    uint32_t command;
+    KS_DATAFORMAT_VIDEOINFOHEADER* format;
+    uint16_t version;
+    NTSTATUS status;
+    BOOLEAN completed;
+    int setVideoFormat;
+  };
+  const Case cases[] = {
+      {"propose good", SRB_PROPOSE_DATA_FORMAT, &good_, 0x200, STATUS_SUCCESS, TRUE, 0},
+      {"propose bad", SRB_PROPOSE_DATA_FORMAT, &bad_, 0x200, STATUS_NO_MATCH, TRUE, 0},
+      {"set good", SRB_SET_DATA_FORMAT, &good_, 0x200, STATUS_SUCCESS, TRUE, 1},
+      {"set good, no interface", SRB_SET_DATA_FORMAT, &good_, 0, STATUS_SUCCESS, TRUE, 0},
+      {"set bad", SRB_SET_DATA_FORMAT, &bad_, 0x200, STATUS_NO_MATCH, TRUE, 0},
+      {"get", SRB_GET_DATA_FORMAT, &good_, 0x200, STATUS_NOT_IMPLEMENTED, TRUE, 0},
+      {"read", SRB_READ_DATA, &good_, 0x200, STATUS_SUCCESS, FALSE, 0},
+      {"property", SRB_GET_STREAM_PROPERTY, &good_, 0x200, STATUS_SUCCESS, FALSE, 0},
+  };
+  device_->CamInterface.USBCAMD_SetVideoFormat = &CountSetVideoFormat;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    device_->CamInterface.Version = c.version;
+    host_.ClearLog();
+    extension_ = 0;
+    HW_STREAM_REQUEST_BLOCK srb = Srb(c.command);
+    srb.Status = 0x1234;
+    srb.CommandData.OpenFormat = &c.format->DataFormat;
+    BOOLEAN completed = 7;
+    StreamControlPacketHandler(&srb, device_.context, &completed);
+    EXPECT_EQ(srb.Status, c.status);
+    EXPECT_EQ(completed, c.completed);
+    EXPECT_EQ(extension_, c.setVideoFormat);
+    EXPECT_EQ(host_.Log(), c.completed ? Lines{"stream-finish 3 " + std::to_string(c.command)}
+                                       : Lines{});
+  }
+  // The data handler does nothing at all.
+  BOOLEAN completed = 7;
+  HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_READ_DATA);
+  srb.Status = 0x1234;
+  StreamDataPacketHandler(&srb, device_.context, &completed);
+  EXPECT_EQ(completed, 7);
+  EXPECT_EQ(srb.Status, 0x1234);
+}
+
+// The image library's way back to the camera, answering nothing.
+uint8_t NoByte(void*, uint8_t) { return 0; }
+void NoPacket(void*, uint8_t*, uint32_t) {}
+NTSTATUS NoSection(void*, const char*) { return STATUS_SUCCESS; }
+NTSTATUS NoPairs(void*, const uint8_t*, uint32_t) { return STATUS_SUCCESS; }
+
+TEST_F(DispatchTest, TheFirstRunAfterAStartStaysAwayFromTheImageLibrary) {
+  uint64_t isp = 0;
+  ISPFunc_Init(&isp, device_.context, nullptr, u"OV2640", 1, NoByte, NoPacket, NoSection, NoByte,
+               NoPairs);
+  ASSERT_NE(IspStateOf(isp), nullptr);
+  device_->IspHandle = isp;
+  device_->IspType = 1;  // the library develops the frames
+  device_->IgnoreNextRun = 1;  // as the worker's start leaves it
+  struct Step {
+    uint32_t stream;
+    KSSTATE state;
+    uint32_t libraryState;
+    uint8_t ignoreNextRun;
+  };
+  const Step steps[] = {
+      {0, KSSTATE_PAUSE, 2, 1},  // not a run: told
+      {1, KSSTATE_RUN, 2, 1},    // the still stream: nobody told
+      {1, KSSTATE_STOP, 2, 1},
+      {0, KSSTATE_RUN, 2, 0},  // the first run: swallowed
+      {0, KSSTATE_RUN, 3, 0},  // the second: told
+      {0, KSSTATE_STOP, 0, 0},
+  };
+  for (const Step& step : steps) {
+    SCOPED_TRACE(testing::Message() << step.stream << "/" << step.state);
+    HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_SET_STREAM_STATE, step.stream);
+    srb.CommandData.StreamState = step.state;
+    BOOLEAN completed = 7;
+    StreamControlPacketHandler(&srb, device_.context, &completed);
+    EXPECT_EQ(completed, FALSE);
+    EXPECT_EQ(IspStateOf(isp)->StreamState, step.libraryState);
+    EXPECT_EQ(device_->IgnoreNextRun, step.ignoreNextRun);
+  }
+  // With the driver's own route the library hears nothing.
+  device_->IspType = 0;
+  NotifyStreamState(device_.context, KSSTATE_RUN);
+  EXPECT_EQ(IspStateOf(isp)->StreamState, 0u);
+  ISPFunc_Exit(isp, device_.context, nullptr);
+}
+
+// ---------------------------------------------------------------- power and idle
+
+TEST_F(DispatchTest, PowerStatesBeyondOnAndOffAreRefusedAndTheHostStillCalled) {
+  const struct {
+    int32_t state;
+    NTSTATUS status;
+  } cases[] = {
+      {PowerDeviceUnspecified, STATUS_NOT_IMPLEMENTED}, {PowerDeviceD0, STATUS_SUCCESS},
+      {PowerDeviceD1, STATUS_NOT_IMPLEMENTED},          {PowerDeviceD2, STATUS_NOT_IMPLEMENTED},
+      {PowerDeviceD3, STATUS_SUCCESS},                  {PowerDeviceMaximum, STATUS_NOT_IMPLEMENTED},
+      {6, 0x1234},                                      {-1, 0x1234},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.state);
+    host_.ClearLog();
+    device_->InitScriptsFresh = 0;
+    HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_CHANGE_POWER_STATE);
+    srb.Status = 0x1234;
+    srb.CommandData.DeviceState = static_cast<DEVICE_POWER_STATE>(c.state);
+    AdapterPacketHandler(&srb);
+    EXPECT_EQ(srb.Status, c.status);
+    EXPECT_EQ(host_.Count("receive 108 table hosted"), 1u);
+    EXPECT_EQ(device_->InitScriptsFresh, c.state == PowerDeviceD0 ? 1 : 0);
+  }
+}
+
+TEST_F(DispatchTest, TheIdleByteIsTakenBeforeTheHostFinishesThePacket) {
+  struct Case {
+    int32_t selSuspend;
+    BOOLEAN idle;
+    uint8_t armed;
+  };
+  const Case cases[] = {{0, 1, 5}, {0, 0, 5}, {600000000, 1, 1}, {600000000, 0, 0}};
+  // The host reuses a finished packet at once.
+  host_.onHostedPacket = [](PHW_STREAM_REQUEST_BLOCK srb) {
+    srb->CommandData.IdleState = srb->CommandData.IdleState ? 0 : 1;
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.selSuspend << "/" << int(c.idle));
+    device_->SelSuspendTimeout = c.selSuspend;
+    device_->IdleArmed = 5;
+    host_.ClearLog();
+    HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_NOTIFY_IDLE_STATE);
+    srb.CommandData.IdleState = c.idle;
+    AdapterPacketHandler(&srb);
+    EXPECT_EQ(device_->IdleArmed, c.armed);
+    EXPECT_EQ(host_.Log(), Lines{"receive 111 table hosted"});
+  }
+}
+
+// ---------------------------------------------------------------- properties
+
+TEST_F(DispatchTest, PropertiesOfEverySetAreNotServedYet) {
+  const GUID unknown = {0x12345678, 1, 2, {3, 4, 5, 6, 7, 8, 9, 10}};
+  const GUID* sets[] = {&PROPSETID_VIDCAP_VIDEOPROCAMP, &VendorControlSet, &VendorIdentitySet,
+                        &PROPSETID_VIDCAP_VIDEOCONTROL, &VendorEffectSet, &unknown};
+  for (const GUID* set : sets) {
+    for (uint32_t command : {SRB_GET_DEVICE_PROPERTY, SRB_SET_DEVICE_PROPERTY}) {
+      SCOPED_TRACE(testing::Message() << std::hex << set->Data1 << " " << command);
+      KSPROPERTY property = {*set, 1, 0};
+      STREAM_PROPERTY_DESCRIPTOR descriptor = {};
+      descriptor.Property = &property;
+      HW_STREAM_REQUEST_BLOCK srb = Srb(command);
+      srb.CommandData.PropertyInfo = &descriptor;
+      AdapterPacketHandler(&srb);
+      EXPECT_EQ(srb.Status, STATUS_NOT_SUPPORTED);
+    }
+  }
+  HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_GET_DEVICE_PROPERTY);
+  STREAM_PROPERTY_DESCRIPTOR empty = {};
+  srb.CommandData.PropertyInfo = &empty;
+  RoutePropertyRequest(FALSE, nullptr, device_.context, &srb);
+  EXPECT_EQ(srb.Status, STATUS_NOT_SUPPORTED);
+}
+
+// ---------------------------------------------------------------- start and end
+
+TEST_F(DispatchTest, TheInterfaceQueryCopiesTheHostsInterfaceOnlyWhenItIsThere) {
+  struct Case {
+    const char* name;
+    bool offer;
+    bool pending;
+    bool build;  // whether the I/O manager gives a request at all
+    uint16_t version;
+  };
+  const Case cases[] = {
+      {"offered", true, false, true, 0x200},
+      {"offered later", true, true, true, 0x200},
+      {"not offered", false, false, true, 0},
+      {"no request", true, false, false, 0},
+  };
+  static HostCalls withoutIo;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    host_.offerInterface = c.offer;
+    host_.queryPending = c.pending;
+    host_.offered = {};
+    host_.offered.Size = 72;
+    host_.offered.Version = 0x200;
+    host_.offered.USBCAMD_SetIsoPipeState = [](DeviceContext*, uint32_t) { return STATUS_SUCCESS; };
+    device_->CamInterface = {};
+    device_->CamInterface.Version = 0x7777;
+    device_->ClassDeviceObject = reinterpret_cast<DEVICE_OBJECT*>(0xC1A55);
+    const HostCalls* calls = GetHostCalls();
+    if (!c.build) {
+      withoutIo = *calls;
+      withoutIo.BuildSynchronousFsdRequest = nullptr;
+      SetHostCalls(&withoutIo);
+    }
+    EXPECT_EQ(QueryCamInterface(device_.context), STATUS_SUCCESS);
+    SetHostCalls(calls);
+    EXPECT_EQ(device_->CamInterface.Version, c.version);
+    if (c.version != 0) {
+      EXPECT_EQ(std::memcmp(&device_->CamInterface, &host_.offered, sizeof host_.offered), 0);
+    }
+    if (c.build) {
+      const IRP& q = host_.lastQuery;
+      EXPECT_EQ(q.Stack.MajorFunction, IRP_MJ_PNP);
+      EXPECT_EQ(q.Stack.MinorFunction, IRP_MN_QUERY_INTERFACE);
+      EXPECT_EQ(q.Stack.Parameters.QueryInterface.InterfaceType, &GUID_USBCAMD_INTERFACE);
+      EXPECT_EQ(q.Stack.Parameters.QueryInterface.Size, 72);
+      EXPECT_EQ(q.Stack.Parameters.QueryInterface.Version, 0x200);
+      EXPECT_EQ(q.Stack.Parameters.QueryInterface.InterfaceSpecificData, nullptr);
+      EXPECT_EQ(q.IoStatus.Status, STATUS_NOT_SUPPORTED) << "preset before the call";
+    }
+    EXPECT_EQ(PoolLiveBlocks(PoolTagWdm), 0u);
+  }
+  PoolFailAllocation(1);
+  EXPECT_EQ(QueryCamInterface(device_.context), STATUS_INSUFFICIENT_RESOURCES);
+}
+
+TEST_F(DispatchTest, InitialisationTakesTheRealDeviceObjectAndCompletionSaysConnected) {
+  DEVICE_OBJECT* physical = reinterpret_cast<DEVICE_OBJECT*>(0x1000);
+  DEVICE_OBJECT* real = reinterpret_cast<DEVICE_OBJECT*>(0x2000);
+  DEVICE_OBJECT* cls = reinterpret_cast<DEVICE_OBJECT*>(0x3000);
+  const struct {
+    DEVICE_OBJECT* real;
+    DEVICE_OBJECT* expected;
+  } cases[] = {{real, real}, {nullptr, physical}};
+  for (const auto& c : cases) {
+    PORT_CONFIGURATION_INFORMATION config = {};
+    config.ClassDeviceObject = cls;
+    config.PhysicalDeviceObject = physical;
+    config.RealPhysicalDeviceObject = c.real;
+    HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_INITIALIZE_DEVICE);
+    srb.CommandData.ConfigInfo = &config;
+    AdapterPacketHandler(&srb);
+    EXPECT_EQ(device_->PhysicalDeviceObject, c.expected);
+    EXPECT_EQ(device_->ClassDeviceObject, cls);
+  }
+
+  device_->SelSuspendTimeout = 600000000;
+  HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_INITIALIZATION_COMPLETE);
+  srb.Status = 0x1234;
+  AdapterPacketHandler(&srb);
+  EXPECT_EQ(srb.Status, STATUS_SUCCESS);
+  uint32_t connected = 0;
+  ASSERT_TRUE(GetRegistryDword(ServiceKeyPath, u"ConnectionState", &connected));
+  EXPECT_EQ(connected, 1u);
+  EXPECT_NE(KeReadStateEvent(&device_->IdleEvents[ThreadDoneEvent]), 0);
+  EXPECT_EQ(KeReadStateEvent(&device_->IdleEvents[ThreadStopEvent]), 0);
+}
+
+TEST_F(DispatchTest, TheEntryAndBothTablesNameTheCamerasRoutines) {
+  int driverObject = 0;
+  EXPECT_EQ(DriverEntry(&driverObject, nullptr), STATUS_SUCCESS);
+  EXPECT_EQ(host_.Log(), Lines{"entry " + std::to_string(sizeof(DeviceContext)) + " 4"});
+  EXPECT_EQ(host_.entryReceive, &AdapterPacketHandler);
+  EXPECT_EQ(host_.entryDriverObject, &driverObject);
+
+  const USBCAMD_DEVICE_DATA& first = CameraDeviceData;
+  EXPECT_EQ(first.Sig, 0u);
+  EXPECT_EQ(first.CamInitialize, &CamInitialize);
+  EXPECT_EQ(first.CamUnInitialize, &CamUnInitialize);
+  EXPECT_EQ(first.CamProcessUSBPacket, &CamProcessUSBPacket);
+  EXPECT_EQ(first.CamProcessRawVideoFrame, &ProcessRawFrame);
+  EXPECT_EQ(first.CamStartCapture, &CamStartCapture);
+  EXPECT_EQ(first.CamStopCapture, &CamStopCapture);
+  EXPECT_EQ(first.CamConfigure, &CamConfigure);
+  EXPECT_EQ(first.CamAllocateBandwidth, &CamAllocateBandwidth);
+  EXPECT_EQ(first.CamFreeBandwidth, &CamFreeBandwidth);
+  EXPECT_EQ(first.CamSaveState(device_.context), STATUS_SUCCESS);
+  EXPECT_EQ(first.CamRestoreState(device_.context), STATUS_SUCCESS);
+  ASSERT_NE(first.CamNewVideoFrame, nullptr);
+
+  const USBCAMD_DEVICE_DATA2& second = CameraDeviceData2;
+  EXPECT_EQ(second.Sig, 0u);
+  EXPECT_EQ(second.CamInitialize, &CamInitialize);
+  EXPECT_EQ(second.CamUnInitialize, &CamUnInitialize);
+  EXPECT_EQ(second.CamProcessUSBPacketEx, &CamProcessUSBPacketEx);
+  EXPECT_EQ(second.CamProcessRawVideoFrameEx, &CamProcessRawVideoFrameEx);
+  EXPECT_EQ(second.CamStartCaptureEx, &CamStartCaptureEx);
+  EXPECT_EQ(second.CamStopCaptureEx, &CamStopCaptureEx);
+  EXPECT_EQ(second.CamConfigureEx, &CamConfigureEx);
+  EXPECT_EQ(second.CamAllocateBandwidthEx, &CamAllocateBandwidthEx);
+  EXPECT_EQ(second.CamFreeBandwidthEx, &CamFreeBandwidthEx);
+  ASSERT_NE(second.CamNewVideoFrameEx, nullptr);
+  ASSERT_NE(second.CamSaveState, nullptr);
+  ASSERT_NE(second.CamRestoreState, nullptr);
+}
+
+// The teardown order: monitor, worker, then the host, then the registry.
+TEST(DispatchTeardownThreads, UninitialisationEndsTheWorkerBeforeTheHostLetsGo) {
+  ResetRegistry();
+  FakeCaptureHost host;
+  TestDevice device;
+  host.context = device.context;
+  device->PollingShutterKey = 100;
+  for (KEVENT& event : device->ShutterThreadEvents) {
+    KeInitializeEvent(&event, NotificationEvent, FALSE);
+  }
+  KeSetEvent(&device->ShutterThreadEvents[ThreadDoneEvent], 0, FALSE);  // no monitor runs
+  HANDLE thread = nullptr;
+  ASSERT_EQ(PsCreateSystemThread(&thread, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr,
+                                 WorkerThread, device.context),
+            STATUS_SUCCESS);
+  ZwClose(thread);
+  PostWorkerCommand(device.context, WorkerFocusStep);
+
+  bool workerDoneFirst = false;
+  host.onHostedPacket = [&](PHW_STREAM_REQUEST_BLOCK) {
+    workerDoneFirst = KeReadStateEvent(&device->WorkerEvents[WorkerDoneEvent]) != 0 &&
+                      KeReadStateEvent(&device->ShutterThreadEvents[ThreadStopEvent]) != 0;
+  };
+  SetRegistryDword(ServiceKeyPath, u"ConnectionState", 1);
+  HW_STREAM_REQUEST_BLOCK srb = {};
+  srb.Command = SRB_UNINITIALIZE_DEVICE;
+  AdapterPacketHandler(&srb);
+  EXPECT_TRUE(workerDoneFirst);
+  EXPECT_EQ(device->WorkerCommand, 0);
+  EXPECT_EQ(LastSetEventPriority(&device->ShutterThreadEvents[ThreadStopEvent]), SignalPriority);
+  EXPECT_EQ(LastSetEventPriority(&device->WorkerEvents[WorkerDoneEvent]), EndingPriority);
+  uint32_t connected = 1;
+  ASSERT_TRUE(GetRegistryDword(ServiceKeyPath, u"ConnectionState", &connected));
+  EXPECT_EQ(connected, 0u);
+  EXPECT_TRUE(JoinSystemThreads());
+  ResetRegistry();
+}
+
+}  // namespace
