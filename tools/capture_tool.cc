@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "core/device_context.h"
 #include "core/packet_dispatch.h"
 #include "tools/camera_session.h"
 #include "tools/picture_files.h"
@@ -287,10 +288,22 @@ int Capture(const CaptureOptions& options, FILE* out, FILE* err) {
     uint32_t returned = 0;
     status = host.SetProperty(&trigger, sizeof trigger, &data, sizeof data, &returned);
     if (status != STATUS_SUCCESS) {
-      std::fprintf(err, "mr740cam: the still trigger was refused (%s)\n", NtStatusName(status));
-      return 1;
+      // No software trigger: press the camera's button instead. A lens's
+      // home switch takes the button's place.
+      if (session.Model().lens == EmulatedLensKind::HomeSwitch) {
+        std::fprintf(err, "mr740cam: the still trigger was refused (%s), and the camera's button "
+                     "is its lens's home switch\n", NtStatusName(status));
+        return 1;
+      }
+      // With a two-stage still the button is held until the still comes
+      // (the monitor must read it down); a button still comes when it is let
+      // go.
+      const uint64_t now = session.Camera().FramesBegun();
+      session.Camera().ScheduleButton(now + 1, true);
+      if (host.Context()->StillPin != 2) session.Camera().ScheduleButton(now + 4, false);
     }
     status = host.ReadFrame(1, buffer.data(), frameBytes, &frame, kFrameTimeout100ns);
+    session.Camera().SetButton(false);
     if (status != STATUS_SUCCESS) {
       std::fprintf(err, "mr740cam: no still picture came (%s)\n", NtStatusName(status));
       return 1;

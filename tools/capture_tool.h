@@ -8,7 +8,8 @@
 //
 // FILE ending in ".png" (the default, capture.png) gets one picture: the last
 // of the frames captured (one unless --frames or --seconds says more), or
-// with --still the picture of the still pin, taken by a software trigger.
+// with --still the picture of the still pin, taken by a software trigger, or
+// where the driver refuses that, by a press of the camera's button.
 // FILE ending in ".y4m" gets a YUV4MPEG2 video of --frames N frames, or of
 // --seconds S at the format's frame rate (one second when neither is given).
 // The format is the camera's first offered one unless --format or --size
