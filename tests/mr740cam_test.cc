@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "platform/files_control.h"
+#include "platform/kernel_control.h"
 #include "platform/registry_control.h"
 #include "tools/camera_info_tool.h"
 #include "tools/capture_tool.h"
@@ -314,6 +315,7 @@ TEST_F(Mr740camCommands, BadArgumentsAndBadDescriptionsAreRefusedWithTheirReason
 // The whole camera: the OV7670 webcam described, started by the driver in
 // the host, streaming through the packet and frame routines into files.
 TEST_F(Mr740camCommands, CaptureWritesAPictureAndAVideoOfTheOfferedFormat) {
+  DebugPrintCapture driverLog;  // the driver's start-up lines stay out of the test's output
   std::string out, err;
   // What the camera offers, as formats lists it.
   const int formats = Run({"formats"}, &out, &err);
@@ -322,6 +324,9 @@ TEST_F(Mr740camCommands, CaptureWritesAPictureAndAVideoOfTheOfferedFormat) {
   }
   ASSERT_EQ(formats, 0) << err;
   EXPECT_NE(out.find("YUY2  160x120 16 bits 38400 bytes"), std::string::npos) << out;
+  ASSERT_EQ(Run({"info"}, &out, &err), 0) << err;
+  EXPECT_NE(out.find("sensor:  OV7670\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("still:   still pin\n"), std::string::npos) << out;
 
   const std::string png = In("small.png");
   ASSERT_EQ(Run({"capture", "--format", "RGB24", "--size", "160x120", "--out", png,
