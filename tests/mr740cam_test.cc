@@ -22,6 +22,7 @@
 #include "tools/capture_tool.h"
 #include "tools/picture_files.h"
 #include "tools/registry_tool.h"
+#include "tools/script_tool.h"
 
 namespace {
 
@@ -263,6 +264,14 @@ TEST_F(Mr740camCommands, BadArgumentsAndBadDescriptionsAreRefusedWithTheirReason
   WriteText("nokey.reg",
             "Windows Registry Editor Version 5.00\n\n"
             "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Something]\n\"A\"=dword:00000001\n");
+  WriteText("noscript.reg",
+            "Windows Registry Editor Version 5.00\n\n"
+            "[HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Control\\Class\\"
+            "{6BDD1FC6-810F-11D0-BEC7-08002BE2092F}\\0009\\SensorDetect\\Sensor00]\n"
+            "\"SensorName\"=\"OV7670\"\n\n"
+            "[HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Control\\Class\\"
+            "{6BDD1FC6-810F-11D0-BEC7-08002BE2092F}\\0009\\OV7670\\InitialSetting]\n"
+            "\"Script\"=\"C:\\\\Cameras\\\\mine\\\\MINE.txt\"\n");
   WriteText("nosensor.reg",
             "Windows Registry Editor Version 5.00\n\n"
             "[HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Control\\Class\\"
@@ -294,6 +303,7 @@ TEST_F(Mr740camCommands, BadArgumentsAndBadDescriptionsAreRefusedWithTheirReason
       {{"capture", "--camera", In("broken.reg")}, 1, {"broken.reg"}},
       {{"capture", "--camera", In("nokey.reg")}, 1, {"nokey.reg", "describes no camera"}},
       {{"capture", "--camera", In("nosensor.reg")}, 1, {"XY9000", "does not have"}},
+      {{"capture", "--camera", In("noscript.reg")}, 1, {"C:\\Cameras\\mine\\MINE.txt", "neither at"}},
       {{"capture", "--scene", "nonsense=1"}, 1, {"--scene"}},
   };
   for (const Case& c : cases) {
@@ -308,6 +318,49 @@ TEST_F(Mr740camCommands, BadArgumentsAndBadDescriptionsAreRefusedWithTheirReason
     EXPECT_TRUE(out.empty()) << out;
   }
   EXPECT_FALSE(fs::exists(In("capture.png")));
+}
+
+// "script check" and its kin are the older "check-script" and its kin.
+TEST_F(Mr740camCommands, ScriptCommandsAnswerToBothSpellings) {
+  const std::string plain = std::string(MR740_SOURCE_DIR) + "/cameras/mi2021-camera/MI2021.plain.txt";
+  struct Case {
+    std::vector<std::string> spelling, older;
+    const char* output;  // a file both write, or null
+  };
+  const Case cases[] = {
+      {{"script", "check", plain}, {"check-script", plain}, nullptr},
+      {{"script", "scramble", plain, In("new.txt")}, {"scramble-script", plain, In("old.txt")},
+       "txt"},
+  };
+  auto run = [this](std::vector<std::string> args, std::string* out, std::string* err) {
+    args.insert(args.begin(), "mr740cam");
+    std::vector<char*> argv;
+    for (std::string& arg : args) argv.push_back(arg.data());
+    argv.push_back(nullptr);
+    FILE* outFile = std::tmpfile();
+    FILE* errFile = std::tmpfile();
+    const int status = RunScriptToolWithOutput(int(args.size()), argv.data(), outFile, errFile);
+    *out = Contents(outFile);
+    *err = Contents(errFile);
+    std::fclose(outFile);
+    std::fclose(errFile);
+    return status;
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.spelling[1]);
+    std::string out1, err1, out2, err2;
+    EXPECT_EQ(run(c.spelling, &out1, &err1), 0) << err1;
+    EXPECT_EQ(run(c.older, &out2, &err2), 0) << err2;
+    EXPECT_EQ(out1, out2);
+    if (c.output) {
+      EXPECT_EQ(FileBytes(In("new.txt")), FileBytes(In("old.txt")));
+      EXPECT_FALSE(FileBytes(In("new.txt")).empty());
+    }
+  }
+  std::string out, err;
+  EXPECT_EQ(run({"script", "frobnicate", plain}, &out, &err), 2);
+  EXPECT_NE(err.find("script check FILE"), std::string::npos) << err;
+  EXPECT_EQ(run({"script"}, &out, &err), 2);
 }
 
 // ---------------------------------------------------------------- end to end

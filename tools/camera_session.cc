@@ -41,6 +41,49 @@ bool BuiltInInstalled(const CameraModel& model) {
          !std::filesystem::is_empty(folder, error);
 }
 
+std::string Ascii(const std::u16string& text) {
+  std::string out;
+  for (char16_t c : text) out += c < 0x80 ? char(c) : '?';
+  return out;
+}
+
+// The script a description loaded from a .reg file names must lie on drive
+// C. A script beside the .reg file (as in a folder of cameras/) is copied
+// there; one found nowhere is an error that says where it was looked for.
+bool PlaceScript(const std::string& regFile, uint32_t instance, FILE* err) {
+  const std::u16string device = DeviceSoftwareKeyPath(instance);
+  std::u16string sensor, script;
+  if (!GetRegistryString(device + u"\\SensorDetect\\Sensor00", u"SensorName", &sensor) ||
+      !GetRegistryString(device + u"\\" + sensor + u"\\InitialSetting", u"Script", &script)) {
+    return true;  // the driver itself says what is missing
+  }
+  std::string windows = Ascii(script);
+  if (windows.size() < 3 || (windows[0] != 'C' && windows[0] != 'c') || windows[1] != ':' ||
+      windows[2] != '\\') {
+    std::fprintf(err, "mr740cam: %s: the script %s is not on drive C\n", regFile.c_str(),
+                 windows.c_str());
+    return false;
+  }
+  std::string relative = windows.substr(3);
+  for (char& c : relative) {
+    if (c == '\\') c = '/';
+  }
+  const std::filesystem::path target =
+      std::filesystem::path(ToolDriveFolder(AttachedRegistryFile())) / relative;
+  std::error_code error;
+  if (std::filesystem::exists(target, error)) return true;
+  const std::filesystem::path beside =
+      std::filesystem::path(regFile).parent_path() / target.filename();
+  if (std::filesystem::exists(beside, error)) {
+    std::filesystem::create_directories(target.parent_path(), error);
+    std::filesystem::copy_file(beside, target, error);
+    if (!error) return true;
+  }
+  std::fprintf(err, "mr740cam: %s: its script %s is neither at %s nor beside the .reg file\n",
+               regFile.c_str(), windows.c_str(), target.string().c_str());
+  return false;
+}
+
 }  // namespace
 
 std::string FormatSubtypeName(uint32_t compression) {
@@ -128,7 +171,7 @@ bool CameraSession::FindDescription(const std::string& camera, FILE* err) {
       std::fprintf(err, "mr740cam: %s: %s\n", camera.c_str(), error.c_str());
       return false;
     }
-    return true;
+    return PlaceScript(camera, instance, err);
   }
   std::fprintf(err, "mr740cam: no camera %s: name a built-in model (", camera.c_str());
   const char* separator = "";

@@ -73,31 +73,10 @@ void LogLine(void* context, const char* line) { std::fputs(line, static_cast<FIL
 
 void IgnoreLine(void*, const char*) {}
 
-// "script check FILE" is "check-script FILE", and so on.
-bool RewriteScriptCommand(int* argc, char** argv) {
-  static char check[] = "check-script", scramble[] = "scramble-script",
-              unscramble[] = "unscramble-script";
-  if (*argc < 3 || std::strcmp(argv[1], "script") != 0) return false;
-  char* name = std::strcmp(argv[2], "check") == 0        ? check
-               : std::strcmp(argv[2], "scramble") == 0   ? scramble
-               : std::strcmp(argv[2], "unscramble") == 0 ? unscramble
-                                                         : nullptr;
-  if (!name) return false;
-  argv[2] = name;
-  for (int i = 1; i < *argc; ++i) argv[i] = argv[i + 1];
-  --*argc;
-  return true;
-}
-
 int Run(int argc, char** argv) {
   if (argc < 2 || std::strcmp(argv[1], "help") == 0 || std::strcmp(argv[1], "--help") == 0) {
     Usage(stdout);
     return 0;
-  }
-  if (std::strcmp(argv[1], "script") == 0 && !RewriteScriptCommand(&argc, argv)) {
-    std::fputs("usage: mr740cam script check FILE | scramble IN OUT | unscramble IN OUT\n",
-               stderr);
-    return 2;
   }
   if (IsScriptToolCommand(argv[1])) return RunScriptTool(argc, argv);
   const std::string registryFile = TakeRegistryFileOption(&argc, argv);

@@ -485,15 +485,16 @@ int UnscrambleScript(const char* in, const char* outPath, FILE* err) {
 
 void PrintUsage(FILE* err) {
   std::fprintf(err,
-               "usage: mr740cam check-script FILE\n"
-               "       mr740cam scramble-script IN OUT\n"
-               "       mr740cam unscramble-script IN OUT\n");
+               "usage: mr740cam script check FILE       (or check-script FILE)\n"
+               "       mr740cam script scramble IN OUT   (or scramble-script IN OUT)\n"
+               "       mr740cam script unscramble IN OUT (or unscramble-script IN OUT)\n");
 }
 
 }  // namespace
 
 bool IsScriptToolCommand(const char* name) {
   if (!name) return false;
+  if (std::strcmp(name, "script") == 0) return true;
   for (const char* command : ScriptToolCommands) {
     if (std::strcmp(name, command) == 0) return true;
   }
@@ -505,7 +506,18 @@ int RunScriptToolWithOutput(int argc, char** argv, FILE* out, FILE* err) {
     PrintUsage(err);
     return 2;
   }
-  const std::string command = argv[1];
+  std::string command = argv[1];
+  if (command == "script") {
+    // "script check FILE" is "check-script FILE", and so on.
+    const std::string verb = argc >= 3 ? argv[2] : "";
+    if (verb != "check" && verb != "scramble" && verb != "unscramble") {
+      PrintUsage(err);
+      return 2;
+    }
+    command = verb + "-script";
+    ++argv;
+    --argc;
+  }
   if (command == "check-script") {
     if (argc != 3) {
       PrintUsage(err);

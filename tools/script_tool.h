@@ -5,6 +5,9 @@
 //   mr740cam scramble-script IN OUT   plain form to scrambled form
 //   mr740cam unscramble-script IN OUT scrambled form to plain form
 //
+// "script check", "script scramble" and "script unscramble" are the same
+// commands.
+//
 // check-script runs the driver's own script engine over the file, against a
 // fake camera that accepts every request and reads 0 from every register,
 // in virtual time, once per section. It prints one line per fault as
@@ -21,7 +24,7 @@
 
 #include <cstdio>
 
-// True for the subcommand names above.
+// True for the subcommand names above, and for "script".
 bool IsScriptToolCommand(const char* name);
 
 // Runs the subcommand in argv[1] with its arguments after it, as main()
