@@ -211,10 +211,11 @@ int Capture(const CaptureOptions& options, FILE* out, FILE* err) {
     }
   }
   if (!chosen) {
-    std::string wanted = options.format.empty() ? "any format" : options.format;
-    if (options.width) wanted += " " + std::to_string(options.width) + "x" + std::to_string(options.height);
-    std::fprintf(err, "mr740cam: the camera %s does not offer %s; it offers:\n",
-                 session.Model().name.c_str(), wanted.c_str());
+    char size[32] = "";
+    if (options.width) std::snprintf(size, sizeof size, " %ux%u", options.width, options.height);
+    std::fprintf(err, "mr740cam: the camera %s does not offer %s%s; it offers:\n",
+                 session.Model().name.c_str(),
+                 options.format.empty() ? "any format" : options.format.c_str(), size);
     for (const KS_DATARANGE_VIDEO& range : offers) {
       std::fprintf(err, "  %s\n", DescribeFormat(range).c_str());
     }
