@@ -12,6 +12,10 @@
 
 #include <cstring>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "pipeline/frame_pipeline.h"
 
 namespace {
@@ -50,74 +54,178 @@ void FillLastRows(uint8_t* destination, uint32_t first, uint32_t width, uint32_t
 
 // ---------------------------------------------------------------- growing
 //
-// The horizontal result of one source pair, before any shift: each output byte
-// as a sum whose weights add up to the same total, 2 for the half steps and 4
-// for the quarter steps (a lone byte counts twice or four times). `p` is the
-// pair, `n` the next pair of the row; for the last pair of a row `n` is a
-// stand-in pair (Y1, Cb, Y1, Cr) that turns every forward weight into a repeat.
+// One output row of a grower from source rows `a` and `b` with vertical
+// weights WeightA and WeightB (WeightB 0: row `a` alone). Each source byte is
+// first taken as its vertical sum WeightA x a + WeightB x b, then the output
+// byte as the horizontal weighted sum of those, shifted down by Shift, the
+// log2 of all weights together: the same single sum of (horizontal weight x
+// vertical weight x byte) with one rounding at the end. The last pair of a
+// row has no next pair: its forward weights fall on its own Y1, Cb and Cr,
+// which repeats them. `pairs` source pairs make 8 (half steps) or 16 (quarter
+// steps) output bytes each.
 
-constexpr uint32_t Half = 2;     // total horizontal weight of GrowYuy2By2
-constexpr uint32_t Quarter = 4;  // total horizontal weight of GrowYuy2By4
-
-inline void HorizontalHalf(const uint8_t* p, const uint8_t* n, uint32_t h[8]) {
-  h[0] = 2u * p[0];         // Y0
-  h[1] = 2u * p[1];         // Cb
-  h[2] = p[0] + p[2];       // Y0, Y1: 1, 1
-  h[3] = 2u * p[3];         // Cr
-  h[4] = 2u * p[2];         // Y1
-  h[5] = p[1] + n[1];       // Cb, Cb': 1, 1
-  h[6] = p[2] + n[0];       // Y1, Y2: 1, 1
-  h[7] = p[3] + n[3];       // Cr, Cr': 1, 1
-}
-
-inline void HorizontalQuarter(const uint8_t* p, const uint8_t* n, uint32_t h[16]) {
-  h[0] = 4u * p[0];             // Y0
-  h[1] = 4u * p[1];             // Cb
-  h[2] = 3u * p[0] + p[2];      // Y0, Y1: 3, 1
-  h[3] = 4u * p[3];             // Cr
-  h[4] = 2u * (p[0] + p[2]);    // Y0, Y1: 1, 1
-  h[5] = 3u * p[1] + n[1];      // Cb, Cb': 3, 1
-  h[6] = p[0] + 3u * p[2];      // Y0, Y1: 1, 3
-  h[7] = 3u * p[3] + n[3];      // Cr, Cr': 3, 1
-  h[8] = 4u * p[2];             // Y1
-  h[9] = 2u * (p[1] + n[1]);    // Cb, Cb': 1, 1
-  h[10] = 3u * p[2] + n[0];     // Y1, Y2: 3, 1
-  h[11] = 2u * (p[3] + n[3]);   // Cr, Cr': 1, 1
-  h[12] = 2u * (p[2] + n[0]);   // Y1, Y2: 1, 1
-  h[13] = p[1] + 3u * n[1];     // Cb, Cb': 1, 3
-  h[14] = p[2] + 3u * n[0];     // Y1, Y2: 1, 3
-  h[15] = p[3] + 3u * n[3];     // Cr, Cr': 1, 3
-}
-
-// One output row from source rows `a` and `b` with vertical weights WeightA
-// and WeightB; Shift is log2 of (total horizontal weight x (WeightA +
-// WeightB)). `pairs` source pairs make Out bytes each.
-template <uint32_t Out, uint32_t WeightA, uint32_t WeightB, uint32_t Shift>
-void GrowRow(uint8_t* out, const uint8_t* a, const uint8_t* b, uint32_t pairs) {
-  uint32_t ha[Out];
-  uint32_t hb[Out];
-  auto horizontal = [](const uint8_t* p, const uint8_t* n, uint32_t* h) {
-    if constexpr (Out == 8) {
-      HorizontalHalf(p, n, h);
+template <uint32_t WeightA, uint32_t WeightB>
+struct VerticalSum {
+  const uint8_t* a;
+  const uint8_t* b;
+  uint32_t operator()(size_t i) const {
+    if constexpr (WeightB == 0) {
+      return WeightA * a[i];
     } else {
-      HorizontalQuarter(p, n, h);
-    }
-  };
-  for (uint32_t k = 0; k < pairs; ++k) {
-    const uint8_t* pa = a + 4 * size_t(k);
-    const uint8_t* pb = b + 4 * size_t(k);
-    const bool last = k + 1 == pairs;
-    const uint8_t standInA[4] = {pa[2], pa[1], pa[2], pa[3]};
-    const uint8_t standInB[4] = {pb[2], pb[1], pb[2], pb[3]};
-    horizontal(pa, last ? standInA : pa + 4, ha);
-    if constexpr (WeightB != 0) horizontal(pb, last ? standInB : pb + 4, hb);
-    uint8_t* o = out + Out * size_t(k);
-    for (uint32_t i = 0; i < Out; ++i) {
-      uint32_t sum = WeightA * ha[i];
-      if constexpr (WeightB != 0) sum += WeightB * hb[i];
-      o[i] = uint8_t(sum >> Shift);
+      return WeightA * a[i] + WeightB * b[i];
     }
   }
+};
+
+// Eight output bytes as one word, the first in the lowest byte, stored in
+// memory order.
+inline void StoreEight(uint8_t* out, uint32_t b0, uint32_t b1, uint32_t b2, uint32_t b3,
+                       uint32_t b4, uint32_t b5, uint32_t b6, uint32_t b7) {
+  uint8_t bytes[8] = {uint8_t(b0), uint8_t(b1), uint8_t(b2), uint8_t(b3),
+                      uint8_t(b4), uint8_t(b5), uint8_t(b6), uint8_t(b7)};
+  std::memcpy(out, bytes, 8);
+}
+
+// Half steps, total horizontal weight 2 (a lone byte counts twice).
+template <uint32_t WeightA, uint32_t WeightB, uint32_t Shift>
+inline void GrowPairHalf(uint8_t* out, uint32_t y0, uint32_t cb, uint32_t y1, uint32_t cr,
+                         uint32_t y2, uint32_t cbNext, uint32_t crNext) {
+  StoreEight(out, (2 * y0) >> Shift, (2 * cb) >> Shift, (y0 + y1) >> Shift, (2 * cr) >> Shift,
+             (2 * y1) >> Shift, (cb + cbNext) >> Shift, (y1 + y2) >> Shift,
+             (cr + crNext) >> Shift);
+}
+
+// Quarter steps, total horizontal weight 4.
+template <uint32_t WeightA, uint32_t WeightB, uint32_t Shift>
+inline void GrowPairQuarter(uint8_t* out, uint32_t y0, uint32_t cb, uint32_t y1, uint32_t cr,
+                            uint32_t y2, uint32_t cbNext, uint32_t crNext) {
+  StoreEight(out, (4 * y0) >> Shift, (4 * cb) >> Shift, (3 * y0 + y1) >> Shift,
+             (4 * cr) >> Shift, (2 * (y0 + y1)) >> Shift, (3 * cb + cbNext) >> Shift,
+             (y0 + 3 * y1) >> Shift, (3 * cr + crNext) >> Shift);
+  StoreEight(out + 8, (4 * y1) >> Shift, (2 * (cb + cbNext)) >> Shift, (3 * y1 + y2) >> Shift,
+             (2 * (cr + crNext)) >> Shift, (2 * (y1 + y2)) >> Shift,
+             (cb + 3 * cbNext) >> Shift, (y1 + 3 * y2) >> Shift, (cr + 3 * crNext) >> Shift);
+}
+
+#if defined(__SSE2__)
+// The same sums for two source pairs at a time in 16-bit lanes (at most
+// 16 x 255 = 4080), one pair in each 64-bit half. With P = (Y0 Cb Y1 Cr), the
+// next pair N = (Y2 Cb' Y3 Cr') and the lane shuffles Q0 = (Y0 Cb Y0 Cr),
+// Q1 = (Y1 Cb Y1 Cr), X = (Y2 Cb' Y2 Cr'), every group of four output bytes
+// is a sum of these with fixed weights per lane:
+//   half steps:    P + Q0;  (2 1 1 1) Q1 + (0 1 1 1) X
+//   quarter steps: P + 3 Q0;  (2 3 1 3) Q0 + (2 0 3 0) Q1 + (0 1 0 1) X;
+//                  (4 2 3 2) Q1 + (0 2 1 2) X;  (2 1 1 1) Q1 + (2 3 3 3) X
+// Reads the source pairs k to k + 2; returns the first pair it did not do.
+inline __m128i Weights(int16_t w0, int16_t w1, int16_t w2, int16_t w3) {
+  return _mm_setr_epi16(w0, w1, w2, w3, w0, w1, w2, w3);
+}
+
+template <uint32_t WeightA, uint32_t WeightB>
+inline __m128i VerticalLanes(const uint8_t* a, const uint8_t* b) {
+  const __m128i zero = _mm_setzero_si128();
+  __m128i v = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(a)), zero);
+  if constexpr (WeightA != 1) v = _mm_mullo_epi16(v, _mm_set1_epi16(WeightA));
+  if constexpr (WeightB != 0) {
+    __m128i w = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(b)), zero);
+    if constexpr (WeightB != 1) w = _mm_mullo_epi16(w, _mm_set1_epi16(WeightB));
+    v = _mm_add_epi16(v, w);
+  }
+  return v;
+}
+
+#define MR740_SHUFFLE_PAIRS(v, a, b, c, d) \
+  _mm_shufflehi_epi16(_mm_shufflelo_epi16(v, _MM_SHUFFLE(d, c, b, a)), _MM_SHUFFLE(d, c, b, a))
+
+template <uint32_t Out, uint32_t WeightA, uint32_t WeightB, uint32_t Shift>
+uint32_t GrowPairsSse2(uint8_t* out, const uint8_t* a, const uint8_t* b, uint32_t pairs) {
+  uint32_t k = 0;
+  for (; k + 3 <= pairs; k += 2, out += 2 * Out) {
+    const size_t at = 4 * size_t(k);
+    const __m128i p = VerticalLanes<WeightA, WeightB>(a + at, b + at);
+    const __m128i n = VerticalLanes<WeightA, WeightB>(a + at + 4, b + at + 4);
+    const __m128i q0 = MR740_SHUFFLE_PAIRS(p, 0, 1, 0, 3);
+    const __m128i q1 = MR740_SHUFFLE_PAIRS(p, 2, 1, 2, 3);
+    const __m128i x = MR740_SHUFFLE_PAIRS(n, 0, 1, 0, 3);
+    if constexpr (Out == 8) {
+      const __m128i g0 = _mm_srli_epi16(_mm_add_epi16(p, q0), Shift);
+      const __m128i g1 = _mm_srli_epi16(
+          _mm_add_epi16(_mm_mullo_epi16(q1, Weights(2, 1, 1, 1)),
+                        _mm_mullo_epi16(x, Weights(0, 1, 1, 1))),
+          Shift);
+      const __m128i bytes =
+          _mm_packus_epi16(_mm_unpacklo_epi64(g0, g1), _mm_unpackhi_epi64(g0, g1));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(out), bytes);
+    } else {
+      const __m128i g0 =
+          _mm_srli_epi16(_mm_add_epi16(p, _mm_mullo_epi16(q0, _mm_set1_epi16(3))), Shift);
+      const __m128i g1 = _mm_srli_epi16(
+          _mm_add_epi16(_mm_add_epi16(_mm_mullo_epi16(q0, Weights(2, 3, 1, 3)),
+                                      _mm_mullo_epi16(q1, Weights(2, 0, 3, 0))),
+                        _mm_mullo_epi16(x, Weights(0, 1, 0, 1))),
+          Shift);
+      const __m128i g2 = _mm_srli_epi16(
+          _mm_add_epi16(_mm_mullo_epi16(q1, Weights(4, 2, 3, 2)),
+                        _mm_mullo_epi16(x, Weights(0, 2, 1, 2))),
+          Shift);
+      const __m128i g3 = _mm_srli_epi16(
+          _mm_add_epi16(_mm_mullo_epi16(q1, Weights(2, 1, 1, 1)),
+                        _mm_mullo_epi16(x, Weights(2, 3, 3, 3))),
+          Shift);
+      const __m128i first =
+          _mm_packus_epi16(_mm_unpacklo_epi64(g0, g1), _mm_unpacklo_epi64(g2, g3));
+      const __m128i second =
+          _mm_packus_epi16(_mm_unpackhi_epi64(g0, g1), _mm_unpackhi_epi64(g2, g3));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(out), first);
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 16), second);
+    }
+  }
+  return k;
+}
+#undef MR740_SHUFFLE_PAIRS
+#endif
+
+// The rows: the SSE2 form for the pairs it can take (it reads one pair
+// ahead), the portable form for the rest and the last pair, and for all of
+// the row where SSE2 is missing.
+template <uint32_t WeightA, uint32_t WeightB, uint32_t Shift>
+void GrowRowHalf(uint8_t* out, const uint8_t* a, const uint8_t* b, uint32_t pairs) {
+  if (pairs == 0) return;
+  uint32_t k = 0;
+#if defined(__SSE2__)
+  k = GrowPairsSse2<8, WeightA, WeightB, Shift>(out, a, b, pairs);
+#endif
+  out += 8 * size_t(k);
+  const VerticalSum<WeightA, WeightB> v{a, b};
+  size_t at = 4 * size_t(k);
+  uint32_t y0 = v(at), cb = v(at + 1), y1 = v(at + 2), cr = v(at + 3);
+  for (++k; k < pairs; ++k, out += 8) {
+    at = 4 * size_t(k);
+    const uint32_t y2 = v(at), cbNext = v(at + 1), y3 = v(at + 2), crNext = v(at + 3);
+    GrowPairHalf<WeightA, WeightB, Shift>(out, y0, cb, y1, cr, y2, cbNext, crNext);
+    y0 = y2, cb = cbNext, y1 = y3, cr = crNext;
+  }
+  GrowPairHalf<WeightA, WeightB, Shift>(out, y0, cb, y1, cr, y1, cb, cr);  // the last repeats
+}
+
+template <uint32_t WeightA, uint32_t WeightB, uint32_t Shift>
+void GrowRowQuarter(uint8_t* out, const uint8_t* a, const uint8_t* b, uint32_t pairs) {
+  if (pairs == 0) return;
+  uint32_t k = 0;
+#if defined(__SSE2__)
+  k = GrowPairsSse2<16, WeightA, WeightB, Shift>(out, a, b, pairs);
+#endif
+  out += 16 * size_t(k);
+  const VerticalSum<WeightA, WeightB> v{a, b};
+  size_t at = 4 * size_t(k);
+  uint32_t y0 = v(at), cb = v(at + 1), y1 = v(at + 2), cr = v(at + 3);
+  for (++k; k < pairs; ++k, out += 16) {
+    at = 4 * size_t(k);
+    const uint32_t y2 = v(at), cbNext = v(at + 1), y3 = v(at + 2), crNext = v(at + 3);
+    GrowPairQuarter<WeightA, WeightB, Shift>(out, y0, cb, y1, cr, y2, cbNext, crNext);
+    y0 = y2, cb = cbNext, y1 = y3, cr = crNext;
+  }
+  GrowPairQuarter<WeightA, WeightB, Shift>(out, y0, cb, y1, cr, y1, cb, cr);  // the last repeats
 }
 
 }  // namespace
@@ -179,10 +287,10 @@ void GrowYuy2By2(uint8_t* destination, const uint8_t* source, uint32_t width, ui
     uint8_t* odd = even + stride;
     // Half a step (1, 1 over 2 in each direction): shift 1 for one row, 2 for
     // two rows.
-    GrowRow<8, 1, 0, 1>(even, a, a, pairs);
+    GrowRowHalf<1, 0, 1>(even, a, a, pairs);
     FillRowTail(even, 8 * pairs, uint32_t(stride));
     if (r + 1 < sourceHeight) {
-      GrowRow<8, 1, 1, 2>(odd, a, a + sourceStride, pairs);
+      GrowRowHalf<1, 1, 2>(odd, a, a + sourceStride, pairs);
       FillRowTail(odd, 8 * pairs, uint32_t(stride));
     } else {
       std::memcpy(odd, even, stride);  // the last source row repeats
@@ -204,12 +312,12 @@ void GrowYuy2By4(uint8_t* destination, const uint8_t* source, uint32_t width, ui
     uint8_t* o = destination + stride * (4 * size_t(r));
     // Total horizontal weight 4 (shift 2); vertical 1, 0 adds nothing, 3, 1
     // and 1, 3 add shift 2, 1, 1 adds shift 1.
-    GrowRow<16, 1, 0, 2>(o, a, a, pairs);
+    GrowRowQuarter<1, 0, 2>(o, a, a, pairs);
     FillRowTail(o, written, uint32_t(stride));
     if (r + 1 < sourceHeight) {
-      GrowRow<16, 3, 1, 4>(o + stride, a, b, pairs);
-      GrowRow<16, 1, 1, 3>(o + 2 * stride, a, b, pairs);
-      GrowRow<16, 1, 3, 4>(o + 3 * stride, a, b, pairs);
+      GrowRowQuarter<3, 1, 4>(o + stride, a, b, pairs);
+      GrowRowQuarter<1, 1, 3>(o + 2 * stride, a, b, pairs);
+      GrowRowQuarter<1, 3, 4>(o + 3 * stride, a, b, pairs);
       for (uint32_t i = 1; i < 4; ++i) FillRowTail(o + i * stride, written, uint32_t(stride));
     } else {
       for (uint32_t i = 1; i < 4; ++i) std::memcpy(o + i * stride, o, stride);
@@ -250,11 +358,15 @@ void Resample1280To1024(const uint8_t* source, uint8_t* destination, uint32_t so
       const uint8_t* s = source + sourceStride * (5 * size_t(g) + i);
       uint8_t* o = destination + stride * y;
       for (uint32_t c = 0; c < whole; ++c, s += 20, o += 16) {
-        uint8_t chunk[17];
-        std::memcpy(chunk, s, sizeof chunk);
-        uint8_t out[16];
-        for (uint32_t k = 0; k < 16; ++k) out[k] = chunk[DecimationSource[k]];
-        std::memcpy(o, out, sizeof out);
+        // Bytes 0 to 7 as they are; bytes 9 to 16 with each neighbouring two
+        // swapped (10 9 12 11 14 13 16 15). Both words are read before either
+        // is written.
+        uint64_t head, tail;
+        std::memcpy(&head, s, 8);
+        std::memcpy(&tail, s + 9, 8);
+        tail = ((tail >> 8) & 0x00FF00FF00FF00FFull) | ((tail << 8) & 0xFF00FF00FF00FF00ull);
+        std::memcpy(o, &head, 8);
+        std::memcpy(o + 8, &tail, 8);
       }
       // A part chunk at the end of a row whose width is no multiple of 8.
       for (uint32_t c = whole; c < chunks; ++c, s += 20, o += 16) {
