@@ -262,3 +262,27 @@ TEST_F(OwnRoute, RawBytesFollowWireLayoutAndScaleMode) {
 }
 
 }  // namespace
+
+namespace {
+
+// A raw buffer shorter than the wire frame of the mode is not developed: the
+// frame is given no bytes and the picture is not touched.
+TEST(OwnRouteFramePath, ARawBufferShorterThanTheWireFrameIsNotDeveloped) {
+  TestDevice device;
+  device.SetMode(CompressionYUY2, 64, 48, 2, 2, 0);  // wire 128 x 96 YUYV
+  std::vector<uint8_t> work(WorkBufferBytes, 0x11);
+  device->WorkBuffer = work.data();
+  device->FrameLengthOk = 1;
+  for (uint32_t rawBytes : {128u * 96 * 2 - 1, 128u * 96 * 2}) {
+    std::vector<uint8_t> raw(rawBytes, 0x80);
+    std::vector<uint8_t> output(64 * 48 * 2, 0x33);
+    uint32_t returned = 0xFEED;
+    ProcessRawFrame(nullptr, device.context, nullptr, output.data(), uint32_t(output.size()),
+                    raw.data(), rawBytes, 0, &returned);
+    const bool fits = rawBytes == 128u * 96 * 2;
+    EXPECT_EQ(returned, fits ? output.size() : 0u) << rawBytes;
+    EXPECT_EQ(output[0], fits ? 0x80 : 0x33) << rawBytes;
+  }
+}
+
+}  // namespace
