@@ -278,8 +278,9 @@ NTSTATUS CamAllocateBandwidthEx(PDEVICE_OBJECT, DeviceContext* context, uint32_t
 
   const KS_BITMAPINFOHEADER& header =
       static_cast<KS_DATAFORMAT_VIDEOINFOHEADER*>(format)->VideoInfoHeader.bmiHeader;
-  context->ImageWidth = static_cast<uint32_t>(header.biWidth);
-  context->ImageHeight = static_cast<uint32_t>(header.biHeight);
+  // The worker compares the format and size while a start runs: shared.
+  StoreShared(context->ImageWidth, static_cast<uint32_t>(header.biWidth));
+  StoreShared(context->ImageHeight, static_cast<uint32_t>(header.biHeight));
   WriteImageWidthForMonitor(context);
 
   context->FaceRect.Left = 0;
@@ -289,11 +290,11 @@ NTSTATUS CamAllocateBandwidthEx(PDEVICE_OBJECT, DeviceContext* context, uint32_t
 
   if (header.biBitCount == 24 &&
       (header.biCompression == CompressionRGB24 || header.biCompression == 0)) {
-    context->CurrentCompression = CompressionRGB24;
+    StoreShared(context->CurrentCompression, CompressionRGB24);
   } else if (header.biBitCount == 16 && header.biCompression == CompressionYUY2) {
-    context->CurrentCompression = CompressionYUY2;
+    StoreShared(context->CurrentCompression, CompressionYUY2);
   } else if (header.biBitCount == 12 && header.biCompression == CompressionI420) {
-    context->CurrentCompression = CompressionI420;
+    StoreShared(context->CurrentCompression, CompressionI420);
   }
 
   SelectMode(context);
@@ -324,8 +325,8 @@ NTSTATUS CamAllocateBandwidth(PDEVICE_OBJECT busDeviceObject, DeviceContext* con
 
 NTSTATUS CamFreeBandwidthEx(PDEVICE_OBJECT, DeviceContext* context, uint32_t streamNumber) {
   if (streamNumber != 0) return STATUS_SUCCESS;
-  context->ImageWidth = 0;
-  context->ImageHeight = 0;
+  StoreShared(context->ImageWidth, 0);
+  StoreShared(context->ImageHeight, 0);
   WriteImageWidthForMonitor(context);
   USBD_INTERFACE_INFORMATION* saved = context->SavedInterface;
   if (saved == nullptr) return STATUS_SUCCESS;

@@ -54,15 +54,15 @@ bool StartStreaming(DeviceContext* context) {
   SwitchStreaming(context, 1);
   uint32_t compression, width, height;
   do {
-    compression = context->CurrentCompression;
-    width = context->ImageWidth;
-    height = context->ImageHeight;
+    compression = LoadShared(context->CurrentCompression);
+    width = LoadShared(context->ImageWidth);
+    height = LoadShared(context->ImageHeight);
     if (RunModeSections(context) != STATUS_SUCCESS) return false;
     // The saved control values are replayed here (ApplySavedProperties).
     if (!UpdateImageOrientation(context, TRUE, FALSE)) return false;
     BeginCaptureRun(context);
-  } while (compression != context->CurrentCompression || width != context->ImageWidth ||
-           height != context->ImageHeight);
+  } while (compression != LoadShared(context->CurrentCompression) ||
+           width != LoadShared(context->ImageWidth) || height != LoadShared(context->ImageHeight));
   ISPFunc_Rotate(context->IspHandle, context, context->RotateHoriz, context->RotateVert);
   return true;
 }
