@@ -1,0 +1,531 @@
+// The capture host with the whole driver against the emulated camera: every
+// built-in camera description started as the stream class starts it, every
+// format it offers captured and its picture checked against the emulator's
+// test pattern, start/stop cycles, an unplug in the middle of a stream, two
+// cameras in one process, and frames too long for the raw frame buffer.
+//
+// Every suite here runs the driver's worker thread, so all are "Threads"
+// suites. Time is virtual: the host's pump moves the kernel clock.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <unistd.h>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "core/device_context.h"
+#include "host/capture_host.h"
+#include "platform/files_control.h"
+#include "platform/kernel_control.h"
+#include "platform/registry_control.h"
+#include "tools/camera_catalog.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// ---------------------------------------------------------------- the four descriptions
+
+// What camera each description is for (its sensor, controller revision and
+// lens), and whether its pictures come through the driver's own route
+// (RawPipelineKind 0) rather than the image library.
+struct Description {
+  const char* model;
+  uint32_t instance;  // of its software key in the .reg file
+  EmulatedSensorKind sensor;
+  uint16_t bcdDevice;
+  EmulatedLensKind lens;
+  bool ownRoute;
+};
+
+const Description kDescriptions[] = {
+    {"ov7670-webcam", 0, EmulatedSensorKind::OV7670, 0x0100, EmulatedLensKind::None, true},
+    {"ov2640-camera", 1, EmulatedSensorKind::OV2640, 0x0200, EmulatedLensKind::None, true},
+    {"mi2020-camera", 2, EmulatedSensorKind::MI2020, 0x0100, EmulatedLensKind::HomeSwitch, true},
+    {"mi2021-camera", 3, EmulatedSensorKind::MI2021, 0x0200, EmulatedLensKind::NoHomeSwitch,
+     false},
+};
+
+// The test pattern, remembering what the sensor showed in its last frame.
+struct RecordingPattern : FrameSource {
+  void Render(const FrameRequest& request, std::vector<uint8_t>* wireBytes) override {
+    pattern.Render(request, wireBytes);
+    std::lock_guard<std::mutex> hold(mutex);
+    last = request;
+  }
+  FrameRequest Last() {
+    std::lock_guard<std::mutex> hold(mutex);
+    return last;
+  }
+  TestPatternSource pattern;
+  std::mutex mutex;
+  FrameRequest last;
+};
+
+// All four descriptions installed, drive C on a folder of their scripts,
+// virtual time, and the driver's log kept out of the test output.
+class HostRig {
+ public:
+  HostRig() {
+    ResetRegistry();
+    clockMode_ = GetKernelClockMode();
+    SetKernelClockMode(KernelClockMode::Virtual);
+    folder_ = fs::temp_directory_path() / ("mr740-host-test-" + std::to_string(::getpid()));
+    fs::create_directories(folder_);
+    for (const Description& description : kDescriptions) {
+      EXPECT_TRUE(InstallEmbeddedCamera(description.model, folder_.string(), stderr));
+    }
+    MapDosDrive('C', folder_.string());
+  }
+  ~HostRig() {
+    MapDosDrive('C', "");
+    SetKernelClockMode(clockMode_);
+    std::error_code error;
+    fs::remove_all(folder_, error);
+    ResetRegistry();
+  }
+
+  // A camera as the description says, streaming the recording pattern.
+  static std::unique_ptr<EmulatedCamera> MakeCamera(const Description& description,
+                                                    std::shared_ptr<RecordingPattern> pattern) {
+    EmulatedCameraConfig config;
+    config.sensors = {EmulatedSensorConfig{description.sensor}};
+    config.bcdDevice = description.bcdDevice;
+    config.highSpeed = true;
+    config.lens = description.lens;
+    config.frameSource = std::move(pattern);
+    return std::make_unique<EmulatedCamera>(config);
+  }
+
+  static std::unique_ptr<HostedCamera> Start(const Description& description,
+                                             EmulatedCamera* camera) {
+    HostedCameraConfig config;
+    config.camera = camera;
+    config.deviceKeyPath = DeviceSoftwareKeyPath(description.instance);
+    std::unique_ptr<HostedCamera> hosted;
+    std::string error;
+    const NTSTATUS status = HostedCamera::Start(config, &hosted, &error);
+    EXPECT_EQ(status, STATUS_SUCCESS) << description.model << ": " << error;
+    return hosted;
+  }
+
+ private:
+  fs::path folder_;
+  KernelClockMode clockMode_ = KernelClockMode::Real;
+  DebugPrintCapture log_;
+};
+
+// ---------------------------------------------------------------- pictures
+
+struct Rgb {
+  int r, g, b;
+};
+
+int Clamp255(double v) { return int(std::min(255.0, std::max(0.0, v + 0.5))); }
+
+// BT.601 studio range back to RGB, in floating point as a reference.
+Rgb FromYuv(int y, int cb, int cr) {
+  const double c = 1.164 * (y - 16), d = cb - 128, e = cr - 128;
+  return {Clamp255(c + 1.596 * e), Clamp255(c - 0.392 * d - 0.813 * e), Clamp255(c + 2.017 * d)};
+}
+
+// The pixel at (x, y), top-down, of a picture in the stream's format.
+Rgb PixelAt(const std::vector<uint8_t>& picture, uint32_t compression, uint32_t width,
+            uint32_t height, uint32_t x, uint32_t y) {
+  if (compression == CompressionRGB24) {
+    const uint8_t* p = &picture[(size_t(height - 1 - y) * width + x) * 3];  // bottom-up BGR
+    return {p[2], p[1], p[0]};
+  }
+  if (compression == CompressionYUY2) {
+    const uint8_t* pair = &picture[(size_t(y) * width + (x & ~1u)) * 2];
+    return FromYuv(pair[(x & 1) ? 2 : 0], pair[1], pair[3]);
+  }
+  const size_t luma = size_t(width) * height, chroma = luma / 4;
+  const size_t at = size_t(y / 2) * (width / 2) + x / 2;
+  return FromYuv(picture[size_t(y) * width + x], picture[luma + at], picture[luma + chroma + at]);
+}
+
+// What the pattern shows at output position `i` of `count` along one axis:
+// the array coordinate, as the sensor's field maps it.
+uint32_t ArrayAt(uint32_t i, uint32_t count, uint32_t start, uint32_t length, bool reversed) {
+  uint32_t u = uint32_t((uint64_t(2 * i + 1) * length) / (2 * uint64_t(count)));
+  if (u >= length) u = length - 1;
+  return start + (reversed ? length - 1 - u : u);
+}
+
+// The bars as high/low channel triples: white, yellow, cyan, green, magenta,
+// red, blue, black.
+constexpr int kBarBits[8] = {7, 6, 3, 2, 5, 4, 1, 0};  // r << 2 | g << 1 | b
+
+int Bits(const Rgb& c) { return (c.r > 128) << 2 | (c.g > 128) << 1 | (c.b > 128); }
+
+// Samples the picture well away from every edge of the pattern (bars and the
+// white square) and compares each sample's colour, channel by channel against
+// the middle level, with what the sensor showed. Returns a failure text, or
+// an empty string when at least 95 % of the samples and every visible bar
+// show as they should.
+std::string CheckPattern(const std::vector<uint8_t>& picture, uint32_t compression,
+                         uint32_t width, uint32_t height, const FrameRequest& shown) {
+  const uint32_t aw = std::max(shown.arrayWidth, 1u), ah = std::max(shown.arrayHeight, 1u);
+  const uint32_t squareLeft = aw / 16, squareRight = aw / 16 + aw / 8;
+  const uint32_t squareTop = ah / 12, squareBottom = ah / 12 + ah / 6;
+  const uint32_t margin = aw / 40;
+  uint32_t samples = 0, matches = 0;
+  uint32_t barsSeen = 0, barsRight = 0;
+  for (uint32_t y = 0; y < height; y += std::max(1u, height / 24)) {
+    const uint32_t ay = ArrayAt(y, height, shown.fieldTop, shown.fieldHeight, shown.flip);
+    if (ay + ah / 48 >= squareTop && ay <= squareBottom + ah / 48 && ay >= squareTop / 2) {
+      // Near the square's top or bottom edge: rows inside it are checked below.
+      if (!(ay > squareTop + ah / 48 && ay + ah / 48 < squareBottom)) continue;
+    }
+    const bool squareRow = ay >= squareTop && ay < squareBottom;
+    for (uint32_t x = 0; x < width; x += std::max(1u, width / 64)) {
+      const uint32_t ax = ArrayAt(x, width, shown.fieldLeft, shown.fieldWidth, shown.mirror);
+      const uint32_t bar = std::min(ax * 8 / aw, 7u);
+      const uint32_t left = bar * aw / 8, right = (bar + 1) * aw / 8;
+      if (ax < left + margin || ax + margin >= right) continue;
+      const bool inSquare = squareRow && ax >= squareLeft && ax < squareRight;
+      if (squareRow && ax + margin >= squareLeft && ax < squareRight + margin && !inSquare) continue;
+      if (inSquare && (ax < squareLeft + margin || ax + margin >= squareRight)) continue;
+      const int expected = inSquare ? 7 : kBarBits[bar];
+      const int got = Bits(PixelAt(picture, compression, width, height, x, y));
+      ++samples;
+      if (got == expected) ++matches;
+      if (!squareRow) {
+        barsSeen |= 1u << bar;
+        if (got == expected) barsRight |= 1u << bar;
+      }
+    }
+  }
+  if (std::getenv("MR740_HOST_TEST_DUMP")) {
+    for (uint32_t y = 0; y < height; y += height / 12) {
+      std::string line;
+      for (uint32_t x = 0; x < width; x += width / 32) {
+        line += char('0' + Bits(PixelAt(picture, compression, width, height, x, y)));
+      }
+      Rgb c = PixelAt(picture, compression, width, height, width / 16, y);
+      std::fprintf(stderr, "%4u %s  %d,%d,%d\n", y, line.c_str(), c.r, c.g, c.b);
+    }
+    std::fprintf(stderr, "field %u,%u %ux%u of %ux%u mirror %d flip %d wire %ux%u\n",
+                 shown.fieldLeft, shown.fieldTop, shown.fieldWidth, shown.fieldHeight, aw, ah,
+                 shown.mirror, shown.flip, shown.width, shown.height);
+  }
+  char text[200];
+  if (samples == 0) return "no sample";
+  if (matches * 100 < samples * 95 || barsRight != barsSeen) {
+    std::snprintf(text, sizeof text, "%u of %u samples right; bars seen %02X, right %02X", matches,
+                  samples, barsSeen, barsRight);
+    return text;
+  }
+  return "";
+}
+
+const char* CompressionName(uint32_t compression) {
+  switch (compression) {
+    case CompressionRGB24: return "RGB24";
+    case CompressionYUY2: return "YUY2";
+    case CompressionI420: return "I420";
+    default: return "?";
+  }
+}
+
+// Two seconds of bus time: the worker's start, the blank frame and a few
+// frames fit in it many times over.
+constexpr int64_t kTimeout = 20000000;
+
+// Opens stream 0 with the format the host makes of `range`, runs it, reads
+// `frames` frames and leaves the last in `picture`.
+NTSTATUS CaptureFrames(HostedCamera* hosted, const KS_DATARANGE_VIDEO& range, int frames,
+                       std::vector<uint8_t>* picture, KS_DATAFORMAT_VIDEOINFOHEADER* format) {
+  NTSTATUS status = hosted->IntersectFormat(0, range, format);
+  if (!NT_SUCCESS(status)) return status;
+  status = hosted->OpenStream(0, *format);
+  if (!NT_SUCCESS(status)) return status;
+  status = hosted->SetStreamState(0, KSSTATE_RUN);
+  picture->assign(format->VideoInfoHeader.bmiHeader.biSizeImage, 0);
+  for (int i = 0; i < frames && NT_SUCCESS(status); ++i) {
+    HostFrame frame;
+    status = hosted->ReadFrame(0, picture->data(), uint32_t(picture->size()), &frame, kTimeout);
+    if (NT_SUCCESS(status) && frame.bytes != picture->size()) status = STATUS_DATA_ERROR;
+  }
+  hosted->SetStreamState(0, KSSTATE_STOP);
+  hosted->CloseStream(0);
+  return status;
+}
+
+bool Balanced(std::string* report) {
+  if (!JoinSystemThreads(10000)) {
+    *report += "threads still running\n";
+    return false;
+  }
+  return KernelCheckBalanced(report, PoolTagWdm) && PoolLiveBlocks(PoolTagWdm) == 0;
+}
+
+// ---------------------------------------------------------------- tests
+
+// Every format every description offers, captured end to end: the second
+// delivered frame of each shows the test pattern's bars in their order and
+// colours and the white square, as far as the sensor's field shows them.
+TEST(CaptureHostPicturesThreads, EveryOfferedFormatOfEveryDescriptionShowsTheTestPattern) {
+  HostRig rig;
+  for (const Description& description : kDescriptions) {
+    SCOPED_TRACE(description.model);
+    auto pattern = std::make_shared<RecordingPattern>();
+    std::unique_ptr<EmulatedCamera> camera = HostRig::MakeCamera(description, pattern);
+    std::unique_ptr<HostedCamera> hosted = HostRig::Start(description, camera.get());
+    if (!hosted) continue;
+    const std::vector<KS_DATARANGE_VIDEO> formats = hosted->Formats(0);
+    EXPECT_FALSE(formats.empty());
+    for (const KS_DATARANGE_VIDEO& range : formats) {
+      const KS_BITMAPINFOHEADER& header = range.VideoInfoHeader.bmiHeader;
+      const uint32_t compression = header.biCompression;
+      const uint32_t width = uint32_t(header.biWidth), height = uint32_t(header.biHeight);
+      SCOPED_TRACE(std::string(CompressionName(compression)) + " " + std::to_string(width) + "x" +
+                   std::to_string(height) +
+                   (description.ownRoute ? " (driver's own route)" : " (image library)"));
+      std::vector<uint8_t> picture;
+      KS_DATAFORMAT_VIDEOINFOHEADER format{};
+      const NTSTATUS status = CaptureFrames(hosted.get(), range, 2, &picture, &format);
+      ASSERT_EQ(status, STATUS_SUCCESS) << NtStatusName(status);
+      EXPECT_EQ(std::string(), CheckPattern(picture, compression, width, height, pattern->Last()));
+    }
+    hosted.reset();
+  }
+  std::string report;
+  EXPECT_TRUE(Balanced(&report)) << report;
+}
+
+// Stop and start again, and pause in between: each run delivers frames, the
+// raw frame buffer comes back with the bandwidth, and the frame count of the
+// stream goes on.
+TEST(CaptureHostThreads, StartStopStartDeliversFramesEachTime) {
+  HostRig rig;
+  const Description& description = kDescriptions[0];
+  auto pattern = std::make_shared<RecordingPattern>();
+  std::unique_ptr<EmulatedCamera> camera = HostRig::MakeCamera(description, pattern);
+  std::unique_ptr<HostedCamera> hosted = HostRig::Start(description, camera.get());
+  ASSERT_TRUE(hosted);
+  const std::vector<KS_DATARANGE_VIDEO> formats = hosted->Formats(0);
+  ASSERT_FALSE(formats.empty());
+  // The smallest offered format: the point here is the cycle, not the size.
+  const KS_DATARANGE_VIDEO* smallest = &formats[0];
+  for (const KS_DATARANGE_VIDEO& range : formats) {
+    if (range.VideoInfoHeader.bmiHeader.biSizeImage <
+        smallest->VideoInfoHeader.bmiHeader.biSizeImage) {
+      smallest = &range;
+    }
+  }
+  KS_DATAFORMAT_VIDEOINFOHEADER format{};
+  ASSERT_EQ(hosted->IntersectFormat(0, *smallest, &format), STATUS_SUCCESS);
+  ASSERT_EQ(hosted->OpenStream(0, format), STATUS_SUCCESS);
+  std::vector<uint8_t> picture(format.VideoInfoHeader.bmiHeader.biSizeImage);
+  HostFrame frame;
+  // A stream that does not run has nothing to read.
+  EXPECT_EQ(hosted->ReadFrame(0, picture.data(), uint32_t(picture.size()), &frame, kTimeout),
+            STATUS_INVALID_DEVICE_STATE);
+  const KSSTATE cycle[][2] = {{KSSTATE_RUN, KSSTATE_STOP},
+                              {KSSTATE_RUN, KSSTATE_PAUSE},
+                              {KSSTATE_RUN, KSSTATE_STOP}};
+  uint64_t lastIndex = 0;
+  bool first = true;
+  for (const auto& step : cycle) {
+    ASSERT_EQ(hosted->SetStreamState(0, step[0]), STATUS_SUCCESS);
+    for (int i = 0; i < 2; ++i) {
+      ASSERT_EQ(hosted->ReadFrame(0, picture.data(), uint32_t(picture.size()), &frame, kTimeout),
+                STATUS_SUCCESS);
+      EXPECT_EQ(frame.bytes, picture.size());
+      if (!first) {
+        EXPECT_EQ(frame.index, lastIndex + 1);
+      }
+      lastIndex = frame.index;
+      first = false;
+    }
+    EXPECT_EQ(camera->IsStreaming(), true);
+    ASSERT_EQ(hosted->SetStreamState(0, step[1]), STATUS_SUCCESS);
+  }
+  // A short wait on a stopped stream times out rather than hanging.
+  ASSERT_EQ(hosted->SetStreamState(0, KSSTATE_PAUSE), STATUS_SUCCESS);
+  EXPECT_EQ(hosted->ReadFrame(0, picture.data(), uint32_t(picture.size()), &frame, kTimeout),
+            STATUS_INVALID_DEVICE_STATE);
+  EXPECT_EQ(hosted->CloseStream(0), STATUS_SUCCESS);
+  const HostStatistics statistics = hosted->Statistics();
+  EXPECT_GE(statistics.framesDelivered, 6u);
+  EXPECT_GE(statistics.framesCompleted, statistics.framesDelivered);
+  EXPECT_GT(statistics.droppedPackets, 0u) << "packets while the worker starts the stream";
+  EXPECT_EQ(statistics.framesCut, 0u);
+  hosted.reset();
+  std::string report;
+  EXPECT_TRUE(Balanced(&report)) << report;
+}
+
+// The camera leaves the bus in the middle of a stream: the read ends with
+// STATUS_DEVICE_NOT_CONNECTED, the removal and the uninitialisation run, and
+// nothing is left behind.
+TEST(CaptureHostThreads, UnplugMidStreamEndsTheCaptureWithoutHangOrLeak) {
+  HostRig rig;
+  const Description& description = kDescriptions[1];
+  auto pattern = std::make_shared<RecordingPattern>();
+  std::unique_ptr<EmulatedCamera> camera = HostRig::MakeCamera(description, pattern);
+  std::unique_ptr<HostedCamera> hosted = HostRig::Start(description, camera.get());
+  ASSERT_TRUE(hosted);
+  const std::vector<KS_DATARANGE_VIDEO> formats = hosted->Formats(0);
+  ASSERT_FALSE(formats.empty());
+  KS_DATAFORMAT_VIDEOINFOHEADER format{};
+  ASSERT_EQ(hosted->IntersectFormat(0, formats.back(), &format), STATUS_SUCCESS);
+  ASSERT_EQ(hosted->OpenStream(0, format), STATUS_SUCCESS);
+  ASSERT_EQ(hosted->SetStreamState(0, KSSTATE_RUN), STATUS_SUCCESS);
+  std::vector<uint8_t> picture(format.VideoInfoHeader.bmiHeader.biSizeImage);
+  HostFrame frame;
+  ASSERT_EQ(hosted->ReadFrame(0, picture.data(), uint32_t(picture.size()), &frame, kTimeout),
+            STATUS_SUCCESS);
+  camera->Unplug();
+  EXPECT_EQ(hosted->ReadFrame(0, picture.data(), uint32_t(picture.size()), &frame, kTimeout),
+            STATUS_DEVICE_NOT_CONNECTED);
+  hosted->SurpriseRemoval();
+  EXPECT_EQ(hosted->ReadFrame(0, picture.data(), uint32_t(picture.size()), &frame, kTimeout),
+            STATUS_DEVICE_NOT_CONNECTED);
+  EXPECT_EQ(hosted->SetStreamState(0, KSSTATE_RUN), STATUS_DEVICE_NOT_CONNECTED);
+  hosted.reset();
+  std::string report;
+  EXPECT_TRUE(Balanced(&report)) << report;
+}
+
+// Two cameras of different descriptions in one process: each offers its own
+// formats, and both deliver frames of their own formats in turn.
+TEST(CaptureHostThreads, TwoCamerasOfDifferentDescriptionsEachOfferTheirOwnFormats) {
+  HostRig rig;
+  const Description& first = kDescriptions[0];
+  const Description& second = kDescriptions[3];
+  auto patternA = std::make_shared<RecordingPattern>();
+  auto patternB = std::make_shared<RecordingPattern>();
+  std::unique_ptr<EmulatedCamera> cameraA = HostRig::MakeCamera(first, patternA);
+  std::unique_ptr<EmulatedCamera> cameraB = HostRig::MakeCamera(second, patternB);
+  std::unique_ptr<HostedCamera> a = HostRig::Start(first, cameraA.get());
+  std::unique_ptr<HostedCamera> b = HostRig::Start(second, cameraB.get());
+  ASSERT_TRUE(a && b);
+  EXPECT_NE(a->Context(), b->Context());
+  // The OV7670 webcam has a still pin, the MI2021 camera none.
+  EXPECT_EQ(a->StreamCount(), 2u);
+  EXPECT_EQ(b->StreamCount(), 1u);
+  auto sizes = [](const std::vector<KS_DATARANGE_VIDEO>& formats) {
+    std::vector<std::string> list;
+    for (const KS_DATARANGE_VIDEO& f : formats) {
+      list.push_back(std::string(CompressionName(f.VideoInfoHeader.bmiHeader.biCompression)) +
+                     " " + std::to_string(f.VideoInfoHeader.bmiHeader.biWidth) + "x" +
+                     std::to_string(f.VideoInfoHeader.bmiHeader.biHeight));
+    }
+    std::sort(list.begin(), list.end());
+    return list;
+  };
+  // The enabled mode keys of each description.
+  const std::vector<std::string> expectedA = {
+      "I420 160x120",  "I420 320x240",  "I420 640x480",   "RGB24 160x120", "RGB24 176x144",
+      "RGB24 320x240", "RGB24 352x288", "RGB24 640x480",  "YUY2 1280x960", "YUY2 160x120",
+      "YUY2 176x144",  "YUY2 320x240",  "YUY2 352x288",   "YUY2 640x480"};
+  const std::vector<std::string> expectedB = {
+      "I420 320x240", "I420 640x480",  "RGB24 1280x960", "RGB24 1600x1200", "RGB24 320x240",
+      "RGB24 640x480", "RGB24 800x600", "YUY2 160x120",  "YUY2 1600x1200",  "YUY2 320x240",
+      "YUY2 640x480",  "YUY2 800x600"};
+  EXPECT_EQ(sizes(a->Formats(0)), expectedA);
+  EXPECT_EQ(sizes(a->Formats(1)), expectedA);
+  EXPECT_EQ(sizes(b->Formats(0)), expectedB);
+  // A format only the other camera offers is refused at the open.
+  const std::vector<KS_DATARANGE_VIDEO> formatsB = b->Formats(0);
+  for (const KS_DATARANGE_VIDEO& range : formatsB) {
+    if (range.VideoInfoHeader.bmiHeader.biWidth != 1600) continue;
+    KS_DATAFORMAT_VIDEOINFOHEADER format{};
+    ASSERT_EQ(b->IntersectFormat(0, range, &format), STATUS_SUCCESS);
+    EXPECT_EQ(a->OpenStream(0, format), STATUS_INVALID_PARAMETER);
+    break;
+  }
+  // Both stream at once, read in turn.
+  KS_DATAFORMAT_VIDEOINFOHEADER formatA{}, formatB{};
+  const std::vector<KS_DATARANGE_VIDEO> formatsA = a->Formats(0);
+  const KS_DATARANGE_VIDEO* rangeA = &formatsA[0];
+  const KS_DATARANGE_VIDEO* rangeB = &formatsB[0];
+  for (const KS_DATARANGE_VIDEO& f : formatsA) {
+    if (f.VideoInfoHeader.bmiHeader.biWidth == 320 &&
+        f.VideoInfoHeader.bmiHeader.biCompression == CompressionYUY2) {
+      rangeA = &f;
+    }
+  }
+  for (const KS_DATARANGE_VIDEO& f : formatsB) {
+    if (f.VideoInfoHeader.bmiHeader.biWidth == 320 &&
+        f.VideoInfoHeader.bmiHeader.biCompression == CompressionRGB24) {
+      rangeB = &f;
+    }
+  }
+  ASSERT_EQ(a->IntersectFormat(0, *rangeA, &formatA), STATUS_SUCCESS);
+  ASSERT_EQ(b->IntersectFormat(0, *rangeB, &formatB), STATUS_SUCCESS);
+  ASSERT_EQ(a->OpenStream(0, formatA), STATUS_SUCCESS);
+  ASSERT_EQ(b->OpenStream(0, formatB), STATUS_SUCCESS);
+  ASSERT_EQ(a->SetStreamState(0, KSSTATE_RUN), STATUS_SUCCESS);
+  ASSERT_EQ(b->SetStreamState(0, KSSTATE_RUN), STATUS_SUCCESS);
+  std::vector<uint8_t> pictureA(formatA.VideoInfoHeader.bmiHeader.biSizeImage);
+  std::vector<uint8_t> pictureB(formatB.VideoInfoHeader.bmiHeader.biSizeImage);
+  for (int i = 0; i < 2; ++i) {
+    HostFrame frame;
+    ASSERT_EQ(a->ReadFrame(0, pictureA.data(), uint32_t(pictureA.size()), &frame, kTimeout),
+              STATUS_SUCCESS);
+    EXPECT_EQ(frame.bytes, pictureA.size());
+    ASSERT_EQ(b->ReadFrame(0, pictureB.data(), uint32_t(pictureB.size()), &frame, kTimeout),
+              STATUS_SUCCESS);
+    EXPECT_EQ(frame.bytes, pictureB.size());
+  }
+  EXPECT_EQ(std::string(), CheckPattern(pictureB, CompressionRGB24, 320, 240, patternB->Last()));
+  a.reset();
+  b.reset();
+  std::string report;
+  EXPECT_TRUE(Balanced(&report)) << report;
+}
+
+// Lost frame-end packets run two frames into one, longer than the raw frame
+// buffer: the host cuts them (ASan would see any write past the buffer),
+// counts them, and the stream goes on delivering whole frames afterwards.
+TEST(CaptureHostThreads, FramesTooLongForTheRawBufferAreCutNeverOverrun) {
+  HostRig rig;
+  const Description& description = kDescriptions[0];
+  auto pattern = std::make_shared<RecordingPattern>();
+  std::unique_ptr<EmulatedCamera> camera = HostRig::MakeCamera(description, pattern);
+  std::unique_ptr<HostedCamera> hosted = HostRig::Start(description, camera.get());
+  ASSERT_TRUE(hosted);
+  const std::vector<KS_DATARANGE_VIDEO> formats = hosted->Formats(0);
+  const KS_DATARANGE_VIDEO* range = &formats[0];
+  for (const KS_DATARANGE_VIDEO& f : formats) {
+    if (f.VideoInfoHeader.bmiHeader.biWidth == 160 &&
+        f.VideoInfoHeader.bmiHeader.biCompression == CompressionYUY2) {
+      range = &f;
+    }
+  }
+  // The ends of frames 3 to 8 go missing.
+  camera->AddPacketFault(
+      PacketFaultKind::Drop,
+      [](const StreamPacketInfo& info) {
+        return info.role == StreamPacketRole::FrameEnd && info.frameIndex >= 3 &&
+               info.frameIndex <= 8;
+      });
+  KS_DATAFORMAT_VIDEOINFOHEADER format{};
+  ASSERT_EQ(hosted->IntersectFormat(0, *range, &format), STATUS_SUCCESS);
+  ASSERT_EQ(hosted->OpenStream(0, format), STATUS_SUCCESS);
+  ASSERT_EQ(hosted->SetStreamState(0, KSSTATE_RUN), STATUS_SUCCESS);
+  std::vector<uint8_t> picture(format.VideoInfoHeader.bmiHeader.biSizeImage);
+  while (camera->FramesBegun() < 12) {
+    HostFrame frame;
+    ASSERT_EQ(hosted->ReadFrame(0, picture.data(), uint32_t(picture.size()), &frame, kTimeout),
+              STATUS_SUCCESS);
+    EXPECT_EQ(frame.bytes, picture.size());
+  }
+  EXPECT_GT(hosted->Statistics().framesCut, 0u);
+  EXPECT_EQ(std::string(), CheckPattern(picture, CompressionYUY2, 160, 120, pattern->Last()));
+  hosted.reset();
+  std::string report;
+  EXPECT_TRUE(Balanced(&report)) << report;
+}
+
+}  // namespace
