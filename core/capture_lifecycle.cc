@@ -110,6 +110,12 @@ NTSTATUS CamInitialize(PDEVICE_OBJECT, DeviceContext* context) {
 
   for (KEVENT& event : context->WorkerEvents) KeInitializeEvent(&event, NotificationEvent, FALSE);
   StoreShared(context->WorkerCommand, WorkerNone);
+  // A lens camera's start-up command stands before the worker's first look
+  // at its mailbox, so that the worker leaves the alternate setting alone.
+  // Posting it before the thread starts (rather than relying on the worker's
+  // 200 ms pause) keeps that true however the threads are scheduled.
+  context->FocusState = 0;
+  if (LensKind(context) != 0) PostWorkerCommand(context, WorkerLensStartUp);
   HANDLE thread = nullptr;
   if (NT_SUCCESS(PsCreateSystemThread(&thread, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr,
                                       WorkerThread, context))) {
@@ -119,8 +125,6 @@ NTSTATUS CamInitialize(PDEVICE_OBJECT, DeviceContext* context) {
     MarkThreadAbsent(&context->WorkerEvents[WorkerDoneEvent]);
   }
 
-  context->FocusState = 0;
-  if (LensKind(context) != 0) PostWorkerCommand(context, WorkerLensStartUp);
   return result;
 }
 

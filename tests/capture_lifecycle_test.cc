@@ -89,6 +89,14 @@ class CameraRig {
     EXPECT_EQ(PoolLiveBlocks(PoolTagWdm), 0u);
   }
 
+  // The worker's first look at its mailbox: the interface rests on its idle
+  // setting. Until then the worker may still write SavedInterface.
+  bool WaitForWorkerStart() {
+    const std::string idle = "select " + std::to_string(device->InterfaceNumber) + " " +
+                             std::to_string(device->IdleAlternateSetting);
+    return FakeCaptureHost::WaitUntil([this, idle] { return host.Count(idle) >= 1; });
+  }
+
   bool WorkerIdle() {
     return LoadShared(device->WorkerCommand) == 0 &&
            KeReadStateEvent(&device->WorkerEvents[WorkerWakeEvent]) == 0;
@@ -232,7 +240,7 @@ TEST(CaptureCycleThreads, StartStopStartDrivesTheStreamingSwitchAndTheCompanions
   CameraRig rig;
   DebugPrintCapture capture;
   ASSERT_EQ(CamInitialize(nullptr, rig.device.context), STATUS_SUCCESS);
-  ASSERT_TRUE(rig.WaitForWorker());
+  ASSERT_TRUE(rig.WaitForWorkerStart());
   rig.Allocate(640, 480);
   DeviceContext* c = rig.device.context;
 
@@ -274,7 +282,7 @@ TEST(CaptureCycleThreads, ThirtyRefusedSwitchesDoNotStopTheStart) {
   CameraRig rig;
   DebugPrintCapture capture;
   ASSERT_EQ(CamInitialize(nullptr, rig.device.context), STATUS_SUCCESS);
-  ASSERT_TRUE(rig.WaitForWorker());
+  ASSERT_TRUE(rig.WaitForWorkerStart());
   rig.Allocate(640, 480);
   rig.host.vendorStatus = [](uint8_t request, uint16_t) {
     return request == 5 ? STATUS_UNSUCCESSFUL : STATUS_SUCCESS;
@@ -309,7 +317,7 @@ struct WidthChanger {
 TEST(CaptureCycleThreads, AFormatChangeDuringAStartRunsTheStartAgain) {
   CameraRig rig;
   ASSERT_EQ(CamInitialize(nullptr, rig.device.context), STATUS_SUCCESS);
-  ASSERT_TRUE(rig.WaitForWorker());
+  ASSERT_TRUE(rig.WaitForWorkerStart());
   rig.Allocate(640, 480);
   WidthChanger changer{rig.device.context, {}};
   SetDebugPrintSink(&WidthChanger::Sink, &changer);
@@ -329,7 +337,7 @@ TEST(CaptureCycleThreads, AFormatChangeDuringAStartRunsTheStartAgain) {
 TEST(CaptureCycleThreads, ACommandPostedDuringACommandIsTakenUpWhenItEnds) {
   CameraRig rig;
   ASSERT_EQ(CamInitialize(nullptr, rig.device.context), STATUS_SUCCESS);
-  ASSERT_TRUE(rig.WaitForWorker());
+  ASSERT_TRUE(rig.WaitForWorkerStart());
   rig.Allocate(640, 480);
   DeviceContext* c = rig.device.context;
   std::atomic<bool> posted{false};
@@ -352,7 +360,7 @@ TEST(CaptureCycleThreads, ACommandPostedDuringACommandIsTakenUpWhenItEnds) {
 TEST(CaptureCycleThreads, StopAndStartRacingTheWorkerLeaveItIdle) {
   CameraRig rig;
   ASSERT_EQ(CamInitialize(nullptr, rig.device.context), STATUS_SUCCESS);
-  ASSERT_TRUE(rig.WaitForWorker());
+  ASSERT_TRUE(rig.WaitForWorkerStart());
   rig.Allocate(640, 480);
   DeviceContext* c = rig.device.context;
   // The frame path's view of the worker, read all along.

@@ -165,16 +165,21 @@ class FakeCaptureHost {
     calls.SelectAlternateInterface = [](DeviceContext*,
                                         USBD_INTERFACE_INFORMATION* interface) -> NTSTATUS {
       FakeCaptureHost* self = Instance();
-      self->Record("select " + std::to_string(interface->InterfaceNumber) + " " +
-                   std::to_string(interface->AlternateSetting));
-      if (self->selectStatus < 0) return self->selectStatus;
-      if (self->camera != nullptr) {
-        NTSTATUS status = self->camera->SelectAlternateSetting(interface->AlternateSetting);
-        if (status < 0) return status;
+      const uint8_t setting = interface->AlternateSetting;
+      const std::string line = "select " + std::to_string(interface->InterfaceNumber) + " " +
+                               std::to_string(setting);
+      NTSTATUS status = self->selectStatus;
+      if (status >= 0 && self->camera != nullptr) {
+        NTSTATUS selected = self->camera->SelectAlternateSetting(setting);
+        if (selected < 0) status = selected;
       }
-      auto size = self->packetSize.find(interface->AlternateSetting);
-      interface->Pipes[0].MaximumPacketSize = size == self->packetSize.end() ? 0 : size->second;
-      return self->selectStatus;
+      if (status >= 0) {
+        auto size = self->packetSize.find(setting);
+        interface->Pipes[0].MaximumPacketSize = size == self->packetSize.end() ? 0 : size->second;
+      }
+      // Logged last: a test that sees the line knows the record is left alone.
+      self->Record(line);
+      return status;
     };
     calls.DeviceNotification = [](uint32_t type, void*, PHW_STREAM_REQUEST_BLOCK srb) {
       Instance()->Record("finish " + std::to_string(type) + " " + Hex(srb->Command, 3));
