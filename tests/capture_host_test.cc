@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <unistd.h>
 #include <filesystem>
 #include <memory>
@@ -203,19 +202,6 @@ std::string CheckPattern(const std::vector<uint8_t>& picture, uint32_t compressi
       }
     }
   }
-  if (std::getenv("MR740_HOST_TEST_DUMP")) {
-    for (uint32_t y = 0; y < height; y += height / 12) {
-      std::string line;
-      for (uint32_t x = 0; x < width; x += width / 32) {
-        line += char('0' + Bits(PixelAt(picture, compression, width, height, x, y)));
-      }
-      Rgb c = PixelAt(picture, compression, width, height, width / 16, y);
-      std::fprintf(stderr, "%4u %s  %d,%d,%d\n", y, line.c_str(), c.r, c.g, c.b);
-    }
-    std::fprintf(stderr, "field %u,%u %ux%u of %ux%u mirror %d flip %d wire %ux%u\n",
-                 shown.fieldLeft, shown.fieldTop, shown.fieldWidth, shown.fieldHeight, aw, ah,
-                 shown.mirror, shown.flip, shown.width, shown.height);
-  }
   char text[200];
   if (samples == 0) return "no sample";
   if (matches * 100 < samples * 95 || barsRight != barsSeen) {
@@ -269,7 +255,7 @@ bool Balanced(std::string* report) {
 
 // ---------------------------------------------------------------- tests
 
-// Every format every description offers, captured end to end: the second
+// Every format every description offers, captured end to end: the first
 // delivered frame of each shows the test pattern's bars in their order and
 // colours and the white square, as far as the sensor's field shows them.
 TEST(CaptureHostPicturesThreads, EveryOfferedFormatOfEveryDescriptionShowsTheTestPattern) {
@@ -291,7 +277,7 @@ TEST(CaptureHostPicturesThreads, EveryOfferedFormatOfEveryDescriptionShowsTheTes
                    (description.ownRoute ? " (driver's own route)" : " (image library)"));
       std::vector<uint8_t> picture;
       KS_DATAFORMAT_VIDEOINFOHEADER format{};
-      const NTSTATUS status = CaptureFrames(hosted.get(), range, 2, &picture, &format);
+      const NTSTATUS status = CaptureFrames(hosted.get(), range, 1, &picture, &format);
       ASSERT_EQ(status, STATUS_SUCCESS) << NtStatusName(status);
       EXPECT_EQ(std::string(), CheckPattern(picture, compression, width, height, pattern->Last()));
     }
@@ -432,9 +418,12 @@ TEST(CaptureHostThreads, TwoCamerasOfDifferentDescriptionsEachOfferTheirOwnForma
       "I420 320x240", "I420 640x480",  "RGB24 1280x960", "RGB24 1600x1200", "RGB24 320x240",
       "RGB24 640x480", "RGB24 800x600", "YUY2 160x120",  "YUY2 1600x1200",  "YUY2 320x240",
       "YUY2 640x480",  "YUY2 800x600"};
-  EXPECT_EQ(sizes(a->Formats(0)), expectedA);
-  EXPECT_EQ(sizes(a->Formats(1)), expectedA);
-  EXPECT_EQ(sizes(b->Formats(0)), expectedB);
+  std::vector<std::string> sortedA = expectedA, sortedB = expectedB;
+  std::sort(sortedA.begin(), sortedA.end());
+  std::sort(sortedB.begin(), sortedB.end());
+  EXPECT_EQ(sizes(a->Formats(0)), sortedA);
+  EXPECT_EQ(sizes(a->Formats(1)), sortedA);
+  EXPECT_EQ(sizes(b->Formats(0)), sortedB);
   // A format only the other camera offers is refused at the open.
   const std::vector<KS_DATARANGE_VIDEO> formatsB = b->Formats(0);
   for (const KS_DATARANGE_VIDEO& range : formatsB) {
