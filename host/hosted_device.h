@@ -71,7 +71,7 @@ struct HostedCamera::State {
 
   std::atomic<bool> IsoPipeStopped{false};
   std::atomic<bool> Removed{false};  // SRB_SURPRISE_REMOVAL was sent
-  bool Uninitialized = false;        // SRB_UNINITIALIZE_DEVICE was sent
+  std::atomic<bool> Uninitialized{false};  // SRB_UNINITIALIZE_DEVICE was sent
 
   // Frame assembly on the isochronous pipe (under Io).
   uint32_t RawBytes = 0;
