@@ -173,6 +173,7 @@ NTSTATUS SendDeviceRequest(Request* request) {
 // Selects a setting of the streaming interface on the camera and fills the
 // interface record with its pipes; reports the change to the trace.
 NTSTATUS SelectSetting(State* device, USBD_INTERFACE_INFORMATION* info, size_t capacityBytes) {
+  std::lock_guard<std::mutex> hold(device->Select);
   const uint8_t setting = info->AlternateSetting;
   NTSTATUS status = STATUS_INVALID_PARAMETER;
   uint16_t packetSize = 0;

@@ -67,6 +67,9 @@ struct HostedCamera::State {
   // Stream operations and the pump run under this lock; the driver's worker
   // never takes it.
   std::mutex Io;
+  // Alternate setting changes come from the host's thread and the driver's
+  // worker: one at a time.
+  std::mutex Select;
   HostStream Streams[HostStreamSlots];
 
   std::atomic<bool> IsoPipeStopped{false};
