@@ -770,19 +770,19 @@ void FormatWithWideStrings(char* line, size_t size, const char* format, va_list 
       out += *at++;
       continue;
     }
-    std::string spec = "%";
+    std::string conversionText = "%";
     ++at;
-    while (*at != 0 && std::strchr("-+ #0", *at)) spec += *at++;
+    while (*at != 0 && std::strchr("-+ #0", *at)) conversionText += *at++;
     for (int part = 0; part < 2; ++part) {  // width, then precision
       if (part == 1) {
         if (*at != '.') break;
-        spec += *at++;
+        conversionText += *at++;
       }
       if (*at == '*') {
-        spec += std::to_string(va_arg(args, int));
+        conversionText += std::to_string(va_arg(args, int));
         ++at;
       }
-      while (*at >= '0' && *at <= '9') spec += *at++;
+      while (*at >= '0' && *at <= '9') conversionText += *at++;
     }
     std::string length;
     while (*at != 0 && std::strchr("hlLzjtw", *at)) length += *at++;
@@ -791,8 +791,8 @@ void FormatWithWideStrings(char* line, size_t size, const char* format, va_list 
     ++at;
     char piece[512];
     piece[0] = 0;
-    const std::string plain = spec + conversion;
-    const std::string full = spec + length + conversion;
+    const std::string plain = conversionText + conversion;
+    const std::string full = conversionText + length + conversion;
     switch (conversion) {
       case '%':
         out += '%';

@@ -23,6 +23,8 @@ const char kUsage[] =
 // Bus time a frame may take before the capture gives up: far beyond any
 // frame interval the catalogue offers (half a second at the slowest).
 constexpr int64_t kFrameTimeout100ns = 50000000;
+// Frames let go by after a start before the first one kept.
+constexpr int kWarmUpFrames = 2;
 
 struct CaptureOptions {
   CameraSessionOptions session;
@@ -317,6 +319,17 @@ int Capture(const CaptureOptions& options, FILE* out, FILE* err) {
                  layout.height, PictureFormatName(layout.format), session.Model().name.c_str(),
                  options.out.c_str());
     return 0;
+  }
+
+  // The first frames after a start may have begun before the sensor took its
+  // new mode (a frame of the old size can pass the length test): like any
+  // camera application, let them go by.
+  for (int n = 0; n < kWarmUpFrames; ++n) {
+    status = host.ReadFrame(0, buffer.data(), frameBytes, &frame, kFrameTimeout100ns);
+    if (status != STATUS_SUCCESS) {
+      std::fprintf(err, "mr740cam: the stream did not start (%s)\n", NtStatusName(status));
+      return 1;
+    }
   }
 
   Y4mWriter writer;
