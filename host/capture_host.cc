@@ -345,7 +345,9 @@ NTSTATUS HostSelectAlternateInterface(DeviceContext* context, USBD_INTERFACE_INF
   if (info == nullptr || info->Length < sizeof(USBD_INTERFACE_INFORMATION)) {
     return STATUS_INVALID_PARAMETER;
   }
-  return SelectSetting(device, info, info->Length);
+  const NTSTATUS status = SelectSetting(device, info, info->Length);
+  KeSetEvent(&device->SettingSelected, 0, FALSE);
+  return status;
 }
 
 void HostDeviceNotification(uint32_t, void*, PHW_STREAM_REQUEST_BLOCK srb) {
@@ -686,6 +688,7 @@ NTSTATUS HostedCamera::Start(const HostedCameraConfig& config,
   device->ClassDevice.Device = device;
   device->PhysicalDevice.Device = device;
   KeInitializeEvent(&device->PaceEvent, NotificationEvent, FALSE);
+  KeInitializeEvent(&device->SettingSelected, NotificationEvent, FALSE);
   for (uint32_t i = 0; i < HostStreamSlots; ++i) {
     device->Streams[i].Object.SizeOfThisPacket = sizeof(HW_STREAM_OBJECT);
     device->Streams[i].Object.StreamNumber = i;
@@ -753,6 +756,15 @@ NTSTATUS HostedCamera::Start(const HostedCameraConfig& config,
     if (error) *error = std::string("SRB_INITIALIZATION_COMPLETE failed: ") + NtStatusName(status);
     return status;
   }
+  // The driver's worker takes its first look 200 ms after it starts and, with
+  // nothing to do, puts the interface into its idle setting through the same
+  // interface record that bandwidth allocation fills. On a real system the
+  // first stream open comes long after; here it could come at once, so the
+  // start waits for that selection (or 300 ms, when the worker had a command
+  // to carry out instead).
+  LARGE_INTEGER firstLook;
+  firstLook.QuadPart = -3000000;
+  KeWaitForSingleObject(&device->SettingSelected, Executive, KernelMode, FALSE, &firstLook);
 
   // The streams and formats, once, as the stream class asks for them.
   std::vector<uint64_t> buffer(

@@ -70,6 +70,9 @@ struct HostedCamera::State {
   // Alternate setting changes come from the host's thread and the driver's
   // worker: one at a time.
   std::mutex Select;
+  // Signalled by every alternate setting change the driver asks for; the
+  // start waits on it for the worker's first look (see HostedCamera::Start).
+  KEVENT SettingSelected{};
   HostStream Streams[HostStreamSlots];
 
   std::atomic<bool> IsoPipeStopped{false};
