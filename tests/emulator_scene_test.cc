@@ -23,6 +23,8 @@
 
 namespace {
 
+using emutest::MeanLuma;
+
 FrameRequest Request(uint32_t w, uint32_t h, WireFrameLayout layout, uint32_t aw = 640,
                      uint32_t ah = 480) {
   FrameRequest r;
@@ -53,39 +55,32 @@ std::vector<uint8_t> Render(const std::shared_ptr<SceneSource>& source, const Fr
 }
 
 // A temporary folder for picture files, removed at the end.
-class TempFolder {
- public:
-  TempFolder() {
-    std::string pattern = ::testing::TempDir() + "mr740-scene-XXXXXX";
-    if (mkdtemp(pattern.data()) != nullptr) path_ = pattern;
-  }
+struct TempFolder {
+  std::string path = ::testing::TempDir() + "mr740-scene-XXXXXX";
+  TempFolder() { EXPECT_NE(mkdtemp(path.data()), nullptr); }
   ~TempFolder() {
     std::error_code ignored;
-    if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
+    std::filesystem::remove_all(path, ignored);
   }
   std::string File(const std::string& name, const std::string& bytes) const {
-    const std::string path = path_ + "/" + name;
-    if (FILE* f = std::fopen(path.c_str(), "wb")) {
+    if (FILE* f = std::fopen((path + "/" + name).c_str(), "wb")) {
       std::fwrite(bytes.data(), 1, bytes.size(), f);
       std::fclose(f);
     }
-    return path;
+    return path + "/" + name;
   }
   std::string Png(const std::string& name, uint32_t w, uint32_t h, uint32_t format,
                   const std::vector<uint8_t>& pixels) const {
-    const std::string path = path_ + "/" + name;
     png_image image;
     std::memset(&image, 0, sizeof image);
     image.version = PNG_IMAGE_VERSION;
     image.width = w;
     image.height = h;
     image.format = format;
-    EXPECT_NE(png_image_write_to_file(&image, path.c_str(), 0, pixels.data(), 0, nullptr), 0);
-    return path;
+    EXPECT_NE(png_image_write_to_file(&image, (path + "/" + name).c_str(), 0, pixels.data(), 0,
+                                      nullptr), 0);
+    return path + "/" + name;
   }
-
- private:
-  std::string path_;
 };
 
 std::string Ppm(uint32_t w, uint32_t h, uint32_t maxval, const std::vector<uint8_t>& samples) {
@@ -105,8 +100,6 @@ Ycc Bt601(double r, double g, double b) {
           128 + (112.0 * r - 93.786 * g - 18.214 * b) / 255};
 }
 
-// ---------------------------------------------------------------- wire layouts
-
 TEST(EmulatedScene, WireLayoutsPutKnownColoursInTheirPlaces) {
   // A 4 x 4 picture of four 2 x 2 blocks: red, green / blue, white. Their
   // BT.601 studio values, from the floating-point reference: red 81.5 90.2
@@ -114,54 +107,36 @@ TEST(EmulatedScene, WireLayoutsPutKnownColoursInTheirPlaces) {
   // byte within one level of them (the wire's integer formula rounds red's
   // and green's luma up).
   const uint8_t colours[4][3] = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {255, 255, 255}};
-  std::vector<uint8_t> samples;
-  for (int y = 0; y < 4; ++y) {
-    for (int x = 0; x < 4; ++x) {
-      const uint8_t* c = colours[(y / 2) * 2 + x / 2];
-      samples.insert(samples.end(), c, c + 3);
-    }
-  }
-  TempFolder folder;
-  auto source = Scene("image=" + folder.File("blocks.ppm", Ppm(4, 4, 255, samples)));
-  ASSERT_TRUE(source);
   auto ycc = [&](int block, int component) {
-    const uint8_t* c = colours[block];
-    const Ycc v = Bt601(c[0], c[1], c[2]);
+    const Ycc v = Bt601(colours[block][0], colours[block][1], colours[block][2]);
     return component == 0 ? v.y : component == 1 ? v.cb : v.cr;
   };
-  auto block = [](int x, int y) { return (y / 2) * 2 + x / 2; };
-
+  std::vector<uint8_t> samples;
   std::vector<double> bayer, yuyv, yuv420;
   for (int y = 0; y < 4; ++y) {
     for (int x = 0; x < 4; ++x) {
+      const int block = (y / 2) * 2 + x / 2;
+      samples.insert(samples.end(), colours[block], colours[block] + 3);
       // Blue at even line and column, red at odd and odd, green elsewhere.
-      const int channel = (y % 2 == 0) ? (x % 2 == 0 ? 2 : 1) : (x % 2 == 0 ? 1 : 0);
-      bayer.push_back(colours[block(x, y)][channel]);
-      yuyv.push_back(ycc(block(x, y), 0));
-      yuyv.push_back(ycc(block(x, y), x % 2 == 0 ? 1 : 2));
-      yuv420.push_back(ycc(block(x, y), 0));
+      bayer.push_back(colours[block][(y % 2 == 0) ? (x % 2 == 0 ? 2 : 1) : (x % 2 == 0 ? 1 : 0)]);
+      yuyv.insert(yuyv.end(), {ycc(block, 0), ycc(block, x % 2 == 0 ? 1 : 2)});
+      yuv420.push_back(ycc(block, 0));
     }
   }
-  for (int plane = 1; plane <= 2; ++plane) {
-    for (int b = 0; b < 4; ++b) yuv420.push_back(ycc(b, plane));
-  }
-  struct Case {
-    WireFrameLayout layout;
-    std::vector<double> expected;
-  };
-  const Case cases[] = {{WireFrameLayout::Bayer, bayer},
-                        {WireFrameLayout::Yuyv, yuyv},
-                        {WireFrameLayout::Yuv420, yuv420}};
-  for (const Case& c : cases) {
-    const std::vector<uint8_t> f = Render(source, Request(4, 4, c.layout, 1600, 1200));
-    ASSERT_EQ(f.size(), c.expected.size()) << "layout " << int(c.layout);
+  for (int b = 0; b < 8; ++b) yuv420.push_back(ycc(b % 4, 1 + b / 4));
+  TempFolder folder;
+  auto source = Scene("image=" + folder.File("blocks.ppm", Ppm(4, 4, 255, samples)));
+  ASSERT_TRUE(source);
+  for (const auto& [layout, expected] : {std::pair{WireFrameLayout::Bayer, bayer},
+                                         std::pair{WireFrameLayout::Yuyv, yuyv},
+                                         std::pair{WireFrameLayout::Yuv420, yuv420}}) {
+    const std::vector<uint8_t> f = Render(source, Request(4, 4, layout, 1600, 1200));
+    ASSERT_EQ(f.size(), expected.size()) << "layout " << int(layout);
     for (size_t i = 0; i < f.size(); ++i) {
-      EXPECT_NEAR(f[i], c.expected[i], 1.0) << "layout " << int(c.layout) << " byte " << i;
+      EXPECT_NEAR(f[i], expected[i], 1.0) << "layout " << int(layout) << " byte " << i;
     }
   }
 }
-
-// ---------------------------------------------------------------- geometry
 
 TEST(EmulatedScene, MirrorAndFlipReverseThePicture) {
   // Luma of a 4:2:0 frame: each pixel's own, so a reversed read shows as
@@ -238,8 +213,6 @@ TEST(EmulatedScene, MovingScenesMoveWithTheFrameIndexAndRepeatExactly) {
   }
 }
 
-// ---------------------------------------------------------------- levels
-
 TEST(EmulatedScene, ExposureGainAndBrightnessMoveTheLevels) {
   // A grey of 100 on a Bayer wire: every byte is the lit level.
   TempFolder folder;
@@ -259,12 +232,6 @@ TEST(EmulatedScene, ExposureGainAndBrightnessMoveTheLevels) {
     const std::vector<uint8_t> f = Render(source, r);
     EXPECT_EQ(f, std::vector<uint8_t>(24, c.expected)) << c.light << " " << c.brightness;
   }
-}
-
-double MeanLuma(const std::vector<uint8_t>& yuyv) {
-  double sum = 0;
-  for (size_t i = 0; i < yuyv.size(); i += 2) sum += yuyv[i];
-  return sum / double(yuyv.size() / 2);
 }
 
 TEST(EmulatedScene, DarknessLowersTheMeanForItsFrames) {
@@ -299,8 +266,6 @@ TEST(EmulatedScene, DarknessLowersTheMeanForItsFrames) {
   }
 }
 
-// ---------------------------------------------------------------- dead pixels
-
 TEST(EmulatedScene, DeadPixelsStickWhereTheDriverLooksForThem) {
   // The focus target's grey corners (128) hold a hot pixel (255) and a cold
   // one (0) at the top left. The driver takes a sample for dead when it
@@ -308,66 +273,47 @@ TEST(EmulatedScene, DeadPixelsStickWhereTheDriverLooksForThem) {
   // two columns left and right and two lines up and down (in a YUYV frame,
   // the luma four bytes either side).
   const std::string scene = "focus,dead=4:3:255,dead=9:5:0,dead=500:500:255";
-  struct Case {
-    WireFrameLayout layout;
-    const char* darkness;
-  };
-  const Case cases[] = {{WireFrameLayout::Bayer, ""},
-                        {WireFrameLayout::Yuyv, ""},
-                        {WireFrameLayout::Yuv420, ""},
-                        {WireFrameLayout::Bayer, ",dark=off"},
-                        {WireFrameLayout::Yuyv, ",dark=16"}};
-  const uint32_t w = 64, h = 48;
-  for (const Case& c : cases) {
-    auto source = Scene(scene + c.darkness);
+  using L = WireFrameLayout;
+  const std::pair<L, std::string> cases[] = {{L::Bayer, ""},          {L::Yuyv, ""},
+                                             {L::Yuv420, ""},         {L::Bayer, ",dark=off"},
+                                             {L::Yuyv, ",dark=16"}};
+  for (const auto& [layout, darkness] : cases) {
+    auto source = Scene(scene + darkness);
     ASSERT_TRUE(source);
-    const std::vector<uint8_t> f = Render(source, Request(w, h, c.layout));
-    ASSERT_EQ(f.size(), WireFrameBytes(w, h, c.layout));
-    const size_t bytesPerPixel = c.layout == WireFrameLayout::Yuyv ? 2 : 1;
-    const size_t line = bytesPerPixel * w;
-    const struct {
-      uint32_t x, y;
-      uint8_t value;
-    } dead[] = {{4, 3, 255}, {9, 5, 0}};
-    for (const auto& d : dead) {
-      const size_t at = d.y * line + bytesPerPixel * d.x;
-      EXPECT_EQ(f[at], d.value) << int(c.layout) << c.darkness;
+    const std::vector<uint8_t> f = Render(source, Request(64, 48, layout));
+    ASSERT_EQ(f.size(), WireFrameBytes(64, 48, layout));
+    const size_t pixel = layout == L::Yuyv ? 2 : 1, line = pixel * 64;
+    for (const auto& [x, y, value] : {std::tuple{4, 3, 255}, std::tuple{9, 5, 0}}) {
+      const size_t at = y * line + pixel * x;
+      EXPECT_EQ(f[at], value) << int(layout) << darkness;
       // In the dark a cold pixel looks like its neighbours, as it would.
-      if (*c.darkness != 0 && d.value == 0) continue;
-      const size_t side = 2 * bytesPerPixel;
-      for (size_t n : {at - side, at + side, at - 2 * line, at + 2 * line}) {
+      if (!darkness.empty() && value == 0) continue;
+      for (size_t n : {at - 2 * pixel, at + 2 * pixel, at - 2 * line, at + 2 * line}) {
         EXPECT_GE(std::abs(int(f[at]) - int(f[n])), 64)
-            << "layout " << int(c.layout) << c.darkness << " dead " << d.x << "," << d.y;
+            << "layout " << int(layout) << darkness << " dead " << x << "," << y;
       }
     }
   }
 }
-
-// ---------------------------------------------------------------- sensor defects
 
 // The driver's repairs, written out from its rules.
 void RepairMi2020(std::vector<uint8_t>* raw, size_t width, size_t height) {
   uint8_t* p = raw->data();
   for (size_t y = 0; y < height; ++y) {
     uint8_t* e = p + y * width + width - 8;  // a b c d e f g h -> a b a b c d c d
-    const uint8_t a = e[0], b = e[1], c = e[2], d = e[3];
-    const uint8_t row[8] = {a, b, a, b, c, d, c, d};
+    const uint8_t row[8] = {e[0], e[1], e[0], e[1], e[2], e[3], e[2], e[3]};
     std::memcpy(e, row, 8);
   }
   std::memcpy(p + (height - 2) * width, p + (height - 4) * width, 2 * width);
-  for (size_t y = height - 4; y < height - 2; ++y) {
-    for (size_t x = 0; x < width; ++x) {
-      p[y * width + x] = uint8_t((p[y * width + x] + p[(y - 2) * width + x]) / 2);
-    }
+  for (size_t i = (height - 4) * width; i < (height - 2) * width; ++i) {
+    p[i] = uint8_t((p[i] + p[i - 2 * width]) / 2);
   }
 }
 
 void RepairOv2640(std::vector<uint8_t>* raw, size_t width, size_t height) {
-  for (size_t y = 0; y < height; ++y) {
-    uint8_t* l = raw->data() + y * width;
-    l[1277] = l[1275];
+  for (uint8_t* l = raw->data(); l < raw->data() + height * width; l += width) {
+    l[1277] = l[1279] = l[1275];
     l[1278] = l[1274];
-    l[1279] = l[1275];
   }
 }
 
@@ -420,8 +366,6 @@ TEST(EmulatedScene, SensorDefectsAreWhatTheDriversRepairsUndo) {
     }
   }
 }
-
-// ---------------------------------------------------------------- the face
 
 // The driver's sampling of a YUY2 picture onto its 160 x 120 grid and its
 // test against skin colour 0 (Cb 108, Cr 152 as a signed byte, tolerance
@@ -476,10 +420,9 @@ TEST(EmulatedScene, FaceIsOneSkinBlobTheDetectorAccepts) {
     uint32_t light;
     uint64_t frame;
   };
-  const Case cases[] = {
-      {640, 480, 160, 120, 256, 0}, {640, 480, 320, 240, 256, 45},  {1600, 1200, 352, 288, 256, 90},
-      {640, 480, 320, 240, 128, 0}, {640, 480, 320, 240, 384, 200},
-  };
+  const Case cases[] = {{640, 480, 160, 120, 256, 0},   {640, 480, 320, 240, 256, 45},
+                        {1600, 1200, 352, 288, 256, 90}, {640, 480, 320, 240, 128, 0},
+                        {640, 480, 320, 240, 384, 200}};
   auto source = Scene("face,speed=4");
   ASSERT_TRUE(source);
   for (const Case& c : cases) {
@@ -495,10 +438,8 @@ TEST(EmulatedScene, FaceIsOneSkinBlobTheDetectorAccepts) {
       for (int x = 0; x < 160; ++x) {
         if (!mask[y * 160 + x]) continue;
         ++cells;
-        left = std::min(left, x);
-        right = std::max(right, x);
-        top = std::min(top, y);
-        bottom = std::max(bottom, y);
+        left = std::min(left, x), right = std::max(right, x);
+        top = std::min(top, y), bottom = std::max(bottom, y);
       }
     }
     ASSERT_GT(cells, 0) << what;
@@ -510,8 +451,6 @@ TEST(EmulatedScene, FaceIsOneSkinBlobTheDetectorAccepts) {
     EXPECT_GT(h * (2 * h / 3), 300) << what << ", tallest window " << h;
   }
 }
-
-// ---------------------------------------------------------------- focus
 
 // The driver's sharpness measure: the centred square window whose side is
 // the smallest power of two with twice the side at least the height, every
@@ -539,51 +478,26 @@ uint64_t DriverSharpness(const std::vector<uint8_t>& f, int width, int height) {
   return sum;
 }
 
-// A plain gradient energy over the whole picture.
-uint64_t GradientEnergy(const std::vector<uint8_t>& f, int width, int height) {
-  uint64_t sum = 0;
-  for (int y = 0; y + 1 < height; ++y) {
-    for (int x = 0; x + 1 < width; ++x) {
-      const int l = f[2 * (y * width + x)];
-      const int dx = l - f[2 * (y * width + x + 1)], dy = l - f[2 * ((y + 1) * width + x)];
-      sum += uint64_t(dx * dx + dy * dy);
-    }
-  }
-  return sum;
-}
-
 TEST(EmulatedScene, FocusTargetIsSharpestAtTheFocusPosition) {
-  struct Case {
-    const char* scene;
-    int32_t focus;  // where the picture must be sharpest
-    uint32_t width, height;
-  };
-  const Case cases[] = {{"focus", 100, 160, 120},
-                        {"focus,focus=70", 70, 160, 120},
-                        {"focus,blur=8", 100, 160, 120},
-                        {"bars", 100, 160, 120}};
-  const int distances[] = {1, 2, 4, 8, 16, 32};
-  for (const Case& c : cases) {
-    auto source = Scene(c.scene);
+  const std::pair<const char*, int32_t> cases[] = {  // scene, where it must be sharpest
+      {"focus", 100}, {"focus,focus=70", 70}, {"focus,blur=8", 100}, {"bars", 100}};
+  for (const auto& [scene, focus] : cases) {
+    auto source = Scene(scene);
     ASSERT_TRUE(source);
-    FrameRequest r = Request(c.width, c.height, WireFrameLayout::Yuyv);
+    FrameRequest r = Request(160, 120, WireFrameLayout::Yuyv);
     r.lensFitted = true;
     r.lensFocusPosition = 100;
-    auto measure = [&](int32_t position, bool driver) {
+    auto measure = [&](int32_t position) {
       r.lensPosition = position;
-      const std::vector<uint8_t> f = Render(source, r);
-      return driver ? DriverSharpness(f, c.width, c.height) : GradientEnergy(f, c.width, c.height);
+      return DriverSharpness(Render(source, r), 160, 120);
     };
-    for (bool driver : {true, false}) {
-      const char* name = driver ? "driver's measure" : "gradient energy";
-      for (int side : {-1, 1}) {
-        uint64_t previous = measure(c.focus, driver);
-        EXPECT_GT(previous, 0u) << c.scene << " " << name;
-        for (int d : distances) {
-          const uint64_t s = measure(c.focus + side * d, driver);
-          EXPECT_LT(s, previous) << c.scene << " " << name << " at " << side * d;
-          previous = s;
-        }
+    for (int side : {-1, 1}) {
+      uint64_t previous = measure(focus);
+      EXPECT_GT(previous, 0u) << scene;
+      for (int d : {1, 2, 4, 8, 16, 32}) {
+        const uint64_t sharpness = measure(focus + side * d);
+        EXPECT_LT(sharpness, previous) << scene << " at " << side * d;
+        previous = sharpness;
       }
     }
   }
@@ -603,8 +517,6 @@ TEST(EmulatedScene, WithoutALensThePictureStaysSharp) {
   }
 }
 
-// ---------------------------------------------------------------- picture files
-
 TEST(EmulatedScene, PictureFilesLoadAndBadOnesAreRefused) {
   TempFolder folder;
   const std::vector<uint8_t> rgb = {255, 0, 0, 0, 255, 0, 0, 0, 255, 10, 20, 30};  // 2 x 2
@@ -613,46 +525,30 @@ TEST(EmulatedScene, PictureFilesLoadAndBadOnesAreRefused) {
   struct Case {
     const char* name;
     std::string path;
-    bool loads;
-    uint32_t width, height;
+    bool loads = false;
+    uint32_t width = 0, height = 0;
     std::vector<uint8_t> pixels;
   };
+  const auto& f = folder;
   const Case cases[] = {
-      {"PNG RGB", folder.Png("rgb.png", 2, 2, PNG_FORMAT_RGB, rgb), true, 2, 2, rgb},
-      {"PNG grey",
-       folder.Png("grey.png", 2, 1, PNG_FORMAT_GRAY, grey),
-       true,
-       2,
-       1,
-       {0, 0, 0, 255, 255, 255}},
-      {"PNG with alpha on black",
-       folder.Png("rgba.png", 2, 1, PNG_FORMAT_RGBA, rgba),
-       true,
-       2,
-       1,
+      {"PNG RGB", f.Png("rgb.png", 2, 2, PNG_FORMAT_RGB, rgb), true, 2, 2, rgb},
+      {"PNG grey", f.Png("grey.png", 2, 1, PNG_FORMAT_GRAY, grey), true, 2, 1, {0, 0, 0, 255, 255,
+       255}},
+      {"PNG with alpha on black", f.Png("rgba.png", 2, 1, PNG_FORMAT_RGBA, rgba), true, 2, 1,
        {200, 100, 50, 0, 0, 0}},
-      {"PPM 8-bit", folder.File("a.ppm", Ppm(2, 2, 255, rgb)), true, 2, 2, rgb},
-      {"PPM 16-bit",
-       folder.File("b.ppm", Ppm(1, 1, 65535, {0xFF, 0xFF, 0x80, 0x00, 0x00, 0x00})),
-       true,
-       1,
-       1,
+      {"PPM 8-bit", f.File("a.ppm", Ppm(2, 2, 255, rgb)), true, 2, 2, rgb},
+      {"PPM 16-bit", f.File("b.ppm", Ppm(1, 1, 65535, {0xFF, 0xFF, 0x80, 0, 0, 0})), true, 1, 1,
        {255, 128, 0}},
-      {"PPM maxval 15", folder.File("c.ppm", Ppm(1, 1, 15, {15, 7, 0})), true, 1, 1, {255, 119, 0}},
-      {"missing", folder.File("x", "") + ".none", false, 0, 0, {}},
-      {"empty", folder.File("empty.ppm", ""), false, 0, 0, {}},
-      {"PPM cut short", folder.File("short.ppm", Ppm(2, 2, 255, {1, 2, 3, 4, 5})), false, 0, 0, {}},
-      {"PPM zero width", folder.File("zero.ppm", Ppm(0, 2, 255, {})), false, 0, 0, {}},
-      {"PPM huge", folder.File("huge.ppm", Ppm(100000, 100000, 255, {})), false, 0, 0, {}},
-      {"PPM maxval 0", folder.File("m0.ppm", Ppm(1, 1, 0, {1, 2, 3})), false, 0, 0, {}},
-      {"ASCII PPM", folder.File("p3.ppm", "P3\n1 1\n255\n1 2 3\n"), false, 0, 0, {}},
-      {"text", folder.File("t.png", "hello, world"), false, 0, 0, {}},
-      {"PNG cut short",
-       folder.File("cut.png", std::string("\x89PNG\r\n\x1a\n\0\0\0\x0dIHDR", 16)),
-       false,
-       0,
-       0,
-       {}},
+      {"PPM maxval 15", f.File("c.ppm", Ppm(1, 1, 15, {15, 7, 0})), true, 1, 1, {255, 119, 0}},
+      {"missing", f.File("x", "") + ".none"},
+      {"empty", f.File("empty.ppm", "")},
+      {"PPM cut short", f.File("short.ppm", Ppm(2, 2, 255, {1, 2, 3, 4, 5}))},
+      {"PPM zero width", f.File("zero.ppm", Ppm(0, 2, 255, {}))},
+      {"PPM huge", f.File("huge.ppm", Ppm(100000, 100000, 255, {}))},
+      {"PPM maxval 0", f.File("m0.ppm", Ppm(1, 1, 0, {1, 2, 3}))},
+      {"ASCII PPM", f.File("p3.ppm", "P3\n1 1\n255\n1 2 3\n")},
+      {"text", f.File("t.png", "hello, world")},
+      {"PNG cut short", f.File("cut.png", std::string("\x89PNG\r\n\x1a\n\0\0\0\x0dIHDR", 16))},
   };
   for (const Case& c : cases) {
     SceneImage image;
@@ -691,8 +587,6 @@ TEST(EmulatedScene, PictureShrinksByAveragingAndGrowsByRepeating) {
             (std::vector<uint8_t>{0, 0, 100, 100, 200, 200, 50, 50}));
 }
 
-// ---------------------------------------------------------------- text form
-
 TEST(EmulatedScene, TextFormSetsTheConfiguration) {
   SceneConfig c;
   std::string error;
@@ -704,29 +598,24 @@ TEST(EmulatedScene, TextFormSetsTheConfiguration) {
   EXPECT_EQ(c.kind, SceneKind::Face);
   EXPECT_EQ(c.speed, 6u);
   ASSERT_EQ(c.deadPixels.size(), 2u);
-  EXPECT_EQ(c.deadPixels[0].x, 10u);
-  EXPECT_EQ(c.deadPixels[0].y, 20u);
-  EXPECT_EQ(c.deadPixels[0].value, 255);
-  EXPECT_EQ(c.deadPixels[1].value, 0);
-  EXPECT_EQ(c.darkDivisor, 8u);
-  EXPECT_FALSE(c.lightsOff);
-  EXPECT_EQ(c.darkFromFrame, 48u);
-  EXPECT_EQ(c.darkUntilFrame, 96u);
+  EXPECT_TRUE(c.deadPixels[0].x == 10 && c.deadPixels[0].y == 20 && c.deadPixels[0].value == 255);
+  EXPECT_TRUE(c.deadPixels[1].x == 3 && c.deadPixels[1].y == 4 && c.deadPixels[1].value == 0);
+  EXPECT_TRUE(c.darkDivisor == 8 && !c.lightsOff);
+  EXPECT_TRUE(c.darkFromFrame == 48 && c.darkUntilFrame == 96);
   EXPECT_EQ(c.focusPosition, -5);
   EXPECT_EQ(c.blurPerStep16, 12u);
   EXPECT_FALSE(c.sensorDefects);
   ASSERT_EQ(c.buttonEvents.size(), 3u);
-  EXPECT_TRUE(c.buttonEvents[0].frame == 30 && c.buttonEvents[0].down);
-  EXPECT_TRUE(c.buttonEvents[1].frame == 40 && !c.buttonEvents[1].down);
-  EXPECT_TRUE(c.buttonEvents[2].frame == 50 && c.buttonEvents[2].down);
-  EXPECT_EQ(c.orientationInput, true);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(c.buttonEvents[i].frame, 30u + 10 * i);
+    EXPECT_EQ(c.buttonEvents[i].down, i != 1);
+  }
+  EXPECT_TRUE(c.orientationInput);
 
   ASSERT_TRUE(ParseSceneText("image=/tmp/a b.png,dark=off@5", &c, &error)) << error;
   EXPECT_EQ(c.kind, SceneKind::Image);
   EXPECT_EQ(c.imagePath, "/tmp/a b.png");
-  EXPECT_TRUE(c.lightsOff);
-  EXPECT_EQ(c.darkFromFrame, 5u);
-  EXPECT_EQ(c.darkUntilFrame, UINT64_MAX);
+  EXPECT_TRUE(c.lightsOff && c.darkFromFrame == 5 && c.darkUntilFrame == UINT64_MAX);
   EXPECT_TRUE(c.deadPixels.empty()) << "each text starts from the defaults";
 
   ASSERT_TRUE(ParseSceneText("", &c, &error));
@@ -782,14 +671,11 @@ TEST(EmulatedScene, CameraStreamsTheSceneWithItsDefects) {
   auto recorder = std::make_shared<RecordingSource>();
   recorder->scene = Scene("face,dead=20:30:255");
   ASSERT_TRUE(recorder->scene);
-  EmulatedCameraConfig config;
-  config.sensors = {EmulatedSensorConfig{EmulatedSensorKind::OV7670}};
+  EmulatedCameraConfig config = emutest::WithSensor(EmulatedSensorKind::OV7670);
   config.frameSource = recorder;
   EmulatedCamera camera(config);
-  ASSERT_EQ(emutest::Write(camera, 0x42, 0x12, 0x10), STATUS_SUCCESS);
-  ASSERT_EQ(emutest::Write(camera, 0x42, 0x72, 0x11), STATUS_SUCCESS);
-  ASSERT_EQ(camera.SelectAlternateSetting(5), STATUS_SUCCESS);
-  ASSERT_EQ(camera.ControlTransfer(5, 1, 0, nullptr, nullptr, false), STATUS_SUCCESS);
+  ASSERT_TRUE(emutest::WriteAll(camera, {{0x42, 0x12, 0x10}, {0x42, 0x72, 0x11}}));
+  ASSERT_EQ(emutest::StartStream(camera), STATUS_SUCCESS);
   emutest::CollectedFrame frame;
   uint64_t pulled = 0;
   ASSERT_TRUE(emutest::CollectFrame(camera, &frame, &pulled));
@@ -802,14 +688,13 @@ TEST(EmulatedScene, CameraStreamsTheSceneWithItsDefects) {
 
 TEST(EmulatedScene, OrientationInputReachesTheCamera) {
   EmulatedCamera camera;
-  SceneConfig c;
-  std::string error;
-  ASSERT_TRUE(ParseSceneText("bars,orient=1", &c, &error)) << error;
-  ApplySceneInputs(c, &camera);
-  EXPECT_NE(camera.PeekControllerRegister(0) & 0x10, 0);
-  ASSERT_TRUE(ParseSceneText("bars,orient=0", &c, &error)) << error;
-  ApplySceneInputs(c, &camera);
-  EXPECT_EQ(camera.PeekControllerRegister(0) & 0x10, 0);
+  for (const int orient : {1, 0}) {
+    SceneConfig c;
+    std::string error;
+    ASSERT_TRUE(ParseSceneText("bars,orient=" + std::to_string(orient), &c, &error)) << error;
+    ApplySceneInputs(c, &camera);
+    EXPECT_EQ(camera.PeekControllerRegister(0) & 0x10, orient ? 0x10 : 0) << orient;
+  }
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -15,8 +14,8 @@
 namespace {
 
 using namespace emutest;
-
-// ---------------------------------------------------------------- USB identity
+using K = EmulatedSensorKind;
+using L = WireFrameLayout;
 
 struct Walk {
   bool found = false;
@@ -32,23 +31,18 @@ struct Walk {
 Walk WalkConfiguration(const std::vector<uint8_t>& bytes) {
   Walk walk;
   const size_t total = bytes[2] | size_t(bytes[3]) << 8;
-  for (size_t pos = 0; pos + 1 < total; pos += bytes[pos]) {
-    if (bytes[pos] == 0) break;
+  for (size_t pos = 0; pos + 1 < total && bytes[pos] != 0; pos += bytes[pos]) {
     if (bytes[pos + 1] != 4 || bytes[pos + 5] != 14 || bytes[pos + 6] != 2) continue;
     walk.found = true;
     walk.interfaceNumber = bytes[pos + 2];
     ++walk.settings;
     if (bytes[pos + 4] == 0) continue;  // bNumEndpoints
-    for (size_t e = pos + bytes[pos]; e + 1 < total; e += bytes[e]) {
-      if (bytes[e] == 0 || bytes[e + 1] == 4) break;
-      if (bytes[e + 1] == 5 && (bytes[e + 3] & 3) == 1) {
-        const uint16_t size = uint16_t(bytes[e + 4] | bytes[e + 5] << 8);
-        if (size < walk.smallest) {
-          walk.smallest = size;
-          walk.idleSetting = bytes[pos + 3];
-        }
-        break;
-      }
+    for (size_t e = pos + bytes[pos]; e + 1 < total && bytes[e] != 0 && bytes[e + 1] != 4;
+         e += bytes[e]) {
+      if (bytes[e + 1] != 5 || (bytes[e + 3] & 3) != 1) continue;
+      const uint16_t size = uint16_t(bytes[e + 4] | bytes[e + 5] << 8);
+      if (size < walk.smallest) walk.smallest = size, walk.idleSetting = bytes[pos + 3];
+      break;
     }
   }
   return walk;
@@ -57,8 +51,7 @@ Walk WalkConfiguration(const std::vector<uint8_t>& bytes) {
 TEST(EmulatedUsbIdentity, DescriptorsCarryTheStreamingInterfaceTheDriverLooksFor) {
   struct Case {
     const char* name;
-    bool highSpeed;
-    bool class14;
+    bool highSpeed, class14;
     uint8_t before;
     std::vector<uint16_t> settings;
     int idleSetting;
@@ -110,17 +103,11 @@ TEST(EmulatedUsbIdentity, DeviceDescriptorGivesTheChipRevision) {
   }
 }
 
-// ---------------------------------------------------------------- packets
-
 // OV7670 at 160 x 120 YUYV: 38400 bytes a frame.
-void SetSmallYuyvMode(EmulatedCamera& cam) {
-  ASSERT_EQ(Write(cam, 0x42, 0x12, 0x10), STATUS_SUCCESS);
-  ASSERT_EQ(Write(cam, 0x42, 0x72, 0x11), STATUS_SUCCESS);
-}
+const std::vector<RegisterWrite> kSmallYuyv = {{0x42, 0x12, 0x10}, {0x42, 0x72, 0x11}};
 
 EmulatedCameraConfig Ov7670(bool highSpeed = true, uint8_t headerLength = 4) {
-  EmulatedCameraConfig config;
-  config.sensors = {EmulatedSensorConfig{EmulatedSensorKind::OV7670}};
+  EmulatedCameraConfig config = WithSensor(K::OV7670);
   config.highSpeed = highSpeed;
   config.packetHeaderLength = headerLength;
   return config;
@@ -129,8 +116,7 @@ EmulatedCameraConfig Ov7670(bool highSpeed = true, uint8_t headerLength = 4) {
 TEST(EmulatedStream, PacketsFitEachAlternateSettingAndCarryTheHeader) {
   struct Case {
     bool highSpeed;
-    uint8_t setting;
-    uint8_t headerLength;
+    uint8_t setting, headerLength;
     uint32_t capacity;  // bytes per (micro)frame
   };
   const Case cases[] = {
@@ -140,42 +126,36 @@ TEST(EmulatedStream, PacketsFitEachAlternateSettingAndCarryTheHeader) {
   };
   for (const Case& c : cases) {
     EmulatedCamera cam(Ov7670(c.highSpeed, c.headerLength));
-    SetSmallYuyvMode(cam);
-    ASSERT_EQ(cam.SelectAlternateSetting(c.setting), STATUS_SUCCESS);
-    ASSERT_EQ(cam.ControlTransfer(5, 1, 0, nullptr, nullptr, false), STATUS_SUCCESS);
+    ASSERT_TRUE(WriteAll(cam, kSmallYuyv));
+    ASSERT_EQ(StartStream(cam, c.setting), STATUS_SUCCESS);
     const uint32_t payload = c.capacity - c.headerLength;
-    const uint64_t dataPackets = (38400 + payload - 1) / payload;
     uint64_t pulled = 0;
     std::vector<uint8_t> packet;
     for (int f = 0; f < 2; ++f) {
-      // Packet by packet: start, data, end, then empty ones.
+      // Packet by packet: start, full data packets, the last shorter, end.
       std::vector<std::vector<uint8_t>> frame;
       while (frame.empty() || !(frame.back()[1] & 0x02)) {
         ASSERT_TRUE(cam.NextPacket(&packet));
-        ++pulled;
         ASSERT_LE(packet.size(), c.capacity);
+        ASSERT_LT(++pulled, 100000u);
         if (!packet.empty()) frame.push_back(packet);
-        ASSERT_LT(pulled, 100000u);
       }
-      ASSERT_EQ(frame.size(), dataPackets + 2) << "capacity " << c.capacity;
+      ASSERT_EQ(frame.size(), (38400 + payload - 1) / payload + 2) << "capacity " << c.capacity;
       size_t bytes = 0;
       for (size_t i = 0; i < frame.size(); ++i) {
         const std::vector<uint8_t>& p = frame[i];
+        const bool edge = i == 0 || i + 1 == frame.size();
         ASSERT_EQ(p[0], c.headerLength);
-        const bool first = i == 0, last = i + 1 == frame.size();
-        EXPECT_EQ(p[1], last ? 0x02 : 0x00) << "packet " << i;
-        if (first || last) {
-          EXPECT_EQ(p.size(), c.headerLength) << "start and end carry no payload";
-        } else if (i + 2 < frame.size()) {
-          EXPECT_EQ(p.size(), c.capacity) << "data packets are full but the last";
+        EXPECT_EQ(p[1], i + 1 == frame.size() ? 0x02 : 0x00) << "packet " << i;
+        if (edge || i + 2 < frame.size()) {
+          EXPECT_EQ(p.size(), edge ? c.headerLength : c.capacity);
         }
         bytes += p.size() - p[0];
       }
       EXPECT_EQ(bytes, 38400u);
     }
-    // Between frames the camera sends empty packets.
     ASSERT_TRUE(cam.NextPacket(&packet));
-    EXPECT_TRUE(packet.empty());
+    EXPECT_TRUE(packet.empty()) << "between frames the camera sends empty packets";
   }
   // A setting without an endpoint has no stream at all.
   EmulatedCamera cam(Ov7670());
@@ -185,99 +165,91 @@ TEST(EmulatedStream, PacketsFitEachAlternateSettingAndCarryTheHeader) {
   EXPECT_EQ(cam.SelectAlternateSetting(6), STATUS_INVALID_PARAMETER);
 }
 
-struct RegisterWrite {
-  uint8_t bus;
-  uint8_t reg;
-  uint8_t value;
-};
-
-struct VariableWrite {
-  uint16_t address;
-  uint16_t value;
-};
+// OV2640 640 x 480 Bayer: sensor bank SVGA, DSP bank raw, 160 x 120 in fours.
+const std::vector<RegisterWrite> kOv2640VgaBayer = {{0x60, 0xFF, 0x01}, {0x60, 0x12, 0x40},
+                                                    {0x60, 0xFF, 0x00}, {0x60, 0x05, 0x01},
+                                                    {0x60, 0x5A, 0xA0}, {0x60, 0x5B, 0x78}};
 
 TEST(EmulatedStream, FrameLengthFollowsTheModeTheScriptWrote) {
+  struct VariableWrite {
+    uint16_t address, value;
+  };
   struct Case {
     const char* name;
-    EmulatedSensorKind kind;
-    uint16_t bcdDevice;
+    EmulatedSensorKind kind;  // the MI2020 on a revision-1 chip, the others on revision 2
     std::vector<RegisterWrite> writes;
-    std::vector<VariableWrite> variables;  // MI sensors, through 0x338C / 0x3390
-    bool twoLinesShort;
+    std::vector<VariableWrite> variables;  // MI: quads, on revision 1 bursts, to 0x338C / 0x3390
     uint32_t width, height;
     WireFrameLayout layout;
     size_t bytes;
+    bool twoLinesShort = false;
   };
-  const uint8_t ov2640 = 0x60;
+  const uint8_t ov = 0x60;
+  auto svga = [&](std::vector<RegisterWrite> more) {
+    more.insert(more.begin(), {{ov, 0xFF, 0x01}, {ov, 0x12, 0x40}, {ov, 0xFF, 0x00}});
+    return more;
+  };
   const Case cases[] = {
-      {"OV7670 power-on", EmulatedSensorKind::OV7670, 0x200, {}, {}, false, 640, 480,
-       WireFrameLayout::Yuyv, 614400},
-      {"OV7670 VGA Bayer", EmulatedSensorKind::OV7670, 0x200, {{0x42, 0x12, 0x01}}, {}, false, 640,
-       480, WireFrameLayout::Bayer, 307200},
-      {"OV7670 QQVGA", EmulatedSensorKind::OV7670, 0x200, {{0x42, 0x12, 0x10}, {0x42, 0x72, 0x11}},
-       {}, false, 160, 120, WireFrameLayout::Yuyv, 38400},
-      {"OV7670 CIF", EmulatedSensorKind::OV7670, 0x200, {{0x42, 0x12, 0x20}}, {}, false, 352, 288,
-       WireFrameLayout::Yuyv, 202752},
-      {"OV7670 QCIF", EmulatedSensorKind::OV7670, 0x200, {{0x42, 0x12, 0x08}}, {}, false, 176, 144,
-       WireFrameLayout::Yuyv, 50688},
-      {"OV2640 UXGA Bayer", EmulatedSensorKind::OV2640, 0x200,
-       {{ov2640, 0xFF, 0x00}, {ov2640, 0x05, 0x01}, {ov2640, 0x5A, 0x90}, {ov2640, 0x5B, 0x2C},
-        {ov2640, 0x5C, 0x05}},
-       {}, false, 1600, 1200, WireFrameLayout::Bayer, 1920000},
-      {"OV2640 1280x960 Bayer", EmulatedSensorKind::OV2640, 0x200,
-       {{ov2640, 0x05, 0x01}, {ov2640, 0x5A, 0x40}, {ov2640, 0x5B, 0xF0}, {ov2640, 0x5C, 0x01}},
-       {}, false, 1280, 960, WireFrameLayout::Bayer, 1228800},
-      {"OV2640 VGA Bayer", EmulatedSensorKind::OV2640, 0x200,
-       {{ov2640, 0xFF, 0x01}, {ov2640, 0x12, 0x40}, {ov2640, 0xFF, 0x00}, {ov2640, 0x05, 0x01},
-        {ov2640, 0x5A, 0xA0}, {ov2640, 0x5B, 0x78}},
-       {}, false, 640, 480, WireFrameLayout::Bayer, 307200},
-      {"OV2640 VGA Bayer two lines short", EmulatedSensorKind::OV2640, 0x200,
-       {{ov2640, 0xFF, 0x01}, {ov2640, 0x12, 0x40}, {ov2640, 0xFF, 0x00}, {ov2640, 0x05, 0x01},
-        {ov2640, 0x5A, 0xA0}, {ov2640, 0x5B, 0x78}},
-       {}, true, 640, 480, WireFrameLayout::Bayer, 305920},
-      {"OV2640 QVGA YUYV", EmulatedSensorKind::OV2640, 0x200,
-       {{ov2640, 0xFF, 0x01}, {ov2640, 0x12, 0x40}, {ov2640, 0xFF, 0x00}, {ov2640, 0x5A, 0x50},
-        {ov2640, 0x5B, 0x3C}},
-       {}, false, 320, 240, WireFrameLayout::Yuyv, 153600},
-      {"OV2640 QCIF 4:2:0", EmulatedSensorKind::OV2640, 0x200,
-       {{ov2640, 0xFF, 0x01}, {ov2640, 0x12, 0x10}, {ov2640, 0xFF, 0x00}, {ov2640, 0xDA, 0x0C},
-        {ov2640, 0x5A, 0x2C}, {ov2640, 0x5B, 0x24}},
-       {}, false, 176, 144, WireFrameLayout::Yuv420, 38016},
-      {"OV2640 asks for more than the readout", EmulatedSensorKind::OV2640, 0x200,
-       {{ov2640, 0xFF, 0x01}, {ov2640, 0x12, 0x40}, {ov2640, 0xFF, 0x00}, {ov2640, 0x05, 0x01},
-        {ov2640, 0x5A, 0x40}, {ov2640, 0x5B, 0xF0}, {ov2640, 0x5C, 0x01}},
-       {}, false, 800, 600, WireFrameLayout::Bayer, 480000},
-      {"MI2021 power-on", EmulatedSensorKind::MI2021, 0x200, {}, {}, false, 800, 600,
-       WireFrameLayout::Yuyv, 960000},
-      {"MI2021 VGA Bayer", EmulatedSensorKind::MI2021, 0x200, {},
-       {{0x2703, 640}, {0x2705, 480}, {0x2755, 1}, {0xA103, 1}}, false, 640, 480,
-       WireFrameLayout::Bayer, 307200},
-      {"MI2021 capture context", EmulatedSensorKind::MI2021, 0x200, {},
-       {{0x2757, 1}, {0xA103, 2}}, false, 1600, 1200, WireFrameLayout::Bayer, 1920000},
-      {"MI2021 binned context refuses UXGA", EmulatedSensorKind::MI2021, 0x200, {},
-       {{0x2703, 1600}, {0x2705, 1200}}, false, 800, 600, WireFrameLayout::Yuyv, 960000},
-      {"MI2021 4:2:0", EmulatedSensorKind::MI2021, 0x200, {},
-       {{0x2703, 320}, {0x2705, 240}, {0x2755, 2}}, false, 320, 240, WireFrameLayout::Yuv420,
-       115200},
+      {"OV7670 power-on", K::OV7670, {}, {}, 640, 480, L::Yuyv, 614400},
+      {"OV7670 VGA Bayer", K::OV7670, {{0x42, 0x12, 0x01}}, {}, 640, 480, L::Bayer, 307200},
+      {"OV7670 QQVGA", K::OV7670, kSmallYuyv, {}, 160, 120, L::Yuyv, 38400},
+      {"OV7670 CIF", K::OV7670, {{0x42, 0x12, 0x20}}, {}, 352, 288, L::Yuyv, 202752},
+      {"OV7670 QCIF", K::OV7670, {{0x42, 0x12, 0x08}}, {}, 176, 144, L::Yuyv, 50688},
+      {"OV2640 UXGA Bayer", K::OV2640,
+       {{ov, 0xFF, 0x00}, {ov, 0x05, 0x01}, {ov, 0x5A, 0x90}, {ov, 0x5B, 0x2C}, {ov, 0x5C, 0x05}},
+       {}, 1600, 1200, L::Bayer, 1920000},
+      {"OV2640 1280x960 Bayer", K::OV2640,
+       {{ov, 0x05, 0x01}, {ov, 0x5A, 0x40}, {ov, 0x5B, 0xF0}, {ov, 0x5C, 0x01}}, {}, 1280, 960,
+       L::Bayer, 1228800},
+      {"OV2640 VGA Bayer", K::OV2640, kOv2640VgaBayer, {}, 640, 480, L::Bayer, 307200},
+      {"OV2640 VGA Bayer two lines short", K::OV2640, kOv2640VgaBayer, {}, 640, 480, L::Bayer,
+       305920, true},
+      {"OV2640 QVGA YUYV", K::OV2640, svga({{ov, 0x5A, 0x50}, {ov, 0x5B, 0x3C}}), {}, 320, 240,
+       L::Yuyv, 153600},
+      {"OV2640 QCIF 4:2:0", K::OV2640,
+       {{ov, 0xFF, 0x01}, {ov, 0x12, 0x10}, {ov, 0xFF, 0x00}, {ov, 0xDA, 0x0C}, {ov, 0x5A, 0x2C},
+        {ov, 0x5B, 0x24}},
+       {}, 176, 144, L::Yuv420, 38016},
+      {"OV2640 asks for more than the readout", K::OV2640,
+       svga({{ov, 0x05, 0x01}, {ov, 0x5A, 0x40}, {ov, 0x5B, 0xF0}, {ov, 0x5C, 0x01}}), {}, 800, 600,
+       L::Bayer, 480000},
+      {"MI2021 power-on", K::MI2021, {}, {}, 800, 600, L::Yuyv, 960000},
+      {"MI2021 VGA Bayer", K::MI2021, {}, {{0x2703, 640}, {0x2705, 480}, {0x2755, 1}, {0xA103, 1}},
+       640, 480, L::Bayer, 307200},
+      {"MI2021 capture context", K::MI2021, {}, {{0x2757, 1}, {0xA103, 2}}, 1600, 1200, L::Bayer,
+       1920000},
+      {"MI2021 binned context refuses UXGA", K::MI2021, {}, {{0x2703, 1600}, {0x2705, 1200}}, 800,
+       600, L::Yuyv, 960000},
+      {"MI2021 4:2:0", K::MI2021, {}, {{0x2703, 320}, {0x2705, 240}, {0x2755, 2}}, 320, 240,
+       L::Yuv420, 115200},
+      {"MI2020 through bursts", K::MI2020, {}, {{0x2703, 320}, {0x2705, 240}, {0x2755, 1}}, 320,
+       240, L::Bayer, 76800},
   };
   for (const Case& c : cases) {
-    EmulatedCameraConfig config;
-    config.sensors = {EmulatedSensorConfig{c.kind}};
-    config.bcdDevice = c.bcdDevice;
+    const bool revision1 = c.kind == K::MI2020;
+    EmulatedCameraConfig config = WithSensor(c.kind, revision1 ? 0x0100 : 0x0200);
     config.framesTwoLinesShort = c.twoLinesShort;
     EmulatedCamera cam(config);
-    for (const RegisterWrite& w : c.writes) {
-      ASSERT_EQ(Write(cam, w.bus, w.reg, w.value), STATUS_SUCCESS) << c.name;
+    ASSERT_TRUE(WriteAll(cam, c.writes)) << c.name;
+    const uint8_t bus = revision1 ? 0x7A : 0x78;
+    for (const VariableWrite& v : c.variables) {
+      if (!revision1) {
+        WriteVariable(cam, bus, v.address, v.value);
+        continue;
+      }
+      // WRITEEX 7A 338C 2703 on revision 1: request 3, wIndex 0x33.
+      ASSERT_EQ(Send(cam, 3, 0x7A00, 0x33, {0x8C, uint8_t(v.address >> 8), uint8_t(v.address)}),
+                STATUS_SUCCESS);
+      ASSERT_EQ(Send(cam, 3, 0x7A00, 0x33, {0x90, uint8_t(v.value >> 8), uint8_t(v.value)}),
+                STATUS_SUCCESS);
     }
-    for (const VariableWrite& v : c.variables) WriteVariable(cam, 0x78, v.address, v.value);
     const WireFrameInfo info = cam.CurrentWireFrame();
     EXPECT_EQ(info.width, c.width) << c.name;
     EXPECT_EQ(info.height, c.height) << c.name;
     EXPECT_EQ(info.layout, c.layout) << c.name;
     EXPECT_EQ(info.frameBytes, c.bytes) << c.name;
     // The stream carries exactly that many bytes a frame.
-    ASSERT_EQ(cam.SelectAlternateSetting(5), STATUS_SUCCESS);
-    ASSERT_EQ(cam.ControlTransfer(5, 1, 0, nullptr, nullptr, false), STATUS_SUCCESS);
+    ASSERT_EQ(StartStream(cam), STATUS_SUCCESS);
     CollectedFrame frame;
     uint64_t pulled = 0;
     ASSERT_TRUE(CollectFrame(cam, &frame, &pulled)) << c.name;
@@ -285,43 +257,10 @@ TEST(EmulatedStream, FrameLengthFollowsTheModeTheScriptWrote) {
   }
 }
 
-TEST(EmulatedStream, MiSensorOnRevisionOneTakesItsModeThroughBursts) {
-  EmulatedCameraConfig config;
-  config.sensors = {EmulatedSensorConfig{EmulatedSensorKind::MI2020}};
-  config.bcdDevice = 0x0100;
-  EmulatedCamera cam(config);
-  // WRITEEX 7A 338C 2703 / 7A 3390 0140 on revision 1: request 3, wIndex 0x33.
-  const VariableWrite writes[] = {{0x2703, 320}, {0x2705, 240}, {0x2755, 1}};
-  for (const VariableWrite& v : writes) {
-    ASSERT_EQ(Send(cam, 3, 0x7A00, 0x33, {0x8C, uint8_t(v.address >> 8), uint8_t(v.address)}),
-              STATUS_SUCCESS);
-    ASSERT_EQ(Send(cam, 3, 0x7A00, 0x33, {0x90, uint8_t(v.value >> 8), uint8_t(v.value)}),
-              STATUS_SUCCESS);
-  }
-  const WireFrameInfo info = cam.CurrentWireFrame();
-  EXPECT_EQ(info.width, 320u);
-  EXPECT_EQ(info.height, 240u);
-  EXPECT_EQ(info.layout, WireFrameLayout::Bayer);
-  EXPECT_EQ(info.frameBytes, 76800u);
-}
-
-// Bus time of each frame start packet, over `frames` frames.
-std::vector<int64_t> FrameStartTimes(EmulatedCamera& cam, int frames) {
-  std::vector<int64_t> starts;
-  uint64_t pulled = 0;
-  for (int f = 0; f < frames; ++f) {
-    CollectedFrame frame;
-    if (!CollectFrame(cam, &frame, &pulled)) break;
-    starts.push_back(int64_t(frame.startPacket) * cam.IsoInterval100ns());
-  }
-  return starts;
-}
-
 TEST(EmulatedStream, FrameRateFollowsTheClockDividerAndTheBandwidth) {
   struct Case {
     const char* name;
     bool highSpeed;
-    uint8_t setting;
     uint8_t clockDivider;  // OV7670 CLKRC
     bool vga;              // 640 x 480 YUYV instead of 160 x 120
     int64_t period;        // expected time between frame starts
@@ -329,26 +268,27 @@ TEST(EmulatedStream, FrameRateFollowsTheClockDividerAndTheBandwidth) {
   const Case cases[] = {
       // 1/30 s is 333333.3 in 100 ns; frames start at the first (micro)frame
       // at or after each sensor frame's beginning.
-      {"30 per second", true, 5, 0x00, false, 333333},
-      {"15 per second", true, 5, 0x01, false, 666666},
-      {"7.5 per second at full speed", false, 5, 0x03, false, 1333333},
+      {"30 per second", true, 0x00, false, 333333},
+      {"15 per second", true, 0x01, false, 666666},
+      {"7.5 per second at full speed", false, 0x03, false, 1333333},
       // 614400 bytes in 1019-byte packets take 603 ms: the camera catches
       // every 19th sensor frame (19 x 33.3 ms = 633 ms).
-      {"bandwidth bound", false, 5, 0x00, true, 19 * 333333},
+      {"bandwidth bound", false, 0x00, true, 19 * 333333},
   };
   for (const Case& c : cases) {
     EmulatedCamera cam(Ov7670(c.highSpeed));
-    if (!c.vga) SetSmallYuyvMode(cam);
+    if (!c.vga) {
+      ASSERT_TRUE(WriteAll(cam, kSmallYuyv));
+    }
     ASSERT_EQ(Write(cam, 0x42, 0x11, c.clockDivider), STATUS_SUCCESS);
-    ASSERT_EQ(cam.SelectAlternateSetting(c.setting), STATUS_SUCCESS);
-    ASSERT_EQ(cam.ControlTransfer(5, 1, 0, nullptr, nullptr, false), STATUS_SUCCESS);
-    const int frames = 4;
-    const std::vector<int64_t> starts = FrameStartTimes(cam, frames);
-    ASSERT_EQ(starts.size(), size_t(frames)) << c.name;
-    const int64_t slot = cam.IsoInterval100ns();
-    for (int f = 1; f < frames; ++f) {
-      const int64_t expected = c.period * f;
-      EXPECT_NEAR(double(starts[f] - starts[0]), double(expected), double(slot)) << c.name;
+    ASSERT_EQ(StartStream(cam), STATUS_SUCCESS);
+    uint64_t pulled = 0, first = 0;
+    for (int f = 0; f < 4; ++f) {
+      CollectedFrame frame;
+      ASSERT_TRUE(CollectFrame(cam, &frame, &pulled)) << c.name;
+      if (f == 0) first = frame.startPacket;
+      const int64_t start = int64_t(frame.startPacket - first) * cam.IsoInterval100ns();
+      EXPECT_NEAR(double(start), double(c.period * f), double(cam.IsoInterval100ns())) << c.name;
     }
     EXPECT_EQ(cam.CurrentWireFrame().framePeriod100ns, 333333 * (c.clockDivider + 1)) << c.name;
   }
@@ -356,11 +296,10 @@ TEST(EmulatedStream, FrameRateFollowsTheClockDividerAndTheBandwidth) {
 
 TEST(EmulatedStream, ButtonShowsInTheHeaderAndRegisterFromItsFrame) {
   EmulatedCamera cam(Ov7670());
-  SetSmallYuyvMode(cam);
-  ASSERT_EQ(cam.SelectAlternateSetting(5), STATUS_SUCCESS);
+  ASSERT_TRUE(WriteAll(cam, kSmallYuyv));
   cam.ScheduleButton(1, true);
   cam.ScheduleButton(3, false);
-  ASSERT_EQ(cam.ControlTransfer(5, 1, 0, nullptr, nullptr, false), STATUS_SUCCESS);
+  ASSERT_EQ(StartStream(cam), STATUS_SUCCESS);
   const bool down[] = {false, true, true, false, false};
   uint64_t pulled = 0;
   for (int f = 0; f < 5; ++f) {
@@ -376,7 +315,7 @@ TEST(EmulatedStream, ButtonShowsInTheHeaderAndRegisterFromItsFrame) {
 
 TEST(EmulatedStream, StreamStopsAndStartsOnRequestFive) {
   EmulatedCamera cam(Ov7670());
-  SetSmallYuyvMode(cam);
+  ASSERT_TRUE(WriteAll(cam, kSmallYuyv));
   ASSERT_EQ(cam.SelectAlternateSetting(2), STATUS_SUCCESS);
   std::vector<uint8_t> packet;
   for (int i = 0; i < 10; ++i) {
@@ -401,8 +340,6 @@ TEST(EmulatedStream, StreamStopsAndStartsOnRequestFive) {
   EXPECT_EQ(frame.startPacket, 0u) << "a frame begins at once";
 }
 
-// ---------------------------------------------------------------- picture
-
 std::vector<uint8_t> OneFrame(EmulatedCamera& cam) {
   if (cam.CurrentAlternateSetting() != 5) cam.SelectAlternateSetting(5);
   cam.ControlTransfer(5, 1, 0, nullptr, nullptr, false);
@@ -418,26 +355,23 @@ TEST(EmulatedStream, MirrorAndFlipReverseTheWirePicture) {
   EmulatedCamera cam(Ov7670());
   const std::vector<uint8_t> plain = OneFrame(cam);
   ASSERT_EQ(plain.size(), size_t(w) * h * 2);
-  ASSERT_EQ(Write(cam, 0x42, 0x1E, 0x20), STATUS_SUCCESS);
-  const std::vector<uint8_t> mirrored = OneFrame(cam);
-  ASSERT_EQ(Write(cam, 0x42, 0x1E, 0x10), STATUS_SUCCESS);
-  const std::vector<uint8_t> flipped = OneFrame(cam);
-  ASSERT_EQ(mirrored.size(), plain.size());
-  ASSERT_EQ(flipped.size(), plain.size());
-  auto luma = [&](const std::vector<uint8_t>& f, uint32_t x, uint32_t y) {
-    return f[(size_t(y) * w + x) * 2];
-  };
-  size_t wrong = 0;
-  for (uint32_t y = 0; y < h; y += 7) {
-    for (uint32_t x = 0; x < w; ++x) {
-      wrong += luma(mirrored, x, y) != luma(plain, w - 1 - x, y);
-      wrong += luma(flipped, x, y) != luma(plain, x, h - 1 - y);
+  for (const bool mirror : {true, false}) {
+    ASSERT_EQ(Write(cam, 0x42, 0x1E, mirror ? 0x20 : 0x10), STATUS_SUCCESS);
+    const std::vector<uint8_t> turned = OneFrame(cam);
+    ASSERT_EQ(turned.size(), plain.size());
+    EXPECT_NE(turned, plain);
+    size_t wrong = 0;
+    for (uint32_t y = 0; y < h; y += 7) {
+      for (uint32_t x = 0; x < w; ++x) {
+        const size_t from = mirror ? size_t(y) * w + w - 1 - x : size_t(h - 1 - y) * w + x;
+        wrong += turned[(size_t(y) * w + x) * 2] != plain[from * 2];
+      }
     }
+    EXPECT_EQ(wrong, 0u) << (mirror ? "mirror" : "flip");
   }
-  EXPECT_EQ(wrong, 0u);
-  EXPECT_NE(mirrored, plain);
 }
 
+// The OV7670's bits are checked on its picture above.
 TEST(EmulatedStream, EachSensorHasItsMirrorAndFlipBits) {
   struct Case {
     EmulatedSensorKind kind;
@@ -446,55 +380,47 @@ TEST(EmulatedStream, EachSensorHasItsMirrorAndFlipBits) {
     bool mirror, flip;
   };
   const Case cases[] = {
-      {EmulatedSensorKind::OV7670, {{0x42, 0x1E, 0x20}}, {}, true, false},
-      {EmulatedSensorKind::OV7670, {{0x42, 0x1E, 0x10}}, {}, false, true},
-      {EmulatedSensorKind::OV2640, {{0x60, 0xFF, 0x01}, {0x60, 0x04, 0x80}}, {}, true, false},
-      {EmulatedSensorKind::OV2640, {{0x60, 0xFF, 0x01}, {0x60, 0x04, 0x40}}, {}, false, true},
-      {EmulatedSensorKind::OV2640, {{0x60, 0x04, 0xC0}}, {}, false, false},  // DSP bank: no effect
-      {EmulatedSensorKind::MI2021, {}, {0x0002}, true, false},
-      {EmulatedSensorKind::MI2021, {}, {0x0001}, false, true},
+      {K::OV2640, {{0x60, 0xFF, 0x01}, {0x60, 0x04, 0x80}}, {}, true, false},
+      {K::OV2640, {{0x60, 0xFF, 0x01}, {0x60, 0x04, 0x40}}, {}, false, true},
+      {K::OV2640, {{0x60, 0x04, 0xC0}}, {}, false, false},  // DSP bank: no effect
+      {K::MI2021, {}, {0x0002}, true, false},
+      {K::MI2021, {}, {0x0001}, false, true},
   };
   for (const Case& c : cases) {
-    EmulatedCameraConfig config;
-    config.sensors = {EmulatedSensorConfig{c.kind}};
-    EmulatedCamera cam(config);
-    for (const RegisterWrite& w : c.writes)
-      ASSERT_EQ(Write(cam, w.bus, w.reg, w.value), STATUS_SUCCESS);
+    EmulatedCamera cam(WithSensor(c.kind));
+    ASSERT_TRUE(WriteAll(cam, c.writes));
     for (uint16_t v : c.quadAt0020) ASSERT_EQ(WriteQuad(cam, 0x78, 0x0020, v), STATUS_SUCCESS);
-    const WireFrameInfo info = cam.CurrentWireFrame();
-    EXPECT_EQ(info.mirror, c.mirror) << int(c.kind);
-    EXPECT_EQ(info.flip, c.flip) << int(c.kind);
+    EXPECT_EQ(cam.CurrentWireFrame().mirror, c.mirror) << int(c.kind);
+    EXPECT_EQ(cam.CurrentWireFrame().flip, c.flip) << int(c.kind);
   }
 }
 
 TEST(EmulatedStream, ExposureGainAndBrightnessChangeThePicture) {
   struct Case {
     const char* name;
-    std::vector<RegisterWrite> writes;
+    RegisterWrite write;
     double lumaChangeLow, lumaChangeHigh;  // against the power-on picture
   };
   // Mean luma of the power-on picture is about 120; a brightness of +32 adds
   // 32 to each colour, which is (66 + 129 + 25) / 256 x 32 = 27.5 luma where
   // nothing clips (the white and yellow bars do): between 18 and 28.
   const Case cases[] = {
-      {"brightness +32", {{0x42, 0x55, 0x20}}, 18, 28},
-      {"brightness -32", {{0x42, 0x55, 0xE0}}, -28, -18},
-      {"exposure doubled", {{0x42, 0x10, 0x80}}, 20, 100},
-      {"exposure halved", {{0x42, 0x10, 0x20}}, -60, -20},
-      {"gain doubled", {{0x42, 0x00, 0x10}}, 20, 100},
-      {"gain unity written", {{0x42, 0x00, 0x00}}, 0, 0},
+      {"brightness +32", {0x42, 0x55, 0x20}, 18, 28},
+      {"brightness -32", {0x42, 0x55, 0xE0}, -28, -18},
+      {"exposure doubled", {0x42, 0x10, 0x80}, 20, 100},
+      {"exposure halved", {0x42, 0x10, 0x20}, -60, -20},
+      {"gain doubled", {0x42, 0x00, 0x10}, 20, 100},
+      {"gain unity written", {0x42, 0x00, 0x00}, 0, 0},
   };
   EmulatedCamera reference(Ov7670());
-  SetSmallYuyvMode(reference);
+  ASSERT_TRUE(WriteAll(reference, kSmallYuyv));
   const double base = MeanLuma(OneFrame(reference));
   EXPECT_GT(base, 80);
   EXPECT_LT(base, 160);
   for (const Case& c : cases) {
     EmulatedCamera cam(Ov7670());
-    SetSmallYuyvMode(cam);
-    for (const RegisterWrite& w : c.writes) {
-      ASSERT_EQ(Write(cam, w.bus, w.reg, w.value), STATUS_SUCCESS);
-    }
+    ASSERT_TRUE(WriteAll(cam, kSmallYuyv));
+    ASSERT_TRUE(WriteAll(cam, {c.write}));
     const double change = MeanLuma(OneFrame(cam)) - base;
     EXPECT_GE(change, c.lumaChangeLow) << c.name;
     EXPECT_LE(change, c.lumaChangeHigh) << c.name;
@@ -503,29 +429,24 @@ TEST(EmulatedStream, ExposureGainAndBrightnessChangeThePicture) {
 
 TEST(EmulatedStream, BayerFramesStartWithBlueThenGreen) {
   EmulatedCamera cam;  // OV2640
-  const RegisterWrite writes[] = {{0x60, 0xFF, 0x01}, {0x60, 0x12, 0x40}, {0x60, 0xFF, 0x00},
-                                  {0x60, 0x05, 0x01}, {0x60, 0x5A, 0xA0}, {0x60, 0x5B, 0x78}};
-  for (const RegisterWrite& w : writes) {
-    ASSERT_EQ(Write(cam, w.bus, w.reg, w.value), STATUS_SUCCESS);
-  }
+  ASSERT_TRUE(WriteAll(cam, kOv2640VgaBayer));
   const std::vector<uint8_t> frame = OneFrame(cam);
   ASSERT_EQ(frame.size(), 640u * 480);
   // The second of eight bars is yellow (red and green, no blue); the fifth
   // magenta (red and blue, no green). Line 200, well inside each bar.
   auto at = [&](uint32_t x, uint32_t y) { return frame[size_t(y) * 640 + x]; };
-  const uint32_t y = 200;
-  EXPECT_LT(at(120, y), 40) << "blue sample of yellow";
-  EXPECT_GT(at(121, y), 150) << "green sample of yellow";
-  EXPECT_GT(at(121, y + 1), 150) << "red sample of yellow";
-  EXPECT_GT(at(360, y), 150) << "blue sample of magenta";
-  EXPECT_LT(at(361, y), 40) << "green sample of magenta";
-  EXPECT_LT(at(360, y + 1), 40) << "green sample of magenta, second line";
-  EXPECT_GT(at(361, y + 1), 150) << "red sample of magenta";
+  EXPECT_LT(at(120, 200), 40) << "blue sample of yellow";
+  EXPECT_GT(at(121, 200), 150) << "green sample of yellow";
+  EXPECT_GT(at(121, 201), 150) << "red sample of yellow";
+  EXPECT_GT(at(360, 200), 150) << "blue sample of magenta";
+  EXPECT_LT(at(361, 200), 40) << "green sample of magenta";
+  EXPECT_LT(at(360, 201), 40) << "green sample of magenta, second line";
+  EXPECT_GT(at(361, 201), 150) << "red sample of magenta";
 }
 
 TEST(EmulatedStream, WireRegistersAgreeWhenTheScriptWritesTheSensorsMode) {
   EmulatedCamera cam(Ov7670());
-  SetSmallYuyvMode(cam);
+  ASSERT_TRUE(WriteAll(cam, kSmallYuyv));
   EXPECT_FALSE(cam.WireRegistersAgree());
   // 160 = 0x00A0, 120 = 0x0078, layout 1 (YUYV).
   ASSERT_EQ(
@@ -551,16 +472,14 @@ TEST(EmulatedStream, FrameSourceSeesTheSensorStateOfEachFrame) {
   config.lens = EmulatedLensKind::NoHomeSwitch;
   config.lensStartPosition = 33;
   EmulatedCamera cam(config);
-  SetSmallYuyvMode(cam);
-  ASSERT_EQ(Write(cam, 0x42, 0x1E, 0x30), STATUS_SUCCESS);
-  ASSERT_EQ(Write(cam, 0x42, 0x55, 0xF0), STATUS_SUCCESS);
-  ASSERT_EQ(Write(cam, 0x42, 0x00, 0x08), STATUS_SUCCESS);
+  ASSERT_TRUE(WriteAll(cam, kSmallYuyv));
+  ASSERT_TRUE(WriteAll(cam, {{0x42, 0x1E, 0x30}, {0x42, 0x55, 0xF0}, {0x42, 0x00, 0x08}}));
   const std::vector<uint8_t> frame = OneFrame(cam);
   ASSERT_EQ(source->requests.size(), 1u);
   const FrameRequest& r = source->requests[0];
   EXPECT_EQ(r.width, 160u);
   EXPECT_EQ(r.height, 120u);
-  EXPECT_EQ(r.layout, WireFrameLayout::Yuyv);
+  EXPECT_EQ(r.layout, L::Yuyv);
   EXPECT_STREQ(r.sensorName, "OV7670");
   EXPECT_TRUE(r.mirror);
   EXPECT_TRUE(r.flip);

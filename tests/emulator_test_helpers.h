@@ -10,6 +10,14 @@
 
 namespace emutest {
 
+// A camera with one sensor of `kind`.
+inline EmulatedCameraConfig WithSensor(EmulatedSensorKind kind, uint16_t bcdDevice = 0x0200) {
+  EmulatedCameraConfig config;
+  config.sensors = {EmulatedSensorConfig{kind}};
+  config.bcdDevice = bcdDevice;
+  return config;
+}
+
 // Request 1: one 8-bit register write.
 inline NTSTATUS Write(EmulatedCamera& cam, uint8_t bus, uint8_t reg, uint8_t value) {
   return cam.ControlTransfer(1, uint16_t(bus << 8 | value), reg, nullptr, nullptr, false);
@@ -47,6 +55,25 @@ inline NTSTATUS WriteQuad(EmulatedCamera& cam, uint8_t bus, uint16_t reg, uint16
 inline void WriteVariable(EmulatedCamera& cam, uint8_t bus, uint16_t address, uint16_t value) {
   WriteQuad(cam, bus, 0x338C, address);
   WriteQuad(cam, bus, 0x3390, value);
+}
+
+struct RegisterWrite {
+  uint8_t bus, reg, value;
+};
+
+// Request 1 for each write in turn; false at the first refused.
+inline bool WriteAll(EmulatedCamera& cam, const std::vector<RegisterWrite>& writes) {
+  for (const RegisterWrite& w : writes) {
+    if (Write(cam, w.bus, w.reg, w.value) != STATUS_SUCCESS) return false;
+  }
+  return true;
+}
+
+// Selects `setting` and starts the stream (request 5, value 1).
+inline NTSTATUS StartStream(EmulatedCamera& cam, uint8_t setting = 5) {
+  NTSTATUS status = cam.SelectAlternateSetting(setting);
+  if (status < 0) return status;
+  return cam.ControlTransfer(5, 1, 0, nullptr, nullptr, false);
 }
 
 // A frame as the driver's packet routine sees it: what lies between the
