@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "emulator/emulated_camera.h"
@@ -48,22 +49,22 @@ Walk WalkConfiguration(const std::vector<uint8_t>& bytes) {
   return walk;
 }
 
-TEST(EmulatedUsbIdentity, DescriptorsCarryTheStreamingInterfaceTheDriverLooksFor) {
+TEST(EmulatedUsbIdentity, DescriptorsCarryTheChipRevisionAndTheStreamingInterface) {
   struct Case {
     const char* name;
     bool highSpeed, class14;
     uint8_t before;
     std::vector<uint16_t> settings;
     int idleSetting;
-    uint16_t smallest;
+    uint16_t smallest, bcdDevice;  // the chip revision
   };
   const Case cases[] = {
-      {"high speed defaults", true, true, 0, {}, 1, 128},
-      {"full speed defaults", false, true, 0, {}, 1, 128},
-      {"interface after two others", true, true, 2, {}, 1, 128},
-      {"no endpoints never idle", false, true, 0, {0, 512, 0, 64, 1023}, 3, 64},
-      {"first of equal sizes wins", true, true, 0, {0, 256, 256, 0x1400}, 1, 256},
-      {"vendor-specific interface", true, false, 0, {}, -1, 0xFFFF},
+      {"high speed defaults", true, true, 0, {}, 1, 128, 0x0200},
+      {"full speed defaults", false, true, 0, {}, 1, 128, 0x0100},
+      {"interface after two others", true, true, 2, {}, 1, 128, 0x0102},
+      {"no endpoints never idle", false, true, 0, {0, 512, 0, 64, 1023}, 3, 64, 0x0103},
+      {"first of equal sizes wins", true, true, 0, {0, 256, 256, 0x1400}, 1, 256, 0x0210},
+      {"vendor-specific interface", true, false, 0, {}, -1, 0xFFFF, 0x0200},
   };
   for (const Case& c : cases) {
     EmulatedCameraConfig config;
@@ -71,7 +72,14 @@ TEST(EmulatedUsbIdentity, DescriptorsCarryTheStreamingInterfaceTheDriverLooksFor
     config.streamingInterfaceClass14 = c.class14;
     config.interfacesBeforeStreaming = c.before;
     config.alternateSettings = c.settings;
+    config.bcdDevice = c.bcdDevice;
     EmulatedCamera cam(config);
+    const std::vector<uint8_t> device = cam.DeviceDescriptorBytes();
+    ASSERT_EQ(device.size(), 18u);
+    EXPECT_EQ(device[0], 18);
+    EXPECT_EQ(device[1], 1);
+    EXPECT_EQ(device[12] | device[13] << 8, c.bcdDevice) << "bcdDevice, little-endian at 12";
+    EXPECT_EQ(cam.DeviceDescriptor().bcdDevice, c.bcdDevice);
     const std::vector<uint8_t> bytes = cam.ConfigurationDescriptorBytes();
     ASSERT_GE(bytes.size(), 9u) << c.name;
     EXPECT_EQ(bytes[1], 2) << c.name;
@@ -86,20 +94,6 @@ TEST(EmulatedUsbIdentity, DescriptorsCarryTheStreamingInterfaceTheDriverLooksFor
       EXPECT_EQ(walk.settings, cam.AlternateSettingCount()) << c.name;
     }
     EXPECT_EQ(cam.StreamingInterfaceNumber(), c.before) << c.name;
-  }
-}
-
-TEST(EmulatedUsbIdentity, DeviceDescriptorGivesTheChipRevision) {
-  for (uint16_t bcd : {0x0100, 0x0102, 0x0103, 0x0200, 0x0210}) {
-    EmulatedCameraConfig config;
-    config.bcdDevice = bcd;
-    EmulatedCamera cam(config);
-    const std::vector<uint8_t> bytes = cam.DeviceDescriptorBytes();
-    ASSERT_EQ(bytes.size(), 18u);
-    EXPECT_EQ(bytes[0], 18);
-    EXPECT_EQ(bytes[1], 1);
-    EXPECT_EQ(bytes[12] | bytes[13] << 8, bcd) << "bcdDevice, little-endian at offset 12";
-    EXPECT_EQ(cam.DeviceDescriptor().bcdDevice, bcd);
   }
 }
 
@@ -277,9 +271,7 @@ TEST(EmulatedStream, FrameRateFollowsTheClockDividerAndTheBandwidth) {
   };
   for (const Case& c : cases) {
     EmulatedCamera cam(Ov7670(c.highSpeed));
-    if (!c.vga) {
-      ASSERT_TRUE(WriteAll(cam, kSmallYuyv));
-    }
+    ASSERT_TRUE(WriteAll(cam, c.vga ? std::vector<RegisterWrite>{} : kSmallYuyv));
     ASSERT_EQ(Write(cam, 0x42, 0x11, c.clockDivider), STATUS_SUCCESS);
     ASSERT_EQ(StartStream(cam), STATUS_SUCCESS);
     uint64_t pulled = 0, first = 0;
@@ -434,14 +426,13 @@ TEST(EmulatedStream, BayerFramesStartWithBlueThenGreen) {
   ASSERT_EQ(frame.size(), 640u * 480);
   // The second of eight bars is yellow (red and green, no blue); the fifth
   // magenta (red and blue, no green). Line 200, well inside each bar.
-  auto at = [&](uint32_t x, uint32_t y) { return frame[size_t(y) * 640 + x]; };
-  EXPECT_LT(at(120, 200), 40) << "blue sample of yellow";
-  EXPECT_GT(at(121, 200), 150) << "green sample of yellow";
-  EXPECT_GT(at(121, 201), 150) << "red sample of yellow";
-  EXPECT_GT(at(360, 200), 150) << "blue sample of magenta";
-  EXPECT_LT(at(361, 200), 40) << "green sample of magenta";
-  EXPECT_LT(at(360, 201), 40) << "green sample of magenta, second line";
-  EXPECT_GT(at(361, 201), 150) << "red sample of magenta";
+  // x, y, lit: B G / G R at (120, 200) in yellow, at (360, 200) in magenta.
+  for (const auto& [x, y, lit] : {std::tuple{120, 200, false}, {121, 200, true}, {121, 201, true},
+                                  {360, 200, true}, {361, 200, false}, {360, 201, false},
+                                  {361, 201, true}}) {
+    const uint8_t sample = frame[size_t(y) * 640 + x];
+    EXPECT_TRUE(lit ? sample > 150 : sample < 40) << x << "," << y << ": " << int(sample);
+  }
 }
 
 TEST(EmulatedStream, WireRegistersAgreeWhenTheScriptWritesTheSensorsMode) {
@@ -477,17 +468,13 @@ TEST(EmulatedStream, FrameSourceSeesTheSensorStateOfEachFrame) {
   const std::vector<uint8_t> frame = OneFrame(cam);
   ASSERT_EQ(source->requests.size(), 1u);
   const FrameRequest& r = source->requests[0];
-  EXPECT_EQ(r.width, 160u);
-  EXPECT_EQ(r.height, 120u);
-  EXPECT_EQ(r.layout, L::Yuyv);
+  EXPECT_EQ(std::tuple(r.width, r.height, r.layout), std::tuple(160u, 120u, L::Yuyv));
   EXPECT_STREQ(r.sensorName, "OV7670");
-  EXPECT_TRUE(r.mirror);
-  EXPECT_TRUE(r.flip);
+  EXPECT_TRUE(r.mirror && r.flip);
   EXPECT_EQ(r.brightness, -16);
   EXPECT_EQ(r.gain16, 24u);
   EXPECT_EQ(r.lightScale256, 384u) << "unity exposure, gain 1.5";
-  EXPECT_TRUE(r.lensFitted);
-  EXPECT_EQ(r.lensPosition, 33);
+  EXPECT_TRUE(r.lensFitted && r.lensPosition == 33) << r.lensPosition;
   ASSERT_EQ(frame.size(), 38400u);
   EXPECT_EQ(frame[9], 0x5A);
   EXPECT_EQ(frame[10], 0x00);
