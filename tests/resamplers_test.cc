@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "pipeline/frame_pipeline.h"
+#include "pipeline/resample_rows.h"
 
 namespace {
 
@@ -18,21 +19,21 @@ using Picture = std::vector<uint8_t>;
 Picture RandomPicture(uint32_t width, uint32_t height, uint32_t seed) {
   std::mt19937 random(seed);
   Picture p(size_t(width) * height * 2);
-  for (uint8_t& b : p) b = uint8_t(random());
+  for (uint8_t &b : p) b = uint8_t(random());
   return p;
 }
 
 // Luma of pixel x and the chroma (0 Cb, 1 Cr) of pair j, in row y.
-uint8_t Luma(const Picture& p, uint32_t width, uint32_t x, uint32_t y) {
+uint8_t Luma(const Picture &p, uint32_t width, uint32_t x, uint32_t y) {
   return p[(size_t(y) * width + x) * 2];
 }
-uint8_t Chroma(const Picture& p, uint32_t width, uint32_t j, uint32_t c, uint32_t y) {
+uint8_t Chroma(const Picture &p, uint32_t width, uint32_t j, uint32_t c, uint32_t y) {
   return p[size_t(y) * width * 2 + 4 * j + 1 + 2 * c];
 }
 
 // Box mean over factor x factor source pixels (luma) and factor source pairs
 // by factor rows (chroma).
-Picture ShrinkReference(const Picture& s, uint32_t width, uint32_t height, uint32_t factor) {
+Picture ShrinkReference(const Picture &s, uint32_t width, uint32_t height, uint32_t factor) {
   const uint32_t sw = width * factor;
   Picture out(size_t(width) * height * 2);
   for (uint32_t y = 0; y < height; ++y) {
@@ -59,9 +60,9 @@ Picture ShrinkReference(const Picture& s, uint32_t width, uint32_t height, uint3
 // position i / factor; weights (factor - i % factor, i % factor) on the
 // sample there and the next one, the next one being the last when there is
 // none. Luma by pixel, chroma by pair, rows alike. One division at the end.
-Picture GrowReference(const Picture& s, uint32_t width, uint32_t height, uint32_t factor) {
+Picture GrowReference(const Picture &s, uint32_t width, uint32_t height, uint32_t factor) {
   const uint32_t sw = width / factor, sh = height / factor;
-  auto tap = [&](uint32_t i, uint32_t count, uint32_t* at, uint32_t* next, uint32_t* weightNext) {
+  auto tap = [&](uint32_t i, uint32_t count, uint32_t *at, uint32_t *next, uint32_t *weightNext) {
     *at = i / factor;
     *next = *at + 1 < count ? *at + 1 : count - 1;
     *weightNext = i % factor;
@@ -95,43 +96,60 @@ struct Size {
   uint32_t width, height;
 };
 
-TEST(Resamplers, ShrinkersAreBoxMeansOfTheirSourcePixels) {
-  const Size sizes[] = {{2, 1}, {4, 2}, {8, 6}, {160, 120}, {176, 144}};
-  for (uint32_t factor : {2u, 4u}) {
-    for (const Size& size : sizes) {
-      const uint32_t seed = factor * 1000 + size.width;
-      const Picture source = RandomPicture(size.width * factor, size.height * factor, seed);
-      Picture out(size_t(size.width) * size.height * 2, 0xEE);
-      if (factor == 2) ShrinkYuy2By2(out.data(), source.data(), size.width, size.height);
-      if (factor == 4) ShrinkYuy2By4(out.data(), source.data(), size.width, size.height);
-      EXPECT_EQ(out, ShrinkReference(source, size.width, size.height, factor))
-          << "by " << factor << " to " << size.width << "x" << size.height << " seed " << seed;
-    }
+// Runs `check` with the vector rows (where the processor has them) and with
+// the portable rows: both must give the reference's bytes.
+template <typename Check>
+void ForEachRowSet(Check check) {
+  for (bool vectors : {true, false}) {
+    SCOPED_TRACE(vectors ? "vector rows" : "portable rows");
+    AllowResamplerVectors(vectors);
+    check();
   }
+  AllowResamplerVectors(true);
+}
+
+TEST(Resamplers, ShrinkersAreBoxMeansOfTheirSourcePixels) {
+  ForEachRowSet([] {
+    const Size sizes[] = {{2, 1}, {4, 2}, {8, 6}, {36, 4}, {160, 120}, {176, 144}};
+    for (uint32_t factor : {2u, 4u}) {
+      for (const Size &size : sizes) {
+        const uint32_t seed = factor * 1000 + size.width;
+        const Picture source = RandomPicture(size.width * factor, size.height * factor, seed);
+        Picture out(size_t(size.width) * size.height * 2, 0xEE);
+        if (factor == 2) ShrinkYuy2By2(out.data(), source.data(), size.width, size.height);
+        if (factor == 4) ShrinkYuy2By4(out.data(), source.data(), size.width, size.height);
+        EXPECT_EQ(out, ShrinkReference(source, size.width, size.height, factor))
+            << "by " << factor << " to " << size.width << "x" << size.height << " seed " << seed;
+      }
+    }
+  });
 }
 
 TEST(Resamplers, ShrinkByFourOfAllWhiteStaysWhite) {
-  const Picture source(16 * 8 * 2, 255);
-  Picture out(4 * 2 * 2, 0);
-  ShrinkYuy2By4(out.data(), source.data(), 4, 2);
-  EXPECT_EQ(out, Picture(out.size(), 255));  // 16 x 255 = 4080, >> 4 = 255
+  ForEachRowSet([] {
+    const Picture source(64 * 8 * 2, 255);
+    Picture out(16 * 2 * 2, 0);
+    ShrinkYuy2By4(out.data(), source.data(), 16, 2);
+    EXPECT_EQ(out, Picture(out.size(), 255));  // 16 x 255 = 4080, >> 4 = 255
+  });
 }
 
 TEST(Resamplers, GrowersInterpolateWithOneRoundingAtTheEnd) {
-  const Size sizes2[] = {{4, 2}, {8, 4}, {16, 6}, {160, 120}, {484, 240}};
-  const Size sizes4[] = {{8, 4}, {16, 8}, {32, 12}, {160, 120}, {176, 144}};
-  for (uint32_t factor : {2u, 4u}) {
-    for (const Size& size : factor == 2 ? sizes2 : sizes4) {
-      const uint32_t seed = factor * 7000 + size.width;
-      const Picture source =
-          RandomPicture(size.width / factor, size.height / factor, seed);
-      Picture out(size_t(size.width) * size.height * 2, 0xEE);
-      if (factor == 2) GrowYuy2By2(out.data(), source.data(), size.width, size.height);
-      if (factor == 4) GrowYuy2By4(out.data(), source.data(), size.width, size.height);
-      EXPECT_EQ(out, GrowReference(source, size.width, size.height, factor))
-          << "by " << factor << " to " << size.width << "x" << size.height << " seed " << seed;
+  ForEachRowSet([] {
+    const Size sizes2[] = {{4, 2}, {8, 4}, {16, 6}, {160, 120}, {484, 240}};
+    const Size sizes4[] = {{8, 4}, {16, 8}, {32, 12}, {160, 120}, {176, 144}};
+    for (uint32_t factor : {2u, 4u}) {
+      for (const Size &size : factor == 2 ? sizes2 : sizes4) {
+        const uint32_t seed = factor * 7000 + size.width;
+        const Picture source = RandomPicture(size.width / factor, size.height / factor, seed);
+        Picture out(size_t(size.width) * size.height * 2, 0xEE);
+        if (factor == 2) GrowYuy2By2(out.data(), source.data(), size.width, size.height);
+        if (factor == 4) GrowYuy2By4(out.data(), source.data(), size.width, size.height);
+        EXPECT_EQ(out, GrowReference(source, size.width, size.height, factor))
+            << "by " << factor << " to " << size.width << "x" << size.height << " seed " << seed;
+      }
     }
-  }
+  });
 }
 
 // Hand-worked bytes: the first row and column keep source values, the last
@@ -146,12 +164,9 @@ TEST(Resamplers, GrowByTwoKeepsTheFirstRowAndColumnAndRepeatsTheLast) {
   };
   Picture out(8 * 4 * 2, 0);
   GrowYuy2By2(out.data(), source.data(), 8, 4);
-  const Picture row0 = {10, 100, 15, 200, 21, 105, 25, 205,
-                        30, 110, 35, 210, 41, 110, 41, 210};
-  const Picture row1 = {11, 101, 18, 201, 24, 106, 28, 207,
-                        31, 111, 37, 213, 42, 111, 42, 213};
-  const Picture row2 = {13, 102, 20, 203, 28, 107, 30, 209,
-                        33, 112, 38, 216, 44, 112, 44, 216};
+  const Picture row0 = {10, 100, 15, 200, 21, 105, 25, 205, 30, 110, 35, 210, 41, 110, 41, 210};
+  const Picture row1 = {11, 101, 18, 201, 24, 106, 28, 207, 31, 111, 37, 213, 42, 111, 42, 213};
+  const Picture row2 = {13, 102, 20, 203, 28, 107, 30, 209, 33, 112, 38, 216, 44, 112, 44, 216};
   EXPECT_EQ(Picture(out.begin(), out.begin() + 16), row0);
   EXPECT_EQ(Picture(out.begin() + 16, out.begin() + 32), row1);
   EXPECT_EQ(Picture(out.begin() + 32, out.begin() + 48), row2);
@@ -189,7 +204,7 @@ TEST(Resamplers, GrowByFourRepeatsTheLastRowFourTimes) {
 // Output luma pixel x of a chunk of 8 comes from source pixel 0, 1, 2, 3, 5,
 // 6, 7, 8 of the chunk's 10; chroma pair j of 4 from source pair j of 5;
 // output row y from source row y + y / 4.
-Picture DecimationReference(const Picture& s, uint32_t sourceWidth, uint32_t width,
+Picture DecimationReference(const Picture &s, uint32_t sourceWidth, uint32_t width,
                             uint32_t height) {
   static const uint32_t lumaFrom[8] = {0, 1, 2, 3, 5, 6, 7, 8};
   Picture out(size_t(width) * height * 2);
@@ -209,23 +224,26 @@ Picture DecimationReference(const Picture& s, uint32_t sourceWidth, uint32_t wid
 }
 
 TEST(Resamplers, DecimationFrom1280To1024InPlaceEqualsTwoBuffers) {
-  const struct {
-    uint32_t sourceWidth, sourceHeight, width, height;
-  } cases[] = {{1280, 960, 1024, 768}, {20, 10, 16, 8}, {40, 15, 32, 12}};
-  for (const auto& c : cases) {
-    const Picture source = RandomPicture(c.sourceWidth, c.sourceHeight, c.width);
-    const Picture expected = DecimationReference(source, c.sourceWidth, c.width, c.height);
+  ForEachRowSet([] {
+    const struct {
+      uint32_t sourceWidth, sourceHeight, width, height;
+    } cases[] = {
+        {1280, 960, 1024, 768}, {20, 10, 16, 8}, {40, 15, 32, 12}, {30, 5, 24, 4}, {30, 5, 20, 4}};
+    for (const auto &c : cases) {
+      const Picture source = RandomPicture(c.sourceWidth, c.sourceHeight, c.width);
+      const Picture expected = DecimationReference(source, c.sourceWidth, c.width, c.height);
 
-    Picture apart(size_t(c.width) * c.height * 2, 0xEE);
-    Resample1280To1024(source.data(), apart.data(), c.sourceWidth, c.sourceHeight, c.width,
-                       c.height);
-    EXPECT_EQ(apart, expected) << c.width;
+      Picture apart(size_t(c.width) * c.height * 2, 0xEE);
+      Resample1280To1024(source.data(), apart.data(), c.sourceWidth, c.sourceHeight, c.width,
+                         c.height);
+      EXPECT_EQ(apart, expected) << c.width;
 
-    Picture inPlace = source;
-    Resample1280To1024(inPlace.data(), inPlace.data(), c.sourceWidth, c.sourceHeight, c.width,
-                       c.height);
-    EXPECT_EQ(0, std::memcmp(inPlace.data(), expected.data(), expected.size())) << c.width;
-  }
+      Picture inPlace = source;
+      Resample1280To1024(inPlace.data(), inPlace.data(), c.sourceWidth, c.sourceHeight, c.width,
+                         c.height);
+      EXPECT_EQ(0, std::memcmp(inPlace.data(), expected.data(), expected.size())) << c.width;
+    }
+  });
 }
 
 }  // namespace
