@@ -29,11 +29,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// ---------------------------------------------------------------- the four descriptions
-
-// What camera each description is for (its sensor, controller revision and
-// lens), and whether its pictures come through the driver's own route
-// (RawPipelineKind 0) rather than the image library.
+// What camera each description is for, and whether its pictures come through
+// the driver's own route (RawPipelineKind 0) rather than the image library.
 struct Description {
   const char* model;
   uint32_t instance;  // of its software key in the .reg file
@@ -68,7 +65,8 @@ struct RecordingPattern : FrameSource {
 };
 
 // All four descriptions installed, drive C on a folder of their scripts,
-// virtual time, and the driver's log kept out of the test output.
+// virtual time, and the driver's log kept out of the test output. The
+// destructor checks that nothing of the cameras is left behind.
 class HostRig {
  public:
   HostRig() {
@@ -83,6 +81,10 @@ class HostRig {
     MapDosDrive('C', folder_.string());
   }
   ~HostRig() {
+    std::string report;
+    if (!JoinSystemThreads(10000)) report = "threads still running\n";
+    EXPECT_TRUE(report.empty() && KernelCheckBalanced(&report, PoolTagWdm) &&
+                PoolLiveBlocks(PoolTagWdm) == 0) << report;
     MapDosDrive('C', "");
     SetKernelClockMode(clockMode_);
     std::error_code error;
@@ -90,38 +92,37 @@ class HostRig {
     ResetRegistry();
   }
 
-  // A camera as the description says, streaming the recording pattern.
-  static std::unique_ptr<EmulatedCamera> MakeCamera(const Description& description,
-                                                    std::shared_ptr<RecordingPattern> pattern) {
+ private:
+  fs::path folder_;
+  KernelClockMode clockMode_ = KernelClockMode::Real;
+  DebugPrintCapture log_;
+};
+
+// One emulated camera as its description says, streaming the recording
+// pattern, started in the host.
+struct Rigged {
+  explicit Rigged(const Description& description) {
     EmulatedCameraConfig config;
     config.sensors = {EmulatedSensorConfig{description.sensor}};
     config.bcdDevice = description.bcdDevice;
     config.highSpeed = true;
     config.lens = description.lens;
-    config.frameSource = std::move(pattern);
-    return std::make_unique<EmulatedCamera>(config);
-  }
-
-  static std::unique_ptr<HostedCamera> Start(const Description& description,
-                                             EmulatedCamera* camera) {
-    HostedCameraConfig config;
-    config.camera = camera;
-    config.deviceKeyPath = DeviceSoftwareKeyPath(description.instance);
-    std::unique_ptr<HostedCamera> hosted;
+    config.frameSource = pattern;
+    camera = std::make_unique<EmulatedCamera>(config);
+    HostedCameraConfig host;
+    host.camera = camera.get();
+    host.deviceKeyPath = DeviceSoftwareKeyPath(description.instance);
     std::string error;
-    const NTSTATUS status = HostedCamera::Start(config, &hosted, &error);
-    EXPECT_EQ(status, STATUS_SUCCESS) << description.model << ": " << error;
+    EXPECT_EQ(HostedCamera::Start(host, &hosted, &error), STATUS_SUCCESS)
+        << description.model << ": " << error;
     // The camera's controls are not loaded from its description yet, so the
     // image processor would develop in monochrome (ColorEnable 0): colour on,
     // as every description's default has it.
     if (hosted) hosted->Context()->PropertyRecords.ColorEnable.Value = 1;
-    return hosted;
   }
-
- private:
-  fs::path folder_;
-  KernelClockMode clockMode_ = KernelClockMode::Real;
-  DebugPrintCapture log_;
+  std::shared_ptr<RecordingPattern> pattern = std::make_shared<RecordingPattern>();
+  std::unique_ptr<EmulatedCamera> camera;
+  std::unique_ptr<HostedCamera> hosted;
 };
 
 // ---------------------------------------------------------------- pictures
@@ -162,9 +163,9 @@ uint32_t ArrayAt(uint32_t i, uint32_t count, uint32_t start, uint32_t length, bo
   return start + (reversed ? length - 1 - u : u);
 }
 
-// The bars as high/low channel triples: white, yellow, cyan, green, magenta,
-// red, blue, black.
-constexpr int kBarBits[8] = {7, 6, 3, 2, 5, 4, 1, 0};  // r << 2 | g << 1 | b
+// The bars as r << 2 | g << 1 | b: white, yellow, cyan, green, magenta, red,
+// blue, black.
+constexpr int kBarBits[8] = {7, 6, 3, 2, 5, 4, 1, 0};
 
 // A channel is high when it reaches half the brightest channel of the
 // sample: the pattern's vertical gradient and each sensor's exposure scale all
@@ -177,18 +178,16 @@ int Bits(const Rgb& c) {
 }
 
 // Samples the picture well away from every edge of the pattern (bars and the
-// white square) and compares each sample's colour, channel by channel against
-// the middle level, with what the sensor showed. Returns a failure text, or
-// an empty string when at least 95 % of the samples and every visible bar
-// show as they should.
+// white square) and compares each sample's colour with what the sensor
+// showed. Returns a failure text, or an empty string when at least 95 % of
+// the samples and every visible bar show as they should.
 std::string CheckPattern(const std::vector<uint8_t>& picture, uint32_t compression,
                          uint32_t width, uint32_t height, const FrameRequest& shown) {
   const uint32_t aw = std::max(shown.arrayWidth, 1u), ah = std::max(shown.arrayHeight, 1u);
   const uint32_t squareLeft = aw / 16, squareRight = aw / 16 + aw / 8;
   const uint32_t squareTop = ah / 12, squareBottom = ah / 12 + ah / 6;
   const uint32_t margin = aw / 40;
-  uint32_t samples = 0, matches = 0;
-  uint32_t barsSeen = 0, barsRight = 0;
+  uint32_t samples = 0, matches = 0, barsSeen = 0, barsRight = 0;
   for (uint32_t y = 0; y < height; y += std::max(1u, height / 24)) {
     const uint32_t ay = ArrayAt(y, height, shown.fieldTop, shown.fieldHeight, shown.flip);
     if (ay + ah / 48 >= squareTop && ay <= squareBottom + ah / 48 && ay >= squareTop / 2) {
@@ -204,102 +203,99 @@ std::string CheckPattern(const std::vector<uint8_t>& picture, uint32_t compressi
       const bool inSquare = squareRow && ax >= squareLeft && ax < squareRight;
       if (squareRow && ax + margin >= squareLeft && ax < squareRight + margin && !inSquare) continue;
       if (inSquare && (ax < squareLeft + margin || ax + margin >= squareRight)) continue;
-      const int expected = inSquare ? 7 : kBarBits[bar];
-      const int got = Bits(PixelAt(picture, compression, width, height, x, y));
+      const bool good = Bits(PixelAt(picture, compression, width, height, x, y)) ==
+                         (inSquare ? 7 : kBarBits[bar]);
       ++samples;
-      if (got == expected) ++matches;
+      matches += good;
       if (!squareRow) {
         barsSeen |= 1u << bar;
-        if (got == expected) barsRight |= 1u << bar;
+        barsRight |= uint32_t(good) << bar;
       }
     }
   }
-  char text[200];
   if (samples == 0) return "no sample";
-  if (matches * 100 < samples * 95 || barsRight != barsSeen) {
-    std::snprintf(text, sizeof text, "%u of %u samples right; bars seen %02X, right %02X", matches,
-                  samples, barsSeen, barsRight);
-    return text;
-  }
-  return "";
+  if (matches * 100 >= samples * 95 && barsRight == barsSeen) return "";
+  char text[200];
+  std::snprintf(text, sizeof text, "%u of %u samples right; bars seen %02X, right %02X", matches,
+                samples, barsSeen, barsRight);
+  return text;
 }
 
 const char* CompressionName(uint32_t compression) {
-  switch (compression) {
-    case CompressionRGB24: return "RGB24";
-    case CompressionYUY2: return "YUY2";
-    case CompressionI420: return "I420";
-    default: return "?";
+  return compression == CompressionRGB24  ? "RGB24"
+         : compression == CompressionYUY2 ? "YUY2"
+         : compression == CompressionI420 ? "I420" : "?";
+}
+
+std::string FormatName(const KS_DATARANGE_VIDEO& range) {
+  const KS_BITMAPINFOHEADER& h = range.VideoInfoHeader.bmiHeader;
+  return std::string(CompressionName(h.biCompression)) + " " + std::to_string(h.biWidth) + "x" +
+         std::to_string(h.biHeight);
+}
+
+// The offered format of this width and compression, else the first offered.
+KS_DATARANGE_VIDEO Pick(const std::vector<KS_DATARANGE_VIDEO>& formats, int32_t width,
+                        uint32_t compression) {
+  for (const KS_DATARANGE_VIDEO& f : formats) {
+    const KS_BITMAPINFOHEADER& h = f.VideoInfoHeader.bmiHeader;
+    if (h.biWidth == width && h.biCompression == compression) return f;
   }
+  return formats.at(0);
 }
 
 // Two seconds of bus time: the worker's start, the blank frame and a few
 // frames fit in it many times over.
 constexpr int64_t kTimeout = 20000000;
 
-// Opens stream 0 with the format the host makes of `range`, runs it, reads
-// `frames` frames and leaves the last in `picture`.
-NTSTATUS CaptureFrames(HostedCamera* hosted, const KS_DATARANGE_VIDEO& range, int frames,
-                       std::vector<uint8_t>* picture, KS_DATAFORMAT_VIDEOINFOHEADER* format) {
-  NTSTATUS status = hosted->IntersectFormat(0, range, format);
-  if (!NT_SUCCESS(status)) return status;
-  status = hosted->OpenStream(0, *format);
-  if (!NT_SUCCESS(status)) return status;
-  status = hosted->SetStreamState(0, KSSTATE_RUN);
-  picture->assign(format->VideoInfoHeader.bmiHeader.biSizeImage, 0);
-  for (int i = 0; i < frames && NT_SUCCESS(status); ++i) {
-    HostFrame frame;
-    status = hosted->ReadFrame(0, picture->data(), uint32_t(picture->size()), &frame, kTimeout);
-    if (NT_SUCCESS(status) && frame.bytes != picture->size()) status = STATUS_DATA_ERROR;
-  }
-  hosted->SetStreamState(0, KSSTATE_STOP);
-  hosted->CloseStream(0);
+// Opens stream 0 with the format the host makes of `range` and runs it.
+NTSTATUS OpenAndRun(HostedCamera* hosted, const KS_DATARANGE_VIDEO& range,
+                    std::vector<uint8_t>* picture, bool run = true) {
+  KS_DATAFORMAT_VIDEOINFOHEADER format{};
+  NTSTATUS status = hosted->IntersectFormat(0, range, &format);
+  if (NT_SUCCESS(status)) status = hosted->OpenStream(0, format);
+  if (NT_SUCCESS(status) && run) status = hosted->SetStreamState(0, KSSTATE_RUN);
+  picture->assign(format.VideoInfoHeader.bmiHeader.biSizeImage, 0);
   return status;
 }
 
-bool Balanced(std::string* report) {
-  if (!JoinSystemThreads(10000)) {
-    *report += "threads still running\n";
-    return false;
-  }
-  return KernelCheckBalanced(report, PoolTagWdm) && PoolLiveBlocks(PoolTagWdm) == 0;
+// Reads one frame of stream 0; a frame shorter than the picture is an error.
+NTSTATUS Read(HostedCamera* hosted, std::vector<uint8_t>* picture, HostFrame* frame = nullptr) {
+  HostFrame local;
+  HostFrame* f = frame ? frame : &local;
+  NTSTATUS status = hosted->ReadFrame(0, picture->data(), uint32_t(picture->size()), f, kTimeout);
+  return NT_SUCCESS(status) && f->bytes != picture->size() ? STATUS_DATA_ERROR : status;
 }
 
 // ---------------------------------------------------------------- tests
 
 // Every format every description offers, captured end to end: a frame of
-// each shows the test pattern's bars in their order and
-// colours and the white square, as far as the sensor's field shows them.
+// each shows the test pattern's bars in their order and colours and the
+// white square, as far as the sensor's field shows them.
 TEST(CaptureHostPicturesThreads, EveryOfferedFormatOfEveryDescriptionShowsTheTestPattern) {
   HostRig rig;
   for (const Description& description : kDescriptions) {
     SCOPED_TRACE(description.model);
-    auto pattern = std::make_shared<RecordingPattern>();
-    std::unique_ptr<EmulatedCamera> camera = HostRig::MakeCamera(description, pattern);
-    std::unique_ptr<HostedCamera> hosted = HostRig::Start(description, camera.get());
-    if (!hosted) continue;
-    const std::vector<KS_DATARANGE_VIDEO> formats = hosted->Formats(0);
+    Rigged cam(description);
+    if (!cam.hosted) continue;
+    const std::vector<KS_DATARANGE_VIDEO> formats = cam.hosted->Formats(0);
     EXPECT_FALSE(formats.empty());
     for (const KS_DATARANGE_VIDEO& range : formats) {
-      const KS_BITMAPINFOHEADER& header = range.VideoInfoHeader.bmiHeader;
-      const uint32_t compression = header.biCompression;
-      const uint32_t width = uint32_t(header.biWidth), height = uint32_t(header.biHeight);
-      SCOPED_TRACE(std::string(CompressionName(compression)) + " " + std::to_string(width) + "x" +
-                   std::to_string(height) +
+      const KS_BITMAPINFOHEADER& h = range.VideoInfoHeader.bmiHeader;
+      SCOPED_TRACE(FormatName(range) +
                    (description.ownRoute ? " (driver's own route)" : " (image library)"));
       std::vector<uint8_t> picture;
-      KS_DATAFORMAT_VIDEOINFOHEADER format{};
+      NTSTATUS status = OpenAndRun(cam.hosted.get(), range, &picture);
       // The first frame may have begun in the previous mode (its length can
       // pass the test of the new one), as on a real sensor: the third shows
       // the new mode.
-      const NTSTATUS status = CaptureFrames(hosted.get(), range, 3, &picture, &format);
+      for (int i = 0; i < 3 && NT_SUCCESS(status); ++i) status = Read(cam.hosted.get(), &picture);
+      cam.hosted->SetStreamState(0, KSSTATE_STOP);
+      cam.hosted->CloseStream(0);
       ASSERT_EQ(status, STATUS_SUCCESS) << NtStatusName(status);
-      EXPECT_EQ(std::string(), CheckPattern(picture, compression, width, height, pattern->Last()));
+      EXPECT_EQ(std::string(), CheckPattern(picture, h.biCompression, uint32_t(h.biWidth),
+                                            uint32_t(h.biHeight), cam.pattern->Last()));
     }
-    hosted.reset();
   }
-  std::string report;
-  EXPECT_TRUE(Balanced(&report)) << report;
 }
 
 // Stop and start again, and pause in between: each run delivers frames, the
@@ -307,61 +303,37 @@ TEST(CaptureHostPicturesThreads, EveryOfferedFormatOfEveryDescriptionShowsTheTes
 // stream goes on.
 TEST(CaptureHostThreads, StartStopStartDeliversFramesEachTime) {
   HostRig rig;
-  const Description& description = kDescriptions[0];
-  auto pattern = std::make_shared<RecordingPattern>();
-  std::unique_ptr<EmulatedCamera> camera = HostRig::MakeCamera(description, pattern);
-  std::unique_ptr<HostedCamera> hosted = HostRig::Start(description, camera.get());
-  ASSERT_TRUE(hosted);
-  const std::vector<KS_DATARANGE_VIDEO> formats = hosted->Formats(0);
-  ASSERT_FALSE(formats.empty());
-  // The smallest offered format: the point here is the cycle, not the size.
-  const KS_DATARANGE_VIDEO* smallest = &formats[0];
-  for (const KS_DATARANGE_VIDEO& range : formats) {
-    if (range.VideoInfoHeader.bmiHeader.biSizeImage <
-        smallest->VideoInfoHeader.bmiHeader.biSizeImage) {
-      smallest = &range;
-    }
-  }
-  KS_DATAFORMAT_VIDEOINFOHEADER format{};
-  ASSERT_EQ(hosted->IntersectFormat(0, *smallest, &format), STATUS_SUCCESS);
-  ASSERT_EQ(hosted->OpenStream(0, format), STATUS_SUCCESS);
-  std::vector<uint8_t> picture(format.VideoInfoHeader.bmiHeader.biSizeImage);
+  Rigged cam(kDescriptions[0]);
+  ASSERT_TRUE(cam.hosted);
+  HostedCamera* hosted = cam.hosted.get();
+  std::vector<uint8_t> picture;
+  // The smallest format: the point here is the cycle, not the size.
+  ASSERT_EQ(OpenAndRun(hosted, Pick(hosted->Formats(0), 160, CompressionI420), &picture, false),
+            STATUS_SUCCESS);
   HostFrame frame;
   // A stream that does not run has nothing to read.
-  EXPECT_EQ(hosted->ReadFrame(0, picture.data(), uint32_t(picture.size()), &frame, kTimeout),
-            STATUS_INVALID_DEVICE_STATE);
-  const KSSTATE cycle[][2] = {{KSSTATE_RUN, KSSTATE_STOP},
-                              {KSSTATE_RUN, KSSTATE_PAUSE},
-                              {KSSTATE_RUN, KSSTATE_STOP}};
-  uint64_t lastIndex = 0;
-  bool first = true;
-  for (const auto& step : cycle) {
-    ASSERT_EQ(hosted->SetStreamState(0, step[0]), STATUS_SUCCESS);
+  EXPECT_EQ(Read(hosted, &picture), STATUS_INVALID_DEVICE_STATE);
+  int64_t lastIndex = -1;
+  for (KSSTATE end : {KSSTATE_STOP, KSSTATE_PAUSE, KSSTATE_STOP}) {
+    ASSERT_EQ(hosted->SetStreamState(0, KSSTATE_RUN), STATUS_SUCCESS);
     for (int i = 0; i < 2; ++i) {
-      ASSERT_EQ(hosted->ReadFrame(0, picture.data(), uint32_t(picture.size()), &frame, kTimeout),
-                STATUS_SUCCESS);
-      EXPECT_EQ(frame.bytes, picture.size());
-      if (!first) {
-        EXPECT_EQ(frame.index, lastIndex + 1);
+      ASSERT_EQ(Read(hosted, &picture, &frame), STATUS_SUCCESS);
+      if (lastIndex >= 0) {
+        EXPECT_EQ(frame.index, uint64_t(lastIndex) + 1);
       }
-      lastIndex = frame.index;
-      first = false;
+      lastIndex = int64_t(frame.index);
     }
-    EXPECT_EQ(camera->IsStreaming(), true);
-    ASSERT_EQ(hosted->SetStreamState(0, step[1]), STATUS_SUCCESS);
+    EXPECT_TRUE(cam.camera->IsStreaming());
+    ASSERT_EQ(hosted->SetStreamState(0, end), STATUS_SUCCESS);
   }
-  // A short wait on a stopped stream times out rather than hanging.
+  // A wait on a paused stream ends rather than hanging.
   ASSERT_EQ(hosted->SetStreamState(0, KSSTATE_PAUSE), STATUS_SUCCESS);
-  EXPECT_EQ(hosted->ReadFrame(0, picture.data(), uint32_t(picture.size()), &frame, kTimeout),
-            STATUS_INVALID_DEVICE_STATE);
+  EXPECT_EQ(Read(hosted, &picture), STATUS_INVALID_DEVICE_STATE);
   EXPECT_EQ(hosted->CloseStream(0), STATUS_SUCCESS);
   const HostStatistics statistics = hosted->Statistics();
   EXPECT_GE(statistics.framesDelivered, 6u);
   EXPECT_GE(statistics.framesCompleted, statistics.framesDelivered);
   EXPECT_GT(statistics.droppedPackets, 0u) << "packets while the worker starts the stream";
-  hosted.reset();
-  std::string report;
-  EXPECT_TRUE(Balanced(&report)) << report;
 }
 
 // The camera leaves the bus in the middle of a stream: the read ends with
@@ -369,123 +341,62 @@ TEST(CaptureHostThreads, StartStopStartDeliversFramesEachTime) {
 // nothing is left behind.
 TEST(CaptureHostThreads, UnplugMidStreamEndsTheCaptureWithoutHangOrLeak) {
   HostRig rig;
-  const Description& description = kDescriptions[1];
-  auto pattern = std::make_shared<RecordingPattern>();
-  std::unique_ptr<EmulatedCamera> camera = HostRig::MakeCamera(description, pattern);
-  std::unique_ptr<HostedCamera> hosted = HostRig::Start(description, camera.get());
-  ASSERT_TRUE(hosted);
-  const std::vector<KS_DATARANGE_VIDEO> formats = hosted->Formats(0);
-  ASSERT_FALSE(formats.empty());
-  KS_DATAFORMAT_VIDEOINFOHEADER format{};
-  ASSERT_EQ(hosted->IntersectFormat(0, formats.back(), &format), STATUS_SUCCESS);
-  ASSERT_EQ(hosted->OpenStream(0, format), STATUS_SUCCESS);
-  ASSERT_EQ(hosted->SetStreamState(0, KSSTATE_RUN), STATUS_SUCCESS);
-  std::vector<uint8_t> picture(format.VideoInfoHeader.bmiHeader.biSizeImage);
-  HostFrame frame;
-  ASSERT_EQ(hosted->ReadFrame(0, picture.data(), uint32_t(picture.size()), &frame, kTimeout),
-            STATUS_SUCCESS);
-  camera->Unplug();
-  EXPECT_EQ(hosted->ReadFrame(0, picture.data(), uint32_t(picture.size()), &frame, kTimeout),
-            STATUS_DEVICE_NOT_CONNECTED);
+  Rigged cam(kDescriptions[1]);
+  ASSERT_TRUE(cam.hosted);
+  HostedCamera* hosted = cam.hosted.get();
+  std::vector<uint8_t> picture;
+  ASSERT_EQ(OpenAndRun(hosted, hosted->Formats(0).back(), &picture), STATUS_SUCCESS);
+  ASSERT_EQ(Read(hosted, &picture), STATUS_SUCCESS);
+  cam.camera->Unplug();
+  EXPECT_EQ(Read(hosted, &picture), STATUS_DEVICE_NOT_CONNECTED);
   hosted->SurpriseRemoval();
-  EXPECT_EQ(hosted->ReadFrame(0, picture.data(), uint32_t(picture.size()), &frame, kTimeout),
-            STATUS_DEVICE_NOT_CONNECTED);
+  EXPECT_EQ(Read(hosted, &picture), STATUS_DEVICE_NOT_CONNECTED);
   EXPECT_EQ(hosted->SetStreamState(0, KSSTATE_RUN), STATUS_DEVICE_NOT_CONNECTED);
-  hosted.reset();
-  std::string report;
-  EXPECT_TRUE(Balanced(&report)) << report;
 }
 
 // Two cameras of different descriptions in one process: each offers its own
 // formats, and both deliver frames of their own formats in turn.
 TEST(CaptureHostThreads, TwoCamerasOfDifferentDescriptionsEachOfferTheirOwnFormats) {
   HostRig rig;
-  const Description& first = kDescriptions[0];
-  const Description& second = kDescriptions[3];
-  auto patternA = std::make_shared<RecordingPattern>();
-  auto patternB = std::make_shared<RecordingPattern>();
-  std::unique_ptr<EmulatedCamera> cameraA = HostRig::MakeCamera(first, patternA);
-  std::unique_ptr<EmulatedCamera> cameraB = HostRig::MakeCamera(second, patternB);
-  std::unique_ptr<HostedCamera> a = HostRig::Start(first, cameraA.get());
-  std::unique_ptr<HostedCamera> b = HostRig::Start(second, cameraB.get());
-  ASSERT_TRUE(a && b);
+  Rigged camA(kDescriptions[0]), camB(kDescriptions[3]);
+  ASSERT_TRUE(camA.hosted && camB.hosted);
+  HostedCamera *a = camA.hosted.get(), *b = camB.hosted.get();
   EXPECT_NE(a->Context(), b->Context());
   // The OV7670 webcam has a still pin, the MI2021 camera none.
   EXPECT_EQ(a->StreamCount(), 2u);
   EXPECT_EQ(b->StreamCount(), 1u);
-  auto sizes = [](const std::vector<KS_DATARANGE_VIDEO>& formats) {
+  auto names = [](const std::vector<KS_DATARANGE_VIDEO>& formats) {
     std::vector<std::string> list;
-    for (const KS_DATARANGE_VIDEO& f : formats) {
-      list.push_back(std::string(CompressionName(f.VideoInfoHeader.bmiHeader.biCompression)) +
-                     " " + std::to_string(f.VideoInfoHeader.bmiHeader.biWidth) + "x" +
-                     std::to_string(f.VideoInfoHeader.bmiHeader.biHeight));
-    }
+    for (const KS_DATARANGE_VIDEO& f : formats) list.push_back(FormatName(f));
     std::sort(list.begin(), list.end());
     return list;
   };
-  // The enabled mode keys of each description.
+  // The enabled mode keys of each description, sorted.
   const std::vector<std::string> expectedA = {
-      "I420 160x120",  "I420 320x240",  "I420 640x480",   "RGB24 160x120", "RGB24 176x144",
-      "RGB24 320x240", "RGB24 352x288", "RGB24 640x480",  "YUY2 1280x960", "YUY2 160x120",
-      "YUY2 176x144",  "YUY2 320x240",  "YUY2 352x288",   "YUY2 640x480"};
+      "I420 160x120",  "I420 320x240",  "I420 640x480",  "RGB24 160x120", "RGB24 176x144",
+      "RGB24 320x240", "RGB24 352x288", "RGB24 640x480", "YUY2 1280x960", "YUY2 160x120",
+      "YUY2 176x144",  "YUY2 320x240",  "YUY2 352x288",  "YUY2 640x480"};
   const std::vector<std::string> expectedB = {
-      "I420 320x240", "I420 640x480",  "RGB24 1280x960", "RGB24 1600x1200", "RGB24 320x240",
-      "RGB24 640x480", "RGB24 800x600", "YUY2 160x120",  "YUY2 1600x1200",  "YUY2 320x240",
+      "I420 320x240",  "I420 640x480",  "RGB24 1280x960", "RGB24 1600x1200", "RGB24 320x240",
+      "RGB24 640x480", "RGB24 800x600", "YUY2 1600x1200", "YUY2 160x120",   "YUY2 320x240",
       "YUY2 640x480",  "YUY2 800x600"};
-  std::vector<std::string> sortedA = expectedA, sortedB = expectedB;
-  std::sort(sortedA.begin(), sortedA.end());
-  std::sort(sortedB.begin(), sortedB.end());
-  EXPECT_EQ(sizes(a->Formats(0)), sortedA);
-  EXPECT_EQ(sizes(a->Formats(1)), sortedA);
-  EXPECT_EQ(sizes(b->Formats(0)), sortedB);
+  EXPECT_EQ(names(a->Formats(0)), expectedA);
+  EXPECT_EQ(names(a->Formats(1)), expectedA);
+  EXPECT_EQ(names(b->Formats(0)), expectedB);
   // A format only the other camera offers is refused at the open.
-  const std::vector<KS_DATARANGE_VIDEO> formatsB = b->Formats(0);
-  for (const KS_DATARANGE_VIDEO& range : formatsB) {
-    if (range.VideoInfoHeader.bmiHeader.biWidth != 1600) continue;
-    KS_DATAFORMAT_VIDEOINFOHEADER format{};
-    ASSERT_EQ(b->IntersectFormat(0, range, &format), STATUS_SUCCESS);
-    EXPECT_EQ(a->OpenStream(0, format), STATUS_INVALID_PARAMETER);
-    break;
-  }
+  KS_DATAFORMAT_VIDEOINFOHEADER onlyB{};
+  ASSERT_EQ(b->IntersectFormat(0, Pick(b->Formats(0), 1600, CompressionRGB24), &onlyB),
+            STATUS_SUCCESS);
+  EXPECT_EQ(a->OpenStream(0, onlyB), STATUS_INVALID_PARAMETER);
   // Both stream at once, read in turn.
-  KS_DATAFORMAT_VIDEOINFOHEADER formatA{}, formatB{};
-  const std::vector<KS_DATARANGE_VIDEO> formatsA = a->Formats(0);
-  const KS_DATARANGE_VIDEO* rangeA = &formatsA[0];
-  const KS_DATARANGE_VIDEO* rangeB = &formatsB[0];
-  for (const KS_DATARANGE_VIDEO& f : formatsA) {
-    if (f.VideoInfoHeader.bmiHeader.biWidth == 320 &&
-        f.VideoInfoHeader.bmiHeader.biCompression == CompressionYUY2) {
-      rangeA = &f;
-    }
-  }
-  for (const KS_DATARANGE_VIDEO& f : formatsB) {
-    if (f.VideoInfoHeader.bmiHeader.biWidth == 320 &&
-        f.VideoInfoHeader.bmiHeader.biCompression == CompressionRGB24) {
-      rangeB = &f;
-    }
-  }
-  ASSERT_EQ(a->IntersectFormat(0, *rangeA, &formatA), STATUS_SUCCESS);
-  ASSERT_EQ(b->IntersectFormat(0, *rangeB, &formatB), STATUS_SUCCESS);
-  ASSERT_EQ(a->OpenStream(0, formatA), STATUS_SUCCESS);
-  ASSERT_EQ(b->OpenStream(0, formatB), STATUS_SUCCESS);
-  ASSERT_EQ(a->SetStreamState(0, KSSTATE_RUN), STATUS_SUCCESS);
-  ASSERT_EQ(b->SetStreamState(0, KSSTATE_RUN), STATUS_SUCCESS);
-  std::vector<uint8_t> pictureA(formatA.VideoInfoHeader.bmiHeader.biSizeImage);
-  std::vector<uint8_t> pictureB(formatB.VideoInfoHeader.bmiHeader.biSizeImage);
+  std::vector<uint8_t> pictureA, pictureB;
+  ASSERT_EQ(OpenAndRun(a, Pick(a->Formats(0), 320, CompressionYUY2), &pictureA), STATUS_SUCCESS);
+  ASSERT_EQ(OpenAndRun(b, Pick(b->Formats(0), 320, CompressionRGB24), &pictureB), STATUS_SUCCESS);
   for (int i = 0; i < 2; ++i) {
-    HostFrame frame;
-    ASSERT_EQ(a->ReadFrame(0, pictureA.data(), uint32_t(pictureA.size()), &frame, kTimeout),
-              STATUS_SUCCESS);
-    EXPECT_EQ(frame.bytes, pictureA.size());
-    ASSERT_EQ(b->ReadFrame(0, pictureB.data(), uint32_t(pictureB.size()), &frame, kTimeout),
-              STATUS_SUCCESS);
-    EXPECT_EQ(frame.bytes, pictureB.size());
+    ASSERT_EQ(Read(a, &pictureA), STATUS_SUCCESS);
+    ASSERT_EQ(Read(b, &pictureB), STATUS_SUCCESS);
   }
-  EXPECT_EQ(std::string(), CheckPattern(pictureB, CompressionRGB24, 320, 240, patternB->Last()));
-  a.reset();
-  b.reset();
-  std::string report;
-  EXPECT_TRUE(Balanced(&report)) << report;
+  EXPECT_EQ(std::string(), CheckPattern(pictureB, CompressionRGB24, 320, 240, camB.pattern->Last()));
 }
 
 // Lost frame-end packets run two frames into one, longer than the raw frame
@@ -493,42 +404,19 @@ TEST(CaptureHostThreads, TwoCamerasOfDifferentDescriptionsEachOfferTheirOwnForma
 // counts them, and the stream goes on delivering whole frames afterwards.
 TEST(CaptureHostThreads, FramesTooLongForTheRawBufferAreCutNeverOverrun) {
   HostRig rig;
-  const Description& description = kDescriptions[0];
-  auto pattern = std::make_shared<RecordingPattern>();
-  std::unique_ptr<EmulatedCamera> camera = HostRig::MakeCamera(description, pattern);
-  std::unique_ptr<HostedCamera> hosted = HostRig::Start(description, camera.get());
-  ASSERT_TRUE(hosted);
-  const std::vector<KS_DATARANGE_VIDEO> formats = hosted->Formats(0);
-  const KS_DATARANGE_VIDEO* range = &formats[0];
-  for (const KS_DATARANGE_VIDEO& f : formats) {
-    if (f.VideoInfoHeader.bmiHeader.biWidth == 160 &&
-        f.VideoInfoHeader.bmiHeader.biCompression == CompressionYUY2) {
-      range = &f;
-    }
-  }
+  Rigged cam(kDescriptions[0]);
+  ASSERT_TRUE(cam.hosted);
   // The ends of frames 3 to 8 go missing.
-  camera->AddPacketFault(
-      PacketFaultKind::Drop,
-      [](const StreamPacketInfo& info) {
-        return info.role == StreamPacketRole::FrameEnd && info.frameIndex >= 3 &&
-               info.frameIndex <= 8;
-      });
-  KS_DATAFORMAT_VIDEOINFOHEADER format{};
-  ASSERT_EQ(hosted->IntersectFormat(0, *range, &format), STATUS_SUCCESS);
-  ASSERT_EQ(hosted->OpenStream(0, format), STATUS_SUCCESS);
-  ASSERT_EQ(hosted->SetStreamState(0, KSSTATE_RUN), STATUS_SUCCESS);
-  std::vector<uint8_t> picture(format.VideoInfoHeader.bmiHeader.biSizeImage);
-  while (camera->FramesBegun() < 12) {
-    HostFrame frame;
-    ASSERT_EQ(hosted->ReadFrame(0, picture.data(), uint32_t(picture.size()), &frame, kTimeout),
-              STATUS_SUCCESS);
-    EXPECT_EQ(frame.bytes, picture.size());
-  }
-  EXPECT_GT(hosted->Statistics().framesCut, 0u);
-  EXPECT_EQ(std::string(), CheckPattern(picture, CompressionYUY2, 160, 120, pattern->Last()));
-  hosted.reset();
-  std::string report;
-  EXPECT_TRUE(Balanced(&report)) << report;
+  cam.camera->AddPacketFault(PacketFaultKind::Drop, [](const StreamPacketInfo& info) {
+    return info.role == StreamPacketRole::FrameEnd && info.frameIndex >= 3 && info.frameIndex <= 8;
+  });
+  std::vector<uint8_t> picture;
+  ASSERT_EQ(OpenAndRun(cam.hosted.get(), Pick(cam.hosted->Formats(0), 160, CompressionYUY2),
+                       &picture),
+            STATUS_SUCCESS);
+  while (cam.camera->FramesBegun() < 12) ASSERT_EQ(Read(cam.hosted.get(), &picture), STATUS_SUCCESS);
+  EXPECT_GT(cam.hosted->Statistics().framesCut, 0u);
+  EXPECT_EQ(std::string(), CheckPattern(picture, CompressionYUY2, 160, 120, cam.pattern->Last()));
 }
 
 }  // namespace

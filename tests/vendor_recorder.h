@@ -7,6 +7,7 @@
 // "2 6000 8012 in 1" (a one-byte data stage towards the host).
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <deque>
@@ -30,22 +31,19 @@ struct VendorCall {
   uint32_t length = 0;
   std::vector<uint8_t> data;  // bytes sent (out) or answered (in)
   int64_t time = 0;           // system time when the request arrived
-  const void* buffer = nullptr;
 
   std::string Text() const {
-    char head[48];
-    std::snprintf(head, sizeof head, "%u %04X %04X %s", request, value, index,
+    char text[48];
+    std::snprintf(text, sizeof text, "%u %04X %04X %s", request, value, index,
                   getData ? "in" : "out");
-    std::string text = head;
-    if (!hasDataStage) return text;
-    if (getData) return text + " " + std::to_string(length);
-    text += " [";
+    std::string line = text;
+    if (!hasDataStage) return line;
+    if (getData) return line + " " + std::to_string(length);
     for (size_t i = 0; i < data.size(); ++i) {
-      char byte[4];
-      std::snprintf(byte, sizeof byte, i == 0 ? "%02X" : " %02X", data[i]);
-      text += byte;
+      std::snprintf(text, sizeof text, i == 0 ? " [%02X" : " %02X", data[i]);
+      line += text;
     }
-    return text + "]";
+    return line + (data.empty() ? " []" : "]");
   }
 };
 
@@ -53,7 +51,7 @@ class VendorRecorder {
  public:
   VendorRecorder() {
     Instance() = this;
-    static const HostCalls calls = MakeCalls();
+    static const HostCalls calls = ControlOnlyHostCalls(&Control);
     SetHostCalls(&calls);
   }
   ~VendorRecorder() {
@@ -68,8 +66,6 @@ class VendorRecorder {
   std::map<uint16_t, uint8_t> registers;
   // When not empty, one-byte reads take their answer from here first.
   std::deque<uint8_t> readQueue;
-  // Answers of request 8 by (bus << 8 | form) then register: 16-bit values.
-  std::map<uint32_t, uint16_t> wide;
   // Decides the status of a request; null: STATUS_SUCCESS for all.
   std::function<NTSTATUS(const VendorCall&)> status;
 
@@ -88,11 +84,8 @@ class VendorRecorder {
   }
   // Fails request number `nth` (1 = the next one) with `code`.
   void FailNth(size_t nth, NTSTATUS code) {
-    size_t target = Calls().size() + nth;
-    std::shared_ptr<size_t> seen = std::make_shared<size_t>(Calls().size());
-    status = [target, seen, code](const VendorCall&) {
-      return ++*seen == target ? code : STATUS_SUCCESS;
-    };
+    auto left = std::make_shared<size_t>(nth);
+    status = [left, code](const VendorCall&) { return --*left == 0 ? code : STATUS_SUCCESS; };
   }
 
  private:
@@ -112,14 +105,11 @@ class VendorRecorder {
     call.getData = getData != FALSE;
     call.hasDataStage = bufferLength != nullptr;
     call.length = bufferLength ? *bufferLength : 0;
-    call.buffer = buffer;
     LARGE_INTEGER now;
     KeQuerySystemTime(&now);
     call.time = now.QuadPart;
     auto* bytes = static_cast<uint8_t*>(buffer);
-    if (call.hasDataStage && !call.getData && call.length > 0) {
-      call.data.assign(bytes, bytes + call.length);
-    }
+    if (call.hasDataStage && !call.getData) call.data.assign(bytes, bytes + call.length);
     std::lock_guard<std::mutex> hold(self->lock_);
     NTSTATUS result = self->status ? self->status(call) : STATUS_SUCCESS;
     if (result == STATUS_SUCCESS) self->Apply(call, bytes);
@@ -128,33 +118,24 @@ class VendorRecorder {
   }
 
   void Apply(VendorCall& call, uint8_t* bytes) {
-    uint8_t bus = call.value >> 8;
+    const uint16_t bus = uint16_t(call.value & 0xFF00);
     if (call.request == 1 && !(call.index & 0x8000)) {
-      registers[uint16_t(bus << 8 | (call.index & 0xFF))] = uint8_t(call.value);
+      registers[uint16_t(bus | (call.index & 0xFF))] = uint8_t(call.value);
     } else if (call.request == 3 && call.index == 0x0200) {
       for (uint32_t i = 0; i + 1 < call.length; i += 2) {
-        registers[uint16_t(bus << 8 | bytes[i])] = bytes[i + 1];
+        registers[uint16_t(bus | bytes[i])] = bytes[i + 1];
       }
     } else if (call.request == 2 && call.getData && call.length >= 1) {
-      uint8_t answer = registers[uint16_t(bus << 8 | (call.index & 0xFF))];
+      bytes[0] = registers[uint16_t(bus | (call.index & 0xFF))];
       if (!readQueue.empty()) {
-        answer = readQueue.front();
+        bytes[0] = readQueue.front();
         readQueue.pop_front();
       }
-      bytes[0] = answer;
       call.data.assign(bytes, bytes + 1);
-    } else if (call.request == 8 && call.getData) {
-      uint16_t answer = wide[uint32_t(call.value) << 16 | call.index];
-      if (call.length >= 1) bytes[0] = uint8_t(answer);
-      if (call.length >= 2) bytes[1] = uint8_t(answer >> 8);
-      call.data.assign(bytes, bytes + call.length);
-    } else if (call.request == 6 && call.getData) {
-      for (uint32_t i = 0; i < call.length; ++i) bytes[i] = uint8_t(call.value + i);
-      call.data.assign(bytes, bytes + call.length);
+    } else if (call.getData && bytes != nullptr) {
+      std::fill(bytes, bytes + call.length, uint8_t(0));  // other reads answer zeros
     }
   }
-
-  static HostCalls MakeCalls() { return ControlOnlyHostCalls(&Control); }
 
   std::mutex lock_;
   std::vector<VendorCall> calls_;
