@@ -1,12 +1,18 @@
-// The in-memory registry as the driver calls it: keys, values, device and
-// service keys, fault injection, handle accounting and concurrent writers.
+// The registry as the driver calls it and as the tools keep it: keys, values,
+// device and service keys, the value records, fault injection, handle
+// accounting, the ".reg" text form, atomic saves, the file kept across
+// restarts, and concurrent writers.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <string>
-#include <string_view>
 #include <thread>
 #include <tuple>
 #include <vector>
@@ -17,14 +23,17 @@
 
 namespace {
 
+namespace fs = std::filesystem;
 using Bytes = std::vector<uint8_t>;
 const std::u16string kBase = u"\\REGISTRY\\MACHINE\\SOFTWARE\\Mr740Test";
+const std::string kHeader = "Windows Registry Editor Version 5.00\r\n\r\n";
+const std::string kBaseLine = "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Mr740Test]\r\n";
 HANDLE const kUntouched = reinterpret_cast<HANDLE>(0x1234);
 
 // A counted string over `text`; the length, not a terminator, delimits it.
 UNICODE_STRING Counted(std::u16string_view text) {
-  return UNICODE_STRING{static_cast<USHORT>(text.size() * 2), static_cast<USHORT>(text.size() * 2),
-                        const_cast<WCHAR*>(text.data())};
+  const USHORT bytes = static_cast<USHORT>(text.size() * 2);
+  return UNICODE_STRING{bytes, bytes, const_cast<WCHAR*>(text.data())};
 }
 
 NTSTATUS CreateKey(HANDLE root, const std::u16string& path, HANDLE* key,
@@ -60,31 +69,67 @@ NTSTATUS QueryValue(HANDLE key, const std::u16string& name, ULONG* type, Bytes* 
   return status;
 }
 
+// Sets one DWORD through the driver's calls: create (or open) the key, set, close.
+bool DriverSetDword(const std::u16string& path, const std::u16string& name, uint32_t value) {
+  HANDLE key = nullptr;
+  if (CreateKey(nullptr, path, &key) != STATUS_SUCCESS) return false;
+  NTSTATUS status = SetDword(key, name, value);
+  ZwClose(key);
+  return status == STATUS_SUCCESS;
+}
+
 DEVICE_OBJECT* FakeDevice(int index) {
   static char devices[4];
   return reinterpret_cast<DEVICE_OBJECT*>(&devices[index]);
 }
 
-class RegistryFixture : public ::testing::Test {
+std::string ReadFile(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+// UTF-16LE bytes of an ASCII text and its terminating zero.
+Bytes Wide(const std::string& text) {
+  Bytes bytes;
+  for (char c : text) bytes.insert(bytes.end(), {uint8_t(c), 0});
+  bytes.insert(bytes.end(), {0, 0});
+  return bytes;
+}
+
+// Every key and value below `key` in order, each with its full path.
+using Flat = std::vector<std::tuple<std::u16string, std::u16string, ULONG, Bytes>>;
+void Flatten(const RegistryKeySnapshot& key, const std::u16string& path, Flat* out) {
+  const std::u16string full = path + u"\\" + key.name;
+  out->emplace_back(full, u"", ~0u, Bytes{});  // the key itself
+  for (const auto& v : key.values) out->emplace_back(full, v.name, v.type, v.data);
+  for (const auto& sub : key.subKeys) Flatten(sub, full, out);
+}
+
+class Registry : public ::testing::Test {
  protected:
   void SetUp() override {
     ResetRegistry();
     handlesBefore_ = OpenPlatformHandles(HandleKind::RegistryKey);
+    static int serial = 0;
+    folder_ = fs::temp_directory_path() /
+              ("mr740_registry_" + std::to_string(::getpid()) + "_" + std::to_string(++serial));
+    fs::create_directories(folder_);
   }
   void TearDown() override {
-    EXPECT_EQ(OpenPlatformHandles(HandleKind::RegistryKey), handlesBefore_) << "key handle leaked";
     ResetRegistry();
+    EXPECT_EQ(OpenPlatformHandles(HandleKind::RegistryKey), handlesBefore_) << "key handle leaked";
+    std::error_code ignored;
+    fs::remove_all(folder_, ignored);
   }
   uint32_t handlesBefore_ = 0;
+  fs::path folder_;
 };
 
-using RegistryKeys = RegistryFixture;
-using RegistryValues = RegistryFixture;
-using RegistryDevice = RegistryFixture;
-using RegistryFaults = RegistryFixture;
-using RegistryThreads = RegistryFixture;
+using RegistryThreads = Registry;
 
-TEST_F(RegistryKeys, CreateMakesEveryMissingLevelAndReportsTheLastOne) {
+// ---------------------------------------------------------------- keys and values
+
+TEST_F(Registry, CreateMakesEveryMissingLevelAndReportsTheLastOne) {
   struct Case {
     const char* label;
     std::vector<std::u16string> existing;  // below kBase, created first
@@ -102,14 +147,11 @@ TEST_F(RegistryKeys, CreateMakesEveryMissingLevelAndReportsTheLastOne) {
   const Case cases[] = {
       {"absolute, three new levels", {}, false, kBase + u"\\a\\b\\c", ok, made,
        {u"a", u"a\\b", u"a\\b\\c"}, {u"a"}},
-      {"absolute, existing key", {u"a\\b"}, false, kBase + u"\\a\\b", ok, opened, {u"a\\b"},
+      {"absolute, existing key", {u"a\\b"}, false, kBase + u"\\a\\b", ok, opened, {u"a\\b"}, {u"a"}},
+      {"absolute, other case", {u"Alpha"}, false, u"\\registry\\machine\\software\\MR740TEST\\ALPHA",
+       ok, opened, {u"alpha"}, {u"Alpha"}},
+      {"relative, below a level in other case", {u"a"}, true, u"A\\b\\c", ok, made, {u"a\\b\\c"},
        {u"a"}},
-      {"absolute, other case", {u"Alpha"}, false,
-       u"\\registry\\machine\\software\\MR740TEST\\ALPHA", ok, opened, {u"alpha"}, {u"Alpha"}},
-      {"relative, one level", {}, true, u"x", ok, made, {u"x"}, {u"x"}},
-      {"relative, below a level in other case", {u"a"}, true, u"A\\b\\c", ok, made,
-       {u"a\\b\\c"}, {u"a"}},
-      {"relative, last level exists", {u"a\\b"}, true, u"a\\B", ok, opened, {u"a\\b"}, {u"a"}},
       {"relative, empty name opens the key itself", {}, true, u"", ok, opened, {}, {}},
       {"longest name", {}, true, longName, ok, made, {longName}, {longName}},
       {"name over 255 characters", {}, true, longName + u"k", bad, 0, {}, {}},
@@ -127,22 +169,18 @@ TEST_F(RegistryKeys, CreateMakesEveryMissingLevelAndReportsTheLastOne) {
     ResetRegistry();
     ASSERT_TRUE(CreateRegistryKeyPath(kBase));
     for (const auto& path : c.existing) ASSERT_TRUE(CreateRegistryKeyPath(kBase + u"\\" + path));
-    HANDLE base = nullptr;
+    HANDLE base = nullptr, key = kUntouched;
     ASSERT_EQ(CreateKey(nullptr, kBase, &base), STATUS_SUCCESS);
-    HANDLE key = kUntouched;
     ULONG disposition = 99;
     EXPECT_EQ(CreateKey(c.relative ? base : nullptr, c.path, &key, &disposition), c.status);
     if (NT_SUCCESS(c.status)) {
       EXPECT_EQ(disposition, c.disposition);
-      EXPECT_NE(ReferencePlatformHandle(key, HandleKind::RegistryKey), nullptr);
       EXPECT_EQ(ZwClose(key), STATUS_SUCCESS);
     } else {
       EXPECT_EQ(key, kUntouched);
       EXPECT_EQ(disposition, 99u);
     }
-    for (const auto& path : c.mustExist) {
-      EXPECT_TRUE(RegistryKeyExists(kBase + u"\\" + path)) << NarrowAscii(path);
-    }
+    for (const auto& path : c.mustExist) EXPECT_TRUE(RegistryKeyExists(kBase + u"\\" + path));
     std::vector<std::u16string> children;
     ASSERT_TRUE(ListRegistrySubKeys(kBase, &children));
     EXPECT_EQ(children, c.baseChildren);
@@ -150,11 +188,10 @@ TEST_F(RegistryKeys, CreateMakesEveryMissingLevelAndReportsTheLastOne) {
   }
 }
 
-TEST_F(RegistryKeys, HandlesOnOneKeyShareItAndOutliveEachOther) {
+TEST_F(Registry, HandlesOnOneKeyShareItAndOutliveEachOther) {
   HANDLE first = nullptr, second = nullptr;
   ASSERT_EQ(CreateKey(nullptr, kBase + u"\\PropertySetting", &first), STATUS_SUCCESS);
   ASSERT_EQ(CreateKey(nullptr, kBase + u"\\propertysetting", &second), STATUS_SUCCESS);
-  EXPECT_NE(first, second);
   ASSERT_EQ(SetDword(first, u"LensPos", 42), STATUS_SUCCESS);
   EXPECT_EQ(ZwClose(first), STATUS_SUCCESS);
   ULONG type = 0;
@@ -169,7 +206,7 @@ TEST_F(RegistryKeys, HandlesOnOneKeyShareItAndOutliveEachOther) {
   EXPECT_EQ(ZwClose(second), STATUS_SUCCESS);
 }
 
-TEST_F(RegistryValues, QuerySizesThePartialRecordByTheBufferLength) {
+TEST_F(Registry, PartialRecordIsSizedByTheBufferLength) {
   // The record is TitleIndex, Type, DataLength (three 32-bit words), then the data.
   const Bytes stored = {0x11, 0x22, 0x33, 0x44, 0x55};
   ASSERT_TRUE(SetRegistryBinary(kBase, u"Blob", stored));
@@ -177,19 +214,17 @@ TEST_F(RegistryValues, QuerySizesThePartialRecordByTheBufferLength) {
     ULONG length;
     NTSTATUS status;
     bool headerFilled, dataCopied;
-  };
-  const Case cases[] = {
-      {0, STATUS_BUFFER_TOO_SMALL, false, false},  {11, STATUS_BUFFER_TOO_SMALL, false, false},
-      {12, STATUS_BUFFER_OVERFLOW, true, false},   {16, STATUS_BUFFER_OVERFLOW, true, false},
-      {17, STATUS_SUCCESS, true, true},            {64, STATUS_SUCCESS, true, true},
+  } const cases[] = {
+      {0, STATUS_BUFFER_TOO_SMALL, false, false}, {11, STATUS_BUFFER_TOO_SMALL, false, false},
+      {12, STATUS_BUFFER_OVERFLOW, true, false},  {16, STATUS_BUFFER_OVERFLOW, true, false},
+      {17, STATUS_SUCCESS, true, true},           {64, STATUS_SUCCESS, true, true},
   };
   HANDLE key = nullptr;
   ASSERT_EQ(CreateKey(nullptr, kBase, &key), STATUS_SUCCESS);
   UNICODE_STRING name = Counted(u"blob");
   for (const Case& c : cases) {
     SCOPED_TRACE(c.length);
-    // One byte in, so the record is not aligned; the guard bytes must survive.
-    Bytes buffer(1 + 64 + 1, 0xCC);
+    Bytes buffer(1 + 64 + 1, 0xCC);  // one byte in, so the record is not aligned
     ULONG needed = 0;
     EXPECT_EQ(ZwQueryValueKey(key, &name, KeyValuePartialInformation,
                               c.length == 0 ? nullptr : buffer.data() + 1, c.length, &needed),
@@ -199,11 +234,9 @@ TEST_F(RegistryValues, QuerySizesThePartialRecordByTheBufferLength) {
     std::memcpy(words.data(), buffer.data() + 1, 12);
     const std::vector<uint32_t> header = {0, REG_BINARY, 5}, guard(3, 0xCCCCCCCCu);
     EXPECT_EQ(words, c.headerFilled ? header : guard);
-    for (size_t i = 0; i < stored.size(); ++i) {
-      EXPECT_EQ(buffer[1 + 12 + i], c.dataCopied ? stored[i] : 0xCC) << i;
-    }
+    EXPECT_EQ(Bytes(buffer.begin() + 13, buffer.begin() + 18), c.dataCopied ? stored : Bytes(5, 0xCC));
     EXPECT_EQ(buffer[0], 0xCC);
-    EXPECT_EQ(buffer[1 + 17], 0xCC);
+    EXPECT_EQ(buffer[18], 0xCC);
   }
   ULONG untouched = 0xDEAD;
   UNICODE_STRING missing = Counted(u"Blobs");
@@ -214,26 +247,78 @@ TEST_F(RegistryValues, QuerySizesThePartialRecordByTheBufferLength) {
   EXPECT_EQ(ZwClose(key), STATUS_SUCCESS);
 }
 
-TEST_F(RegistryValues, DwordStringAndBinaryRoundTripBothWays) {
+TEST_F(Registry, FullRecordPutsTheDataOnAFourByteBoundaryAfterTheName) {
+  // Fixed words at 0, 4, 8, 12, 16: TitleIndex, Type, DataOffset, DataLength,
+  // NameLength; the name at 20. "Pos" is 6 bytes, 26 rounds up to 28; "Blob"
+  // is 8 bytes, 28 already; the default value has no name, data at 20.
+  ASSERT_TRUE(SetRegistryValue(kBase, u"Pos", REG_DWORD, {0x78, 0x56, 0x34, 0x12}));
+  ASSERT_TRUE(SetRegistryBinary(kBase, u"Blob", {0x11, 0x22, 0x33, 0x44, 0x55}));
+  ASSERT_TRUE(SetRegistryDword(kBase, u"", 7));
+  struct Case {
+    std::u16string name;
+    ULONG length;
+    NTSTATUS status;
+    ULONG needed, dataOffset, dataLength;
+    size_t nameBytesCopied;  // when the fixed words are written
+  } const cases[] = {
+      {u"Pos", 0, STATUS_BUFFER_TOO_SMALL, 32, 28, 4, 0},
+      {u"Pos", 19, STATUS_BUFFER_TOO_SMALL, 32, 28, 4, 0},
+      {u"Pos", 20, STATUS_BUFFER_OVERFLOW, 32, 28, 4, 0},
+      {u"Pos", 23, STATUS_BUFFER_OVERFLOW, 32, 28, 4, 3},
+      {u"Pos", 31, STATUS_BUFFER_OVERFLOW, 32, 28, 4, 6},
+      {u"Pos", 32, STATUS_SUCCESS, 32, 28, 4, 6},
+      {u"Blob", 33, STATUS_SUCCESS, 33, 28, 5, 8},
+      {u"", 24, STATUS_SUCCESS, 24, 20, 4, 0},
+  };
+  HANDLE key = nullptr;
+  ASSERT_EQ(CreateKey(nullptr, kBase, &key), STATUS_SUCCESS);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::to_string(c.name.size()) + " characters, length " + std::to_string(c.length));
+    UNICODE_STRING name = Counted(c.name);
+    std::vector<uint8_t> buffer(1 + 64, 0xCC);
+    ULONG needed = 0;
+    EXPECT_EQ(ZwQueryValueKey(key, &name, KeyValueFullInformation,
+                              c.length == 0 ? nullptr : buffer.data() + 1, c.length, &needed),
+              c.status);
+    EXPECT_EQ(needed, c.needed);
+    const uint8_t* record = buffer.data() + 1;
+    std::vector<uint32_t> words(5);
+    std::memcpy(words.data(), record, 20);
+    if (c.status != STATUS_BUFFER_TOO_SMALL) {
+      const ULONG type = c.name == u"Blob" ? REG_BINARY : REG_DWORD, nameBytes = c.name.size() * 2;
+      EXPECT_EQ(words, (std::vector<uint32_t>{0, type, c.dataOffset, c.dataLength, nameBytes}));
+      EXPECT_EQ(std::memcmp(record + 20, c.name.data(), c.nameBytesCopied), 0);
+    }
+    if (c.status == STATUS_SUCCESS) {
+      RegistryValueEntry stored;
+      ASSERT_TRUE(GetRegistryValue(kBase, c.name, &stored));
+      EXPECT_EQ(Bytes(record + c.dataOffset, record + c.dataOffset + c.dataLength), stored.data);
+    }
+    const size_t written = c.status == STATUS_BUFFER_TOO_SMALL ? 0
+                           : c.status == STATUS_SUCCESS        ? c.needed
+                                                               : 20 + c.nameBytesCopied;
+    for (size_t i = written; i < 64; ++i) ASSERT_EQ(record[i], 0xCC) << "byte " << i;
+    EXPECT_EQ(buffer[0], 0xCC);
+  }
+  EXPECT_EQ(ZwClose(key), STATUS_SUCCESS);
+}
+
+TEST_F(Registry, DwordStringAndBinaryRoundTripBetweenDriverAndControlSide) {
   const std::u16string path = kBase + u"\\InitialSetting";
   Bytes large(300);
   for (size_t i = 0; i < large.size(); ++i) large[i] = static_cast<uint8_t>(i * 7 + 1);
-  Bytes script;  // "C:\mr740.scr" and its terminator, two bytes a character
-  for (char ch : std::string("C:\\mr740.scr")) script.insert(script.end(), {uint8_t(ch), 0});
-  script.insert(script.end(), {0, 0});
   struct Case {
     std::u16string name;
     ULONG type;
     Bytes bytes;
     bool driverWrites;  // else the control side writes
-  };
-  const Case cases[] = {
+  } const cases[] = {
       {u"FrameRate", REG_DWORD, {0x78, 0x56, 0x34, 0x12}, true},  // little-endian
       {u"SensorName", REG_SZ, {'O', 0, 'V', 0, '7', 0, '6', 0, 0, 0}, true},
       {u"Empty", REG_BINARY, {}, true},
       {u"PhysTable", REG_BINARY, large, true},
       {u"SeparateCtrl", REG_DWORD, {0xD4, 0xC3, 0xB2, 0xA1}, false},
-      {u"Script", REG_SZ, script, false},
+      {u"Script", REG_SZ, Wide("C:\\mr740.scr"), false},
   };
   ASSERT_TRUE(SetRegistryDword(path, u"SeparateCtrl", 0xA1B2C3D4));
   ASSERT_TRUE(SetRegistryString(path, u"Script", u"C:\\mr740.scr"));
@@ -268,7 +353,7 @@ TEST_F(RegistryValues, DwordStringAndBinaryRoundTripBothWays) {
   EXPECT_EQ(ZwClose(key), STATUS_SUCCESS);
 }
 
-TEST_F(RegistryValues, NamesCompareWithoutCaseAndKeepTheirFirstSpelling) {
+TEST_F(Registry, ValueNamesCompareWithoutCaseAndKeepTheirFirstSpelling) {
   HANDLE key = nullptr;
   ASSERT_EQ(CreateKey(nullptr, kBase, &key), STATUS_SUCCESS);
   ASSERT_EQ(SetDword(key, u"CurrentValue", 1), STATUS_SUCCESS);
@@ -285,21 +370,16 @@ TEST_F(RegistryValues, NamesCompareWithoutCaseAndKeepTheirFirstSpelling) {
                         {u"CurrentValue", REG_DWORD, {4, 0, 0, 0}},
                         {u"CurrentFlag", REG_BINARY, {9, 8}},
                         {u"", REG_DWORD, {3, 0, 0, 0}}}));
-  ULONG type = 0;
-  Bytes data;
-  ASSERT_EQ(QueryValue(key, u"currentVALUE", &type, &data), STATUS_SUCCESS);
-  EXPECT_EQ(data, (Bytes{4, 0, 0, 0}));
   EXPECT_EQ(ZwClose(key), STATUS_SUCCESS);
 }
 
-TEST_F(RegistryValues, ServiceKeyWritesGoToTheAbsolutePath) {
-  const ULONG relativeTo = RTL_REGISTRY_ABSOLUTE | RTL_REGISTRY_OPTIONAL;
+TEST_F(Registry, ServiceKeyWritesGoToTheAbsolutePath) {
   auto write = [&](ULONG to, const char16_t* path, const char16_t* name, uint32_t value) {
     return RtlWriteRegistryValue(to, path, name, REG_DWORD, &value, 4);
   };
-  EXPECT_EQ(write(relativeTo, ServiceKeyPath, u"ConnectionState", 1), STATUS_SUCCESS);
-  EXPECT_EQ(write(relativeTo, ServiceKeyPath, u"PrpKeyNumber", 1), STATUS_SUCCESS);
-  EXPECT_EQ(write(relativeTo, ServiceKeyPath, u"ConnectionState", 0), STATUS_SUCCESS);
+  const ULONG absolute = RTL_REGISTRY_ABSOLUTE | RTL_REGISTRY_OPTIONAL;
+  EXPECT_EQ(write(absolute, ServiceKeyPath, u"ConnectionState", 1), STATUS_SUCCESS);
+  EXPECT_EQ(write(absolute, ServiceKeyPath, u"ConnectionState", 0), STATUS_SUCCESS);
   const std::u16string services = u"\\Registry\\Machine\\SYSTEM\\CurrentControlSet\\Services";
   std::vector<std::u16string> children;
   ASSERT_TRUE(ListRegistrySubKeys(services, &children));
@@ -307,24 +387,19 @@ TEST_F(RegistryValues, ServiceKeyWritesGoToTheAbsolutePath) {
   uint32_t value = 99;
   EXPECT_TRUE(GetRegistryDword(services + u"\\dcamusbmora", u"connectionstate", &value));
   EXPECT_EQ(value, 0u);
-  EXPECT_TRUE(GetRegistryDword(services + u"\\DCamUSBMora", u"PrpKeyNumber", &value));
-  EXPECT_EQ(value, 1u);
-  // Only absolute paths are served.
-  EXPECT_EQ(write(1, u"Services\\X", u"V", 1), STATUS_INVALID_PARAMETER);
+  EXPECT_EQ(write(1, u"Services\\X", u"V", 1), STATUS_INVALID_PARAMETER);  // absolute paths only
 }
 
-TEST_F(RegistryDevice, OpensTheSoftwareKeyBoundToTheDevice) {
+TEST_F(Registry, DeviceOpensTheSoftwareKeyBoundToIt) {
   const std::u16string softwareKey =
       u"\\REGISTRY\\MACHINE\\SYSTEM\\CurrentControlSet\\Control\\Class\\{Image}\\0003";
   ASSERT_TRUE(BindDeviceRegistryKey(FakeDevice(0), softwareKey));
-  EXPECT_TRUE(RegistryKeyExists(softwareKey));
   struct Case {
     const char* label;
     DEVICE_OBJECT* pdo;
     ULONG keyType;
     NTSTATUS status;
-  };
-  const Case cases[] = {
+  } const cases[] = {
       {"bound device", FakeDevice(0), PLUGPLAY_REGKEY_DRIVER, STATUS_SUCCESS},
       {"unbound device", FakeDevice(1), PLUGPLAY_REGKEY_DRIVER, STATUS_OBJECT_NAME_NOT_FOUND},
       {"no device", nullptr, PLUGPLAY_REGKEY_DRIVER, STATUS_INVALID_PARAMETER},
@@ -332,21 +407,18 @@ TEST_F(RegistryDevice, OpensTheSoftwareKeyBoundToTheDevice) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.label);
-    HANDLE key = kUntouched;
+    HANDLE key = kUntouched, sub = nullptr;
     EXPECT_EQ(IoOpenDeviceRegistryKey(c.pdo, c.keyType, 0x20000, &key), c.status);
     if (!NT_SUCCESS(c.status)) {
       EXPECT_EQ(key, kUntouched);
       continue;
     }
     EXPECT_EQ(SetDword(key, u"StreamOpen", 1), STATUS_SUCCESS);
-    HANDLE sub = nullptr;
     EXPECT_EQ(CreateKey(key, u"OV7670\\PropertySetting", &sub), STATUS_SUCCESS);
     EXPECT_EQ(ZwClose(sub), STATUS_SUCCESS);
     EXPECT_EQ(ZwClose(key), STATUS_SUCCESS);
   }
-  uint32_t value = 0;
-  EXPECT_TRUE(GetRegistryDword(softwareKey, u"StreamOpen", &value));
-  EXPECT_EQ(value, 1u);
+  EXPECT_TRUE(GetRegistryDword(softwareKey, u"StreamOpen", nullptr));
   EXPECT_TRUE(RegistryKeyExists(softwareKey + u"\\ov7670\\propertysetting"));
   UnbindDeviceRegistryKey(FakeDevice(0));
   HANDLE key = nullptr;
@@ -355,7 +427,48 @@ TEST_F(RegistryDevice, OpensTheSoftwareKeyBoundToTheDevice) {
   EXPECT_FALSE(BindDeviceRegistryKey(FakeDevice(0), u"SYSTEM\\NotAbsolute"));
 }
 
-TEST_F(RegistryKeys, BadArgumentsGiveAStatusNotACrash) {
+TEST_F(Registry, DriverKeyNameIsTheClassRelativePathEndingInTheInstance) {
+  const std::u16string expected = u"{6BDD1FC6-810F-11D0-BEC7-08002BE2092F}\\0003";
+  EXPECT_EQ(DeviceSoftwareKeyPath(3),
+            u"\\REGISTRY\\MACHINE\\SYSTEM\\CurrentControlSet\\Control\\Class\\" + expected);
+  ASSERT_TRUE(BindDeviceRegistryKey(FakeDevice(0), DeviceSoftwareKeyPath(3)));
+  ASSERT_TRUE(BindDeviceRegistryKey(FakeDevice(1), kBase + u"\\0007"));
+  const ULONG bytes = (43 + 1) * 2;  // 38 of the GUID, a backslash, four digits, the zero
+  struct Case {
+    const char* label;
+    DEVICE_OBJECT* device;
+    DEVICE_REGISTRY_PROPERTY property;
+    ULONG length;
+    NTSTATUS status;
+    std::u16string text;  // expected on success
+  } const cases[] = {
+      {"exactly fits", FakeDevice(0), DevicePropertyDriverKeyName, bytes, STATUS_SUCCESS, expected},
+      {"one byte short", FakeDevice(0), DevicePropertyDriverKeyName, bytes - 1,
+       STATUS_BUFFER_TOO_SMALL, u""},
+      {"bound outside the class key", FakeDevice(1), DevicePropertyDriverKeyName, 512,
+       STATUS_SUCCESS, kBase + u"\\0007"},
+      {"another property", FakeDevice(0), DevicePropertyClassGuid, 512, STATUS_INVALID_PARAMETER_2,
+       u""},
+      {"unbound device", FakeDevice(2), DevicePropertyDriverKeyName, 512,
+       STATUS_OBJECT_NAME_NOT_FOUND, u""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.label);
+    std::vector<char16_t> buffer(256, u'#');
+    ULONG result = 0;
+    EXPECT_EQ(IoGetDeviceProperty(c.device, c.property, c.length, buffer.data(), &result),
+              c.status);
+    if (!NT_SUCCESS(c.status)) {
+      EXPECT_TRUE(c.status != STATUS_BUFFER_TOO_SMALL || result == bytes) << result;
+      EXPECT_EQ(buffer[0], u'#');
+      continue;
+    }
+    EXPECT_EQ(result, (c.text.size() + 1) * 2);
+    EXPECT_EQ(std::u16string(buffer.data()), c.text);
+  }
+}
+
+TEST_F(Registry, BadArgumentsGiveAStatusNotACrash) {
   HANDLE key = nullptr, closed = nullptr, out = nullptr;
   ASSERT_EQ(CreateKey(nullptr, kBase, &key), STATUS_SUCCESS);
   ASSERT_EQ(CreateKey(nullptr, kBase, &closed), STATUS_SUCCESS);
@@ -375,45 +488,30 @@ TEST_F(RegistryKeys, BadArgumentsGiveAStatusNotACrash) {
   };
   const int partial = KeyValuePartialInformation;
   const NTSTATUS inval = STATUS_INVALID_PARAMETER, handle = STATUS_INVALID_HANDLE;
-  struct Case {
-    const char* label;
-    std::function<NTSTATUS()> call;
-    NTSTATUS status;
-  };
-  const Case cases[] = {
-      {"create without a handle pointer",
-       [&] { return ZwCreateKey(nullptr, KEY_ALL_ACCESS, &attributes, 0, nullptr, 0, nullptr); },
+  const std::pair<std::function<NTSTATUS()>, NTSTATUS> cases[] = {
+      {[&] { return ZwCreateKey(nullptr, KEY_ALL_ACCESS, &attributes, 0, nullptr, 0, nullptr); },
        inval},
-      {"create without attributes",
-       [&] { return ZwCreateKey(&out, KEY_ALL_ACCESS, nullptr, 0, nullptr, 0, nullptr); }, inval},
-      {"create below a closed handle", [&] { return CreateKey(closed, u"x", &out); }, handle},
-      {"create with an odd name length",
-       [&] { return ZwCreateKey(&out, KEY_ALL_ACCESS, &oddAttributes, 0, nullptr, 0, nullptr); },
+      {[&] { return ZwCreateKey(&out, KEY_ALL_ACCESS, nullptr, 0, nullptr, 0, nullptr); }, inval},
+      {[&] { return CreateKey(closed, u"x", &out); }, handle},
+      {[&] { return ZwCreateKey(&out, KEY_ALL_ACCESS, &oddAttributes, 0, nullptr, 0, nullptr); },
        STATUS_OBJECT_NAME_INVALID},
-      {"query a closed handle", [&] { return query(closed, &name, partial, &needed); }, handle},
-      {"query without a result length", [&] { return query(key, &name, partial, nullptr); }, inval},
-      {"query the basic record",
-       [&] { return query(key, &name, KeyValueBasicInformation, &needed); },
+      {[&] { return query(closed, &name, partial, &needed); }, handle},
+      {[&] { return query(key, &name, partial, nullptr); }, inval},
+      {[&] { return query(key, &name, KeyValueBasicInformation, &needed); },
        STATUS_NOT_IMPLEMENTED},
-      {"query an unknown record", [&] { return query(key, &name, 77, &needed); }, inval},
-      {"query a name without a buffer", [&] { return query(key, &noBuffer, partial, &needed); },
-       inval},
-      {"set without data", [&] { return ZwSetValueKey(key, &name, 0, REG_DWORD, nullptr, 4); },
-       inval},
-      {"set a closed handle", [&] { return ZwSetValueKey(closed, &name, 0, REG_DWORD, &dword, 4); },
-       handle},
-      {"set more than a megabyte",
-       [&] {
+      {[&] { return query(key, &name, 77, &needed); }, inval},
+      {[&] { return query(key, &noBuffer, partial, &needed); }, inval},
+      {[&] { return ZwSetValueKey(key, &name, 0, REG_DWORD, nullptr, 4); }, inval},
+      {[&] { return ZwSetValueKey(closed, &name, 0, REG_DWORD, &dword, 4); }, handle},
+      {[&] {  // more than a megabyte
          return ZwSetValueKey(key, &name, 0, REG_BINARY, record, ULONG(RegistryMaxValueBytes + 1));
        },
        inval},
-      {"write without a path",
-       [&] { return RtlWriteRegistryValue(0, nullptr, u"V", REG_DWORD, &dword, 4); }, inval},
-      {"open a device key without a handle pointer",
-       [&] { return IoOpenDeviceRegistryKey(FakeDevice(0), PLUGPLAY_REGKEY_DRIVER, 0, nullptr); },
+      {[&] { return RtlWriteRegistryValue(0, nullptr, u"V", REG_DWORD, &dword, 4); }, inval},
+      {[&] { return IoOpenDeviceRegistryKey(FakeDevice(0), PLUGPLAY_REGKEY_DRIVER, 0, nullptr); },
        inval},
   };
-  for (const Case& c : cases) EXPECT_EQ(c.call(), c.status) << c.label;
+  for (size_t i = 0; i < std::size(cases); ++i) EXPECT_EQ(cases[i].first(), cases[i].second) << i;
   std::vector<RegistryValueEntry> values;
   ASSERT_TRUE(ListRegistryValues(kBase, &values));
   EXPECT_TRUE(values.empty());
@@ -439,7 +537,7 @@ NTSTATUS SavePropertyValue(uint32_t value) {
   return status;
 }
 
-TEST_F(RegistryFaults, EachCallFailsInTurnAndTheNextRoundWorks) {
+TEST_F(Registry, EachCallFailsInTurnAndTheNextRoundWorks) {
   const std::u16string propertyKey = kBase + u"\\Device\\PropertySetting\\Brightness";
   ASSERT_TRUE(BindDeviceRegistryKey(FakeDevice(2), kBase + u"\\Device"));
   ASSERT_TRUE(SetRegistryDword(propertyKey, u"CurrentValue", 1));
@@ -474,6 +572,344 @@ TEST_F(RegistryFaults, EachCallFailsInTurnAndTheNextRoundWorks) {
   EXPECT_EQ(SavePropertyValue(3), STATUS_SUCCESS);
 }
 
+// ---------------------------------------------------------------- the text form
+
+TEST_F(Registry, EachTextValueFormReadsToItsTypeAndBytes) {
+  struct Case {
+    std::string line;
+    std::u16string name;
+    ULONG type;
+    Bytes data;
+  } const cases[] = {
+      {"\"FrameRate\"=dword:0000001e", u"FrameRate", REG_DWORD, {0x1e, 0, 0, 0}},
+      {"\"Short\"=DWORD:A", u"Short", REG_DWORD, {0x0a, 0, 0, 0}},
+      {"@=dword:ffffffff", u"", REG_DWORD, {0xff, 0xff, 0xff, 0xff}},
+      {"  \"Spaced\" = dword:12345678  ", u"Spaced", REG_DWORD, {0x78, 0x56, 0x34, 0x12}},
+      {"\"Script\"=\"C:\\\\cam\\\\a.scr\"", u"Script", REG_SZ, Wide("C:\\cam\\a.scr")},
+      {"\"Q\"=\"say \\\"hi\\\"\"", u"Q", REG_SZ, Wide("say \"hi\"")},
+      {"\"Empty\"=\"\"", u"Empty", REG_SZ, {0, 0}},
+      // U+00C4 and U+20AC in UTF-8.
+      {"\"Euro\"=\"\xC3\x84\xE2\x82\xAC\"", u"Euro", REG_SZ, {0xC4, 0x00, 0xAC, 0x20, 0, 0}},
+      {"\"Name \\\"q\\\" \\\\ x\"=dword:1", u"Name \"q\" \\ x", REG_DWORD, {1, 0, 0, 0}},
+      {"\"Blob\"=hex:01,02,ff", u"Blob", REG_BINARY, {1, 2, 0xff}},
+      {"\"NoBytes\"=hex:", u"NoBytes", REG_BINARY, {}},
+      {"\"None\"=hex(0):", u"None", REG_NONE, {}},
+      {"\"Qword\"=hex(b):01,00,00,00,00,00,00,80", u"Qword", 11, {1, 0, 0, 0, 0, 0, 0, 0x80}},
+      {"\"Odd\"=hex(deadbeef):7", u"Odd", 0xdeadbeef, {7}},
+      {"\"Folded\"=hex:00,01,\\\r\n  02,03,\\\r\n  04", u"Folded", REG_BINARY, {0, 1, 2, 3, 4}},
+      {"\"Wrapped\"=hex:\\\r\n  0a", u"Wrapped", REG_BINARY, {0x0a}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.line);
+    ResetRegistry();
+    std::string error;
+    ASSERT_TRUE(LoadRegistryText(kHeader + kBaseLine + c.line + "\r\n", "c.reg", &error)) << error;
+    std::vector<RegistryValueEntry> values;
+    ASSERT_TRUE(ListRegistryValues(kBase, &values));
+    ASSERT_EQ(values.size(), 1u);
+    EXPECT_TRUE(values[0].name == c.name && values[0].type == c.type);
+    EXPECT_EQ(values[0].data, c.data);
+  }
+}
+
+TEST_F(Registry, TextKeyLinesDeletionsAndCommentsMergeIntoTheTree) {
+  ASSERT_TRUE(SetRegistryDword(kBase + u"\\Old", u"V", 1));
+  ASSERT_TRUE(SetRegistryDword(kBase + u"\\Gone\\Before", u"V", 1));
+  const std::string text =  // UTF-8 with its byte order mark and LF line ends
+      "\xEF\xBB\xBFWindows Registry Editor Version 5.00\n\n"
+      "; a camera's description\n"
+      "[HKLM\\SOFTWARE\\Mr740Test\\Keep]\n\"A\"=dword:1\n\"B\"=dword:2\n"
+      "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Mr740Test\\Gone\\Deep]\n\"X\"=dword:3\n"
+      "[-HKEY_LOCAL_MACHINE\\SOFTWARE\\Mr740Test\\Gone]\n"
+      "[-HKEY_LOCAL_MACHINE\\SOFTWARE\\Mr740Test\\NeverThere]\n"
+      "[hkey_local_machine\\software\\mr740test\\keep]\n\"B\"=-\n\"Missing\"=-\n\"a\"=dword:5\n";
+  std::string error;
+  ASSERT_TRUE(LoadRegistryText(text, "cam.reg", &error)) << error;
+  // Nothing but blank lines is an empty file.
+  ASSERT_TRUE(LoadRegistryText("\xEF\xBB\xBF\r\n \r\n", "blank.reg", &error)) << error;
+  std::vector<std::u16string> keys;
+  ASSERT_TRUE(ListRegistrySubKeys(kBase, &keys));
+  EXPECT_EQ(keys, (std::vector<std::u16string>{u"Keep", u"Old"}));
+  std::vector<RegistryValueEntry> values;
+  ASSERT_TRUE(ListRegistryValues(kBase + u"\\Keep", &values));
+  ASSERT_EQ(values.size(), 1u);
+  EXPECT_TRUE(values[0].name == u"A");
+  EXPECT_EQ(values[0].data, (Bytes{5, 0, 0, 0}));
+}
+
+TEST_F(Registry, Utf16LittleEndianTextReadsLikeItsUtf8Form) {
+  // U+00C4 in a key name, U+1F600 (a surrogate pair) in a string.
+  const std::u16string text16 =
+      u"Windows Registry Editor Version 5.00\r\n\r\n"
+      u"[HKEY_LOCAL_MACHINE\\SOFTWARE\\Mr740Test\\\u00C4]\r\n\"Face\"=\"\U0001F600!\"\r\n";
+  std::string bytes16 = "\xFF\xFE";
+  for (char16_t c : text16) bytes16 += {char(c & 0xFF), char(c >> 8)};
+  const std::string text8 = kHeader +
+                            "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Mr740Test\\\xC3\x84]\r\n"
+                            "\"Face\"=\"\xF0\x9F\x98\x80!\"\r\n";
+  std::string error;
+  ASSERT_TRUE(LoadRegistryText(bytes16, "cam16.reg", &error)) << error;
+  std::u16string face;
+  ASSERT_TRUE(GetRegistryString(kBase + u"\\\u00E4", u"face", &face));
+  EXPECT_EQ(face, (std::u16string{0xD83D, 0xDE00, u'!'}));
+  const std::string saved16 = SaveRegistryText();
+  ResetRegistry();
+  ASSERT_TRUE(LoadRegistryText(text8, "cam8.reg", &error)) << error;
+  EXPECT_EQ(SaveRegistryText(), saved16);
+  EXPECT_NE(saved16.find(text8.substr(kHeader.size())), std::string::npos);
+}
+
+TEST_F(Registry, MalformedTextNamesItsLineAndChangesNothing) {
+  struct Case {
+    std::string text;  // after the header and the key line unless `whole`
+    bool whole;
+    int line;
+    std::string what;
+  };
+  // Lines 1 and 2: header and blank line; 3: the key; 4: a good value; 5: the case.
+  const std::string good = "\"Loaded\"=dword:1\r\n";
+  const Case cases[] = {
+      {"[HKLM\\X]\r\n", true, 1, "expected \"Windows Registry Editor Version 5.00\""},
+      {"REGEDIT4\r\n\r\n[HKEY_LOCAL_MACHINE\\X]\r\n", true, 1, "expected"},
+      {"\r\n\r\n" + kHeader + "\"V\"=dword:1\r\n", true, 5, "value line before any key line"},
+      {good + "[HKEY_LOCAL_MACHINE\\SOFTWARE\\X\r\n", false, 5, "without a closing ']'"},
+      {good + "[HKEY_CURRENT_USER\\Software]\r\n", false, 5, "unknown root key"},
+      {good + "[HKLM\\SOFTWARE\\\\X]\r\n", false, 5, "empty key name"},
+      {good + "[HKLM\\" + std::string(256, 'k') + "]\r\n", false, 5, "longer than 255"},
+      {good + "[-HKEY_LOCAL_MACHINE]\r\n", false, 5, "cannot be deleted"},
+      {good + "[-HKLM\\SOFTWARE\\X]\r\n\"V\"=dword:1\r\n", false, 6, "below a deleted key"},
+      {good + "\"V\"=dword:123456789\r\n", false, 5, "1 to 8 hexadecimal digits"},
+      {good + "\"V\"=dword:\r\n", false, 5, "1 to 8 hexadecimal digits"},
+      {good + "\"V\"=dword:12g4\r\n", false, 5, "1 to 8 hexadecimal digits"},
+      {good + "\"V=dword:1\r\n", false, 5, "no closing quote"},
+      {good + "\"V\"dword:1\r\n", false, 5, "expected '='"},
+      {good + "\"V\"=\"C:\\cam\"\r\n", false, 5, "unknown escape"},
+      {good + "\"V\"=\"abc\r\n", false, 5, "no closing quote"},
+      {good + "\"V\"=\"abc\" x\r\n", false, 5, "after the closing quote"},
+      {good + "\"V\"=hex:1g\r\n", false, 5, "bad byte"},
+      {good + "\"V\"=hex:123\r\n", false, 5, "bad byte"},
+      {good + "\"V\"=hex:01,,02\r\n", false, 5, "empty byte"},
+      {good + "\"V\"=hex:01,02,\r\n", false, 5, "ends with a comma"},
+      {good + "\"V\"=hex(zz):01\r\n", false, 5, "hex(N)"},
+      {good + "\"V\"=hex(2)01\r\n", false, 5, "expected ':'"},
+      {good + "\"V\"=hex:00,01,\\\r\n  02,zz\r\n", false, 6, "bad byte"},
+      {good + "\"V\"=hex:00,\\", false, 5, "past the end of the file"},
+      {good + "\"V\"=hex:00,\\\r\n\r\n", false, 6, "blank line"},
+      {good + "\"V\"=word:1\r\n", false, 5, "unknown value form"},
+      {good + "Brightness=5\r\n", false, 5, "not a key, value or comment line"},
+      {good + "\r\n\"V\"=\"\xC3\x28\"\r\n", false, 6, "invalid UTF-8"},
+      {std::string("\xFF\xFEW\0", 4), true, 1, "expected"},
+      {std::string("\xFF\xFEW\0i", 5), true, 1, "odd number of bytes"},
+      {std::string("\xFF\xFE\n\0\x3D\xD8", 6), true, 2, "surrogate"},
+      {"\xFE\xFFW\0", true, 1, "big-endian"},
+  };
+  ASSERT_TRUE(SetRegistryDword(kBase, u"Marker", 42));
+  const std::string before = SaveRegistryText();
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    std::string error;
+    const std::string text =
+        c.whole ? c.text : kHeader + "[HKLM\\SOFTWARE\\Mr740Test\\Loaded]\r\n" + c.text;
+    EXPECT_FALSE(LoadRegistryText(text, "cam.reg", &error));
+    const std::string prefix = "cam.reg:" + std::to_string(c.line) + ": ";
+    EXPECT_EQ(error.substr(0, prefix.size()), prefix) << error;
+    EXPECT_NE(error.find(c.what), std::string::npos) << error;
+    EXPECT_EQ(SaveRegistryText(), before);
+  }
+}
+
+TEST_F(Registry, SavedTextIsStableReadsBackToTheSameTreeAndFoldsAt80Columns) {
+  Bytes thirty(30);
+  for (size_t i = 0; i < thirty.size(); ++i) thirty[i] = uint8_t(i);
+  ASSERT_TRUE(SetRegistryDword(kBase, u"FrameRate", 30));
+  ASSERT_TRUE(SetRegistryString(kBase, u"Script", u"C:\\cam \"1\".scr"));
+  ASSERT_TRUE(SetRegistryValue(kBase, u"", REG_DWORD, {1, 2, 3}));
+  ASSERT_TRUE(SetRegistryBinary(kBase + u"\\b", u"Blob", thirty));
+  ASSERT_TRUE(CreateRegistryKeyPath(kBase + u"\\A"));
+  EXPECT_EQ(SaveRegistryText(kBase),
+            kHeader + kBaseLine +
+                "\"FrameRate\"=dword:0000001e\r\n"
+                "\"Script\"=\"C:\\\\cam \\\"1\\\".scr\"\r\n"
+                "@=hex(4):01,02,03\r\n\r\n"
+                "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Mr740Test\\A]\r\n\r\n"
+                "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Mr740Test\\b]\r\n"
+                "\"Blob\"=hex:00,01,02,03,04,05,06,07,08,09,0a,0b,0c,0d,0e,0f,10,11,12,13,14,15,"
+                "\\\r\n  16,17,18,19,1a,1b,1c,1d\r\n\r\n");
+
+  // Every form, odd names and deep keys survive a save and a load exactly.
+  Bytes large(300);
+  for (size_t i = 0; i < large.size(); ++i) large[i] = uint8_t(i * 37 + 5);
+  const std::u16string odd = kBase + u"\\Odd \"name\" [x] \u00E9\U0001F600";
+  ASSERT_TRUE(SetRegistryBinary(odd, u"Large", large));
+  ASSERT_TRUE(SetRegistryBinary(odd, std::u16string(70, u'n'), {1, 2}));  // breaks after "hex:"
+  ASSERT_TRUE(SetRegistryValue(odd, u"Line break", REG_SZ, {'a', 0, '\n', 0, 0, 0}));
+  ASSERT_TRUE(SetRegistryValue(odd, u"No zero", REG_SZ, {'a', 0}));
+  ASSERT_TRUE(SetRegistryValue(odd, u"Odd length", REG_SZ, {'a', 0, 0}));
+  ASSERT_TRUE(SetRegistryValue(odd, u"Half pair", REG_SZ, {0x3D, 0xD8, 0, 0}));
+  ASSERT_TRUE(SetRegistryValue(odd, u"Empty dword", REG_DWORD, {}));
+  ASSERT_TRUE(SetRegistryValue(odd, u"\\\"", 0x12345678, {9}));
+  std::u16string deep = kBase;
+  for (int level = 0; level < 40; ++level) deep += level % 2 ? u"\\d" : u"\\D";
+  ASSERT_TRUE(SetRegistryDword(deep, u"Bottom", 1));
+
+  RegistryKeySnapshot original, reloaded;
+  ASSERT_TRUE(SnapshotRegistryKey(u"\\REGISTRY\\MACHINE", &original));
+  const std::string saved = SaveRegistryText();
+  for (size_t at = 0, end; at < saved.size(); at = end + 2) {
+    end = saved.find("\r\n", at);
+    ASSERT_NE(end, std::string::npos);
+    EXPECT_TRUE(saved[at] == '[' || end - at <= 80) << saved.substr(at, end - at);
+  }
+  ResetRegistry();
+  std::string error;
+  ASSERT_TRUE(LoadRegistryText(saved, "saved.reg", &error)) << error;
+  ASSERT_TRUE(SnapshotRegistryKey(u"\\REGISTRY\\MACHINE", &reloaded));
+  Flat before, after;
+  Flatten(original, u"", &before);
+  Flatten(reloaded, u"", &after);
+  EXPECT_EQ(before, after);
+  EXPECT_EQ(SaveRegistryText(), saved);
+}
+
+// ---------------------------------------------------------------- the file
+
+TEST_F(Registry, AnInterruptedSaveLeavesTheOldFileAndNamesTheTextCannotHoldFail) {
+  const fs::path file = folder_ / "camera.reg", none = folder_ / "none.reg";
+  const std::string tmp = file.string() + ".tmp";
+  std::string error;
+  ASSERT_TRUE(SetRegistryDword(kBase, u"LensPos", 1));
+  ASSERT_TRUE(SaveRegistryFile(file.string(), &error)) << error;
+  const std::string first = ReadFile(file);
+  EXPECT_FALSE(fs::exists(tmp));
+
+  ASSERT_TRUE(SetRegistryDword(kBase, u"LensPos", 2));
+  RegistrySaveStopBeforeRename(true);
+  EXPECT_FALSE(SaveRegistryFile(file.string(), &error));
+  EXPECT_NE(error.find("before the rename"), std::string::npos) << error;
+  RegistrySaveStopBeforeRename(false);
+  EXPECT_EQ(ReadFile(file), first);
+  EXPECT_TRUE(fs::exists(tmp));  // the crash's leftover
+
+  ResetRegistry();
+  ASSERT_TRUE(LoadRegistryFile(file.string(), &error)) << error;
+  uint32_t lens = 0;
+  ASSERT_TRUE(GetRegistryDword(kBase, u"LensPos", &lens));
+  EXPECT_EQ(lens, 1u);
+  ASSERT_TRUE(SetRegistryDword(kBase, u"LensPos", 3));
+  ASSERT_TRUE(SaveRegistryFile(file.string(), &error)) << error;
+  EXPECT_FALSE(fs::exists(tmp));
+  EXPECT_NE(ReadFile(file).find("\"LensPos\"=dword:00000003\r\n"), std::string::npos);
+
+  // What the text form cannot hold fails the save and keeps the file.
+  const std::string kept = ReadFile(file);
+  ASSERT_TRUE(CreateRegistryKeyPath(kBase + u"\\two\nlines"));
+  EXPECT_FALSE(SaveRegistryFile(file.string(), &error));
+  EXPECT_NE(error.find("cannot hold"), std::string::npos) << error;
+  EXPECT_EQ(ReadFile(file), kept);
+  EXPECT_EQ(SaveRegistryText(u"\\REGISTRY\\USER", &error), "");
+  EXPECT_EQ(SaveRegistryText(kBase + u"\\Missing"), kHeader);
+  EXPECT_FALSE(LoadRegistryFile(none.string(), &error));
+  EXPECT_EQ(error.substr(0, none.string().size()), none.string());
+}
+
+TEST_F(Registry, DriverChangesSurviveARestart) {
+  const fs::path file = folder_ / "registry.reg";
+  const std::u16string softwareKey = DeviceSoftwareKeyPath(0);
+  std::string error;
+  ASSERT_TRUE(AttachRegistryFile(file.string(), &error)) << error;  // missing: an empty registry
+  EXPECT_EQ(AttachedRegistryFile(), file.string());
+  ASSERT_TRUE(BindDeviceRegistryKey(FakeDevice(2), softwareKey));
+  ASSERT_EQ(SavePropertyValue(77), STATUS_SUCCESS);  // the driver's own round
+  const uint32_t one = 1;
+  ASSERT_EQ(RtlWriteRegistryValue(RTL_REGISTRY_ABSOLUTE | RTL_REGISTRY_OPTIONAL, ServiceKeyPath,
+                                  u"ConnectionState", REG_DWORD, &one, 4),
+            STATUS_SUCCESS);
+  DetachRegistryFile();
+  EXPECT_EQ(AttachedRegistryFile(), "");
+  ASSERT_TRUE(SetRegistryDword(kBase, u"AfterDetach", 1));
+  EXPECT_EQ(ReadFile(file).find("AfterDetach"), std::string::npos);
+
+  ResetRegistry();  // the restart
+  ASSERT_TRUE(AttachRegistryFile(file.string(), &error)) << error;
+  uint32_t value = 0;
+  EXPECT_TRUE(
+      GetRegistryDword(softwareKey + u"\\PropertySetting\\Brightness", u"CurrentValue", &value));
+  EXPECT_EQ(value, 77u);
+  EXPECT_TRUE(GetRegistryDword(ServiceKeyPath, u"ConnectionState", &value));
+  EXPECT_EQ(value, 1u);
+
+  // ResetRegistry detaches without saving what is pending.
+  SetRegistrySaveInterval(std::chrono::hours(1));
+  ASSERT_TRUE(SetRegistryDword(kBase, u"Saved", 1));  // saved at once
+  ASSERT_TRUE(DriverSetDword(kBase, u"Pending", 1));   // within the interval
+  ResetRegistry();
+  EXPECT_EQ(AttachedRegistryFile(), "");
+  EXPECT_NE(ReadFile(file).find("\"Saved\"=dword:00000001"), std::string::npos);
+  EXPECT_EQ(ReadFile(file).find("Pending"), std::string::npos);
+
+  // A file that does not load attaches nothing and stays as it was.
+  const std::string bad = kHeader + "[HKLM\\X]\r\n\"V\"=dword:xyz\r\n";
+  std::ofstream(file, std::ios::binary) << bad;
+  EXPECT_FALSE(AttachRegistryFile(file.string(), &error));
+  EXPECT_EQ(error, file.string() + ":4: dword: takes 1 to 8 hexadecimal digits");
+  EXPECT_EQ(AttachedRegistryFile(), "");
+  EXPECT_EQ(ReadFile(file), bad);
+}
+
+TEST_F(Registry, QuickChangesCoalesceAndUnchangedBytesAreNoChange) {
+  const fs::path file = folder_ / "registry.reg";
+  std::string error;
+  SetRegistrySaveInterval(std::chrono::hours(1));
+  ASSERT_TRUE(CreateRegistryKeyPath(kBase));  // before the attach: not a change of the file
+  ASSERT_TRUE(AttachRegistryFile(file.string(), &error)) << error;
+  EXPECT_EQ(RegistryFileSaveCount(), 0u);
+  EXPECT_FALSE(fs::exists(file));
+
+  ASSERT_TRUE(DriverSetDword(kBase, u"A", 1));  // the first change saves at once
+  EXPECT_EQ(RegistryFileSaveCount(), 1u);
+  ASSERT_TRUE(DriverSetDword(kBase, u"B", 2));
+  ASSERT_TRUE(DriverSetDword(kBase, u"A", 3));
+  EXPECT_EQ(RegistryFileSaveCount(), 1u);
+  EXPECT_EQ(ReadFile(file).find("\"B\""), std::string::npos);
+  ASSERT_TRUE(FlushRegistryFile(&error)) << error;  // one save writes both
+  EXPECT_EQ(RegistryFileSaveCount(), 2u);
+  EXPECT_NE(ReadFile(file).find("\"A\"=dword:00000003\r\n\"B\"=dword:00000002\r\n"),
+            std::string::npos);
+
+  // Nothing pending: no save, not for the same bytes nor for an opened key.
+  ASSERT_TRUE(DriverSetDword(kBase, u"a", 3));
+  ASSERT_TRUE(SetRegistryDword(kBase, u"B", 2));
+  ASSERT_TRUE(FlushRegistryFile(&error));
+  EXPECT_EQ(RegistryFileSaveCount(), 2u);
+
+  // Without an interval every change saves, and only a change.
+  SetRegistrySaveInterval(std::chrono::milliseconds(0));
+  const uint32_t four = 4;
+  auto service = [&] {
+    return RtlWriteRegistryValue(0, ServiceKeyPath, u"PrpKeyNumber", REG_DWORD, &four, 4) ==
+           STATUS_SUCCESS;
+  };
+  HANDLE key = nullptr;
+  const std::string deletion = kHeader + "[-HKLM\\SOFTWARE\\Mr740Test\\New]\r\n";
+  const std::tuple<const char*, std::function<bool()>, uint64_t> cases[] = {
+      {"new value", [] { return DriverSetDword(kBase, u"C", 1); }, 3},
+      {"same value", [] { return DriverSetDword(kBase, u"C", 1); }, 3},
+      {"new key", [&] { return !CreateKey(nullptr, kBase + u"\\New", &key) && !ZwClose(key); }, 4},
+      {"service value", service, 5},
+      {"same service value", service, 5},
+      {"deleted by a loaded file", [&] { return LoadRegistryText(deletion, "d.reg", nullptr); }, 6},
+  };
+  for (const auto& [label, change, saves] : cases) {
+    SCOPED_TRACE(label);
+    ASSERT_TRUE(change());
+    EXPECT_EQ(RegistryFileSaveCount(), saves);
+  }
+  EXPECT_EQ(RegistryFileLastError(), "");
+  EXPECT_EQ(ReadFile(file), SaveRegistryText());
+}
+
+// ---------------------------------------------------------------- threads
+
 TEST_F(RegistryThreads, ConcurrentWritersLoseNoValue) {
   constexpr int kThreads = 4, kRounds = 150;
   const std::u16string shared = kBase + u"\\Shared\\Common";
@@ -490,8 +926,7 @@ TEST_F(RegistryThreads, ConcurrentWritersLoseNoValue) {
           ++failures[t];
           continue;
         }
-        const uint32_t value = uint32_t(t * 1000 + i);
-        failures[t] += SetDword(key, valueName("T", t, i), value) != STATUS_SUCCESS;
+        failures[t] += SetDword(key, valueName("T", t, i), uint32_t(t * 1000 + i)) != STATUS_SUCCESS;
         failures[t] += SetDword(key, u"Last", uint32_t(t)) != STATUS_SUCCESS;
         ULONG type = 0;
         Bytes data;
@@ -520,8 +955,38 @@ TEST_F(RegistryThreads, ConcurrentWritersLoseNoValue) {
       EXPECT_EQ(value, uint32_t(t * 1000 + i));
     }
   }
-  // Every call was counted: four per round of each writer.
-  EXPECT_EQ(RegistryCallCount(), uint64_t(kThreads * kRounds * 4));
+  EXPECT_EQ(RegistryCallCount(), uint64_t(kThreads * kRounds * 4));  // four per round
+}
+
+// With a file attached and no save interval, every writer's values reach it.
+TEST_F(RegistryThreads, ConcurrentDriverWritersAllReachTheFile) {
+  constexpr int kThreads = 4, kRounds = 20;
+  const fs::path file = folder_ / "registry.reg";
+  std::string error;
+  SetRegistrySaveInterval(std::chrono::milliseconds(0));
+  ASSERT_TRUE(AttachRegistryFile(file.string(), &error)) << error;
+  auto key = [](int t) { return kBase + U16("\\T" + std::to_string(t)); };
+  auto name = [](int i) { return U16("V" + std::to_string(i)); };
+  std::vector<std::thread> threads;
+  std::vector<int> failures(kThreads, 0);
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < kRounds; ++i) failures[t] += !DriverSetDword(key(t), name(i), t * 100 + i);
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  for (int t = 0; t < kThreads; ++t) EXPECT_EQ(failures[t], 0) << "thread " << t;
+  DetachRegistryFile();
+  EXPECT_EQ(RegistryFileLastError(), "");
+  ResetRegistry();
+  ASSERT_TRUE(LoadRegistryFile(file.string(), &error)) << error;
+  for (int t = 0; t < kThreads; ++t) {
+    for (int i = 0; i < kRounds; ++i) {
+      uint32_t value = 0;
+      ASSERT_TRUE(GetRegistryDword(key(t), name(i), &value));
+      EXPECT_EQ(value, uint32_t(t * 100 + i));
+    }
+  }
 }
 
 }  // namespace
