@@ -25,7 +25,6 @@ struct InterfaceRecord {
 InterfaceRecord MakeInterface() {
   InterfaceRecord record = {};
   record.info.Length = sizeof record;
-  record.info.InterfaceNumber = 0;
   record.info.NumberOfPipes = 2;
   record.info.Pipes[0].MaximumPacketSize = 0x1234;
   record.extraPipe.MaximumPacketSize = 0x0F0F;
@@ -51,19 +50,27 @@ class ConfigurationTest : public ::testing::Test {
 
   void Set(const char16_t* name, uint32_t value) { SetRegistryDword(key_, name, value); }
 
-  NTSTATUS Configure(USB_CONFIGURATION_DESCRIPTOR* configuration, uint16_t bcdDevice,
-                     InterfaceRecord* record, USBCAMD_Pipe_Config_Descriptor* pipes = nullptr,
-                     uint32_t pipeCount = 0) {
+  NTSTATUS Configure(USB_CONFIGURATION_DESCRIPTOR* configuration, InterfaceRecord* record,
+                     USBCAMD_Pipe_Config_Descriptor* pipes = nullptr, uint32_t pipeCount = 0,
+                     uint16_t bcdDevice = 0x0200) {
     USB_DEVICE_DESCRIPTOR descriptor = {};
     descriptor.bcdDevice = bcdDevice;
     return CamConfigureEx(nullptr, device_.context, &record->info, configuration, pipeCount, pipes,
                           &descriptor);
+  }
+  // A configuration of one interface without endpoints.
+  NTSTATUS ConfigurePlain(USBCAMD_Pipe_Config_Descriptor* pipes = nullptr, uint32_t count = 0) {
+    InterfaceRecord record = MakeInterface();
+    plain_ = ConfigurationBuilder();
+    plain_.Interface(0, 0, 0);
+    return Configure(plain_.Finish(), &record, pipes, count);
   }
 
   char pdo_ = 0;
   std::u16string key_ = DeviceSoftwareKeyPath(3);
   TestDevice device_;
   FakeCaptureHost host_;
+  ConfigurationBuilder plain_;
 };
 
 // ---------------------------------------------------------------- alternate settings
@@ -75,48 +82,32 @@ TEST_F(ConfigurationTest, TheWalkFindsTheSettingWithTheSmallestIsochronousPacket
     size_t totalLength;  // 0: all of it
     uint8_t idle;
   };
-  std::vector<Case> cases;
-  {
-    // Setting 0 has no endpoints, though an isochronous endpoint of 16 bytes
-    // stands behind it: it is skipped all the same. 128 twice: the first wins.
-    ConfigurationBuilder b;
-    b.Interface(1, 0, 0).Other(5).Endpoint(16);
-    b.Interface(1, 1, 1).Endpoint(512);
-    b.Interface(1, 2, 2).Other(7).Endpoint(64, 2).Endpoint(128);
-    b.Interface(1, 3, 1).Endpoint(128);
-    b.Interface(1, 4, 1).Endpoint(1023);
-    cases.push_back({"smallest first wins, endpointless setting skipped", b, 0, 2});
-  }
-  {
-    // A bulk endpoint only: the walk runs into the next interface and finds
-    // nothing for setting 1.
-    ConfigurationBuilder b;
-    b.Interface(1, 0, 1).Endpoint(900);
-    b.Interface(1, 1, 1).Endpoint(8, 2);
-    b.Interface(1, 2, 1).Endpoint(700);
-    cases.push_back({"bulk endpoints do not count", b, 0, 2});
-  }
-  {
-    // The last endpoint lies partly beyond wTotalLength: it is not read.
-    ConfigurationBuilder b;
-    b.Interface(1, 0, 1).Endpoint(600);
-    b.Interface(1, 1, 1).Endpoint(100);
-    cases.push_back({"no reading past wTotalLength", b, b.bytes.size() - 3, 0});
-  }
-  {
-    // A descriptor of length 0 ends the walk of its setting.
-    ConfigurationBuilder b;
-    b.Interface(1, 0, 1).Endpoint(600);
-    b.Interface(1, 1, 1);
-    b.bytes.insert(b.bytes.end(), {0, 5, 0x81, 1, 10, 0, 1});
-    cases.push_back({"a zero bLength stops", b, 0, 0});
-  }
+  std::vector<Case> cases(4);
+  // Setting 0 has no endpoints, though an isochronous endpoint of 16 bytes
+  // stands behind it: it is skipped all the same. 128 twice: the first wins.
+  cases[0] = {"smallest first wins, endpointless setting skipped", {}, 0, 2};
+  cases[0].builder.Interface(1, 0, 0).Other(5).Endpoint(16).Interface(1, 1, 1).Endpoint(512);
+  cases[0].builder.Interface(1, 2, 2).Other(7).Endpoint(64, 2).Endpoint(128);
+  cases[0].builder.Interface(1, 3, 1).Endpoint(128).Interface(1, 4, 1).Endpoint(1023);
+  // A bulk endpoint only: the walk runs into the next interface and finds
+  // nothing for setting 1.
+  cases[1] = {"bulk endpoints do not count", {}, 0, 2};
+  cases[1].builder.Interface(1, 0, 1).Endpoint(900).Interface(1, 1, 1).Endpoint(8, 2);
+  cases[1].builder.Interface(1, 2, 1).Endpoint(700);
+  // The last endpoint lies partly beyond wTotalLength: it is not read.
+  cases[2] = {"no reading past wTotalLength", {}, 0, 0};
+  cases[2].builder.Interface(1, 0, 1).Endpoint(600).Interface(1, 1, 1).Endpoint(100);
+  cases[2].totalLength = cases[2].builder.bytes.size() - 3;
+  // A descriptor of length 0 ends the walk of its setting.
+  cases[3] = {"a zero bLength stops", {}, 0, 0};
+  cases[3].builder.Interface(1, 0, 1).Endpoint(600).Interface(1, 1, 1);
+  cases[3].builder.bytes.insert(cases[3].builder.bytes.end(), {0, 5, 0x81, 1, 10, 0, 1});
   for (Case& c : cases) {
     SCOPED_TRACE(c.name);
     device_->IdleAlternateSetting = 0xEE;
     InterfaceRecord record = MakeInterface();
     record.info.AlternateSetting = 9;
-    ASSERT_EQ(Configure(c.builder.Finish(c.totalLength), 0x0200, &record), STATUS_SUCCESS);
+    ASSERT_EQ(Configure(c.builder.Finish(c.totalLength), &record), STATUS_SUCCESS);
     EXPECT_EQ(device_->IdleAlternateSetting, c.idle);
     EXPECT_EQ(device_->InterfaceNumber, 1);
     EXPECT_EQ(record.info.AlternateSetting, 0) << "the host opens setting 0";
@@ -127,16 +118,12 @@ TEST_F(ConfigurationTest, WithoutAVideoInterfaceTheRevisionDecidesTheSettings) {
   struct Case {
     uint16_t bcdDevice;
     bool nullDescriptor;
-    uint8_t idle;
-    uint8_t opened;  // AlternateSetting given back to the host
+    uint8_t idle, opened;  // opened: the AlternateSetting given back to the host
     uint32_t revision2;
-  };
-  const Case cases[] = {
-      {0x0100, false, 1, 1, 0},
-      {0x0102, false, 1, 1, 0},
+  } cases[] = {
+      {0x0100, false, 1, 1, 0}, {0x0102, false, 1, 1, 0},
       {0x0103, false, 0, 5, 0},  // opens with InitAlternateSetting
-      {0x01FF, false, 0, 5, 0},
-      {0x0200, false, 0, 5, 1},
+      {0x01FF, false, 0, 5, 0}, {0x0200, false, 0, 5, 1},
       {0x0200, true, 1, 9, 0},  // no device descriptor: idle 1, nothing else touched
   };
   Set(u"InitAlternateSetting", 5);
@@ -156,101 +143,80 @@ TEST_F(ConfigurationTest, WithoutAVideoInterfaceTheRevisionDecidesTheSettings) {
     EXPECT_EQ(device_->IdleAlternateSetting, c.idle);
     EXPECT_EQ(record.info.AlternateSetting, c.opened);
     EXPECT_EQ(device_->IsRevision2Chip, c.revision2);
-    if (!c.nullDescriptor) {
-      EXPECT_EQ(device_->InterfaceNumber, 0);
-    }
+    EXPECT_EQ(device_->InterfaceNumber, c.nullDescriptor ? 7 : 0);
   }
 }
 
 // ---------------------------------------------------------------- settings
 
 TEST_F(ConfigurationTest, TheTwelveValuesAreReadAndSelSuspendOneMeansSixtySeconds) {
-  struct Case {
+  const struct {
+    const char16_t* name;
+    uint32_t value;
+    uint32_t DeviceContext::*field;
+  } values[] = {{u"ScriptFrameNumber", 0x030201, &DeviceContext::ScriptFrameNumber},
+                {u"DeadPixelRGB24", 11, &DeviceContext::DeadPixelRGB24},
+                {u"DeadPixelYUYV", 12, &DeviceContext::DeadPixelYUYV},
+                {u"BlackBodyDarkRGB24", 13, &DeviceContext::BlackBodyDarkRGB24},
+                {u"BlackBodyDarkYUYV", 14, &DeviceContext::BlackBodyDarkYUYV},
+                {u"InvertImage", 3, &DeviceContext::InvertImage},
+                {u"InvertFrameNumber", 4, &DeviceContext::InvertFrameNumber},
+                {u"EngineerMode", 6, &DeviceContext::EngineerMode},
+                {u"PollingShutterKey", 250, &DeviceContext::PollingShutterKey}};
+  for (const auto& v : values) Set(v.name, v.value);
+  Set(u"InitAlternateSetting", 0x102);  // kept as one byte
+  const struct {
     uint32_t selSuspend;
     int32_t timeout;
-  };
-  const Case cases[] = {{0, 0}, {1, 600000000}, {2, 2}, {600, 600}};
-  Set(u"ScriptFrameNumber", 0x030201);
-  Set(u"DeadPixelRGB24", 11);
-  Set(u"DeadPixelYUYV", 12);
-  Set(u"BlackBodyDarkRGB24", 13);
-  Set(u"BlackBodyDarkYUYV", 14);
-  Set(u"InvertImage", 3);
-  Set(u"InvertFrameNumber", 4);
-  Set(u"EngineerMode", 6);
-  Set(u"PollingShutterKey", 250);
-  Set(u"InitAlternateSetting", 0x102);  // kept as one byte
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.selSuspend);
+  } cases[] = {{0, 0}, {1, 600000000}, {2, 2}, {600, 600}};
+  for (const auto& c : cases) {
     Set(u"SelSuspend", c.selSuspend);
-    InterfaceRecord record = MakeInterface();
-    ConfigurationBuilder b;
-    b.Interface(0, 0, 0);
-    ASSERT_EQ(Configure(b.Finish(), 0x0200, &record), STATUS_SUCCESS);
-    EXPECT_EQ(device_->SelSuspendTimeout, c.timeout);
+    ASSERT_EQ(ConfigurePlain(), STATUS_SUCCESS);
+    EXPECT_EQ(device_->SelSuspendTimeout, c.timeout) << c.selSuspend;
   }
-  EXPECT_EQ(device_->ScriptFrameNumber, 0x030201u);
-  EXPECT_EQ(device_->DeadPixelRGB24, 11u);
-  EXPECT_EQ(device_->DeadPixelYUYV, 12u);
-  EXPECT_EQ(device_->BlackBodyDarkRGB24, 13u);
-  EXPECT_EQ(device_->BlackBodyDarkYUYV, 14u);
-  EXPECT_EQ(device_->InvertImage, 3u);
-  EXPECT_EQ(device_->InvertFrameNumber, 4u);
-  EXPECT_EQ(device_->EngineerMode, 6u);
-  EXPECT_EQ(device_->PollingShutterKey, 250u);
+  for (const auto& v : values) {
+    EXPECT_EQ(device_.context->*v.field, v.value) << std::string(v.name, v.name + 8);
+  }
   EXPECT_EQ(device_->InitAlternateSetting, 2);
   EXPECT_EQ(device_->Signature, 2145u);
 }
 
 TEST_F(ConfigurationTest, PipesAreConfiguredForOneOrTwoStreams) {
+  const uint8_t U = 0xAA;  // untouched
   struct Case {
-    uint32_t stillPin;
-    uint32_t listSize;
-    uint32_t streamCount;
-    std::vector<uint8_t> expected;  // association, flags, per entry; 0xAA untouched
-  };
-  const Case cases[] = {
-      {0, 4, 1, {1, 1, 0, 8, 0, 8, 0, 0, 0xAA, 0xAA, 0xAA, 0xAA}},
-      {2, 4, 2, {3, 2, 0, 8, 0, 8, 0, 0, 0xAA, 0xAA, 0xAA, 0xAA}},
-      {1, 2, 2, {3, 2, 0, 8, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA}},
-      {0, 6, 1, {1, 1, 0, 8, 0, 8, 0, 0, 0xAA, 0xAA, 0xAA, 0xAA}},  // only four exist
+    uint32_t stillPin, listSize, streamCount;
+    std::vector<uint8_t> expected;  // association, flags, per entry
+  } cases[] = {
+      {0, 4, 1, {1, 1, 0, 8, 0, 8, 0, 0, U, U, U, U}},
+      {2, 4, 2, {3, 2, 0, 8, 0, 8, 0, 0, U, U, U, U}},
+      {1, 2, 2, {3, 2, 0, 8, U, U, U, U, U, U, U, U}},
+      {0, 6, 1, {1, 1, 0, 8, 0, 8, 0, 0, U, U, U, U}},  // only four exist
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.stillPin * 10 + c.listSize);
     Set(u"StillPin", c.stillPin);
     USBCAMD_Pipe_Config_Descriptor pipes[6];
-    std::memset(pipes, 0xAA, sizeof pipes);
-    InterfaceRecord record = MakeInterface();
-    ConfigurationBuilder b;
-    b.Interface(0, 0, 0);
-    ASSERT_EQ(Configure(b.Finish(), 0x0200, &record, pipes, c.listSize), STATUS_SUCCESS);
+    std::memset(pipes, U, sizeof pipes);
+    ASSERT_EQ(ConfigurePlain(pipes, c.listSize), STATUS_SUCCESS);
     EXPECT_EQ(device_->StreamCount, c.streamCount);
-    EXPECT_EQ(std::vector<uint8_t>(reinterpret_cast<uint8_t*>(pipes),
-                                   reinterpret_cast<uint8_t*>(pipes) + 12),
-              c.expected);
+    const uint8_t* bytes = reinterpret_cast<uint8_t*>(pipes);
+    EXPECT_EQ(std::vector<uint8_t>(bytes, bytes + 12), c.expected);
   }
 }
 
 TEST_F(ConfigurationTest, PrpKeyNumberIsTheLastFourCharactersTakenAsDigits) {
-  struct Case {
-    std::u16string key;
-    uint32_t number;
-  };
-  const Case cases[] = {
+  const std::pair<std::u16string, uint32_t> cases[] = {
       {DeviceSoftwareKeyPath(3), 3},
       {DeviceSoftwareKeyPath(1207), 1207},
       // No check that they are digits: 1, 2, 'x' (120 - 48 = 72), 4.
       {u"\\REGISTRY\\MACHINE\\SOFTWARE\\Cams\\Cam12x4", 1 * 1000 + 2 * 100 + 72 * 10 + 4},
   };
-  for (const Case& c : cases) {
-    BindDeviceRegistryKey(device_->PhysicalDeviceObject, c.key);
-    InterfaceRecord record = MakeInterface();
-    ConfigurationBuilder b;
-    b.Interface(0, 0, 0);
-    ASSERT_EQ(Configure(b.Finish(), 0x0200, &record), STATUS_SUCCESS);
+  for (const auto& [key, expected] : cases) {
+    BindDeviceRegistryKey(device_->PhysicalDeviceObject, key);
+    ASSERT_EQ(ConfigurePlain(), STATUS_SUCCESS);
     uint32_t number = 0;
     ASSERT_TRUE(GetRegistryDword(ServiceKeyPath, u"PrpKeyNumber", &number));
-    EXPECT_EQ(number, c.number);
+    EXPECT_EQ(number, expected);
   }
 }
 
@@ -258,14 +224,14 @@ TEST_F(ConfigurationTest, TheInterfaceIsCopiedWholeAndAFailedCopyIsReported) {
   InterfaceRecord record = MakeInterface();
   ConfigurationBuilder b;
   b.Interface(0, 0, 0);
-  ASSERT_EQ(Configure(b.Finish(), 0x0200, &record), STATUS_SUCCESS);
+  ASSERT_EQ(Configure(b.Finish(), &record), STATUS_SUCCESS);
   ASSERT_NE(device_->SavedInterface, nullptr);
   ASSERT_NE(device_->SavedInterface, &record.info);
   EXPECT_EQ(std::memcmp(device_->SavedInterface, &record, sizeof record), 0);
   EXPECT_EQ(PoolLiveBytes(PoolTagWdm), sizeof record);
 
   // A second configuration replaces the copy; without an interface it goes.
-  ASSERT_EQ(Configure(b.Finish(), 0x0200, &record), STATUS_SUCCESS);
+  ASSERT_EQ(Configure(b.Finish(), &record), STATUS_SUCCESS);
   EXPECT_EQ(PoolLiveBlocks(PoolTagWdm), 1u);
   USB_DEVICE_DESCRIPTOR descriptor = {};
   ASSERT_EQ(CamConfigureEx(nullptr, device_.context, nullptr, b.Finish(), 0, nullptr, &descriptor),
@@ -299,8 +265,7 @@ TEST(RawFrameSize, FollowsTheWireFormatAndScaleMode) {
     uint8_t scale;
     uint32_t width, height;
     uint32_t bytes;  // worked by hand from the bytes per two pixels
-  };
-  const Case cases[] = {
+  } cases[] = {
       {1, CompressionYUY2, 0, 640, 480, 307200},      // b 2
       {1, CompressionYUY2, 1, 640, 480, 307200},
       {1, CompressionYUY2, 2, 640, 480, 1228800},     // a quarter-size picture on the wire x4
@@ -319,14 +284,16 @@ TEST(RawFrameSize, FollowsTheWireFormatAndScaleMode) {
   };
   TestDevice device;
   for (const Case& c : cases) {
-    SCOPED_TRACE(testing::Message() << int(c.wire) << "/" << int(c.scale) << " " << c.width);
     device.SetMode(c.compression, 0, 0, c.scale, c.wire, 0);
-    EXPECT_EQ(GetRawFrameSize(device.context, c.width, c.height), c.bytes);
+    EXPECT_EQ(GetRawFrameSize(device.context, c.width, c.height), c.bytes)
+        << int(c.wire) << "/" << int(c.scale) << " " << c.width;
   }
 }
 
 // ---------------------------------------------------------------- bandwidth
 
+// Configured with idle setting 1 (128 bytes) and a streaming setting 3 (1000
+// bytes a packet) on interface 2.
 class BandwidthTest : public ConfigurationTest {
  protected:
   void SetUp() override {
@@ -334,28 +301,27 @@ class BandwidthTest : public ConfigurationTest {
     InterfaceRecord record = MakeInterface();
     ConfigurationBuilder b;
     b.Interface(2, 0, 0).Interface(2, 1, 1).Endpoint(128).Interface(2, 3, 1).Endpoint(1000);
-    ASSERT_EQ(Configure(b.Finish(), 0x0200, &record), STATUS_SUCCESS);
+    ASSERT_EQ(Configure(b.Finish(), &record), STATUS_SUCCESS);
     ASSERT_EQ(device_->IdleAlternateSetting, 1);
     host_.packetSize = {{1, 128}, {3, 1000}};
   }
 
   // The mode key SelectMode reads for a format and size.
-  void SetMode(const char16_t* format, const char16_t* size, uint32_t controlMethod,
-               uint32_t alternate) {
+  void SetMode(const char16_t* format, const char16_t* size, uint32_t controlMethod) {
     std::u16string mode = key_ + u"\\InitialSetting\\" + format + u"\\" + size;
     SetRegistryDword(mode, u"ControlMethod", controlMethod);
-    SetRegistryDword(mode, u"AlternateSetting", alternate);
+    SetRegistryDword(mode, u"AlternateSetting", 3);
   }
 
-  KS_DATAFORMAT_VIDEOINFOHEADER Format(int32_t width, int32_t height, uint16_t bits,
-                                       uint32_t compression) {
+  NTSTATUS Allocate(int32_t width, int32_t height, uint16_t bits, uint32_t compression,
+                    uint32_t* rawFrameLength, uint32_t stream = 0) {
     KS_DATAFORMAT_VIDEOINFOHEADER format = {};
     format.DataFormat.FormatSize = sizeof format;
     format.VideoInfoHeader.bmiHeader.biWidth = width;
     format.VideoInfoHeader.bmiHeader.biHeight = height;
     format.VideoInfoHeader.bmiHeader.biBitCount = bits;
     format.VideoInfoHeader.bmiHeader.biCompression = compression;
-    return format;
+    return CamAllocateBandwidthEx(nullptr, device_.context, rawFrameLength, &format, stream);
   }
 };
 
@@ -364,12 +330,8 @@ TEST_F(BandwidthTest, AllocationSelectsTheModesSettingAndRoundsTheFrameToPackets
     const char* name;
     uint32_t width, height;
     uint16_t bits;
-    uint32_t biCompression;
-    uint32_t controlMethod;
-    uint32_t rawFrameLength;
-    uint32_t compression;
-  };
-  const Case cases[] = {
+    uint32_t biCompression, controlMethod, rawFrameLength, compression;
+  } cases[] = {
       // 307200 rounded up to a multiple of 1000.
       {"RGB24 Bayer", 640, 480, 24, CompressionRGB24, 0x0100, 308000, CompressionRGB24},
       {"biCompression 0 is RGB24", 640, 480, 24, 0, 0x0100, 308000, CompressionRGB24},
@@ -378,17 +340,16 @@ TEST_F(BandwidthTest, AllocationSelectsTheModesSettingAndRoundsTheFrameToPackets
       // 240 * 3 * 320 / 2 = 115200, rounded up to 116000.
       {"I420 follows output", 320, 240, 12, CompressionI420, 0x0000, 116000, CompressionI420},
   };
-  SetMode(u"RGB24", u"640", 0x0100, 3);
-  SetMode(u"YUYV", u"640", 0x0203, 3);
-  SetMode(u"I420", u"320", 0x0000, 3);
+  SetMode(u"RGB24", u"640", 0x0100);
+  SetMode(u"YUYV", u"640", 0x0203);
+  SetMode(u"I420", u"320", 0x0000);
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     host_.ClearLog();
     device_->CurrentCompression = 0;
     device_->StillEventPending = 1;
-    KS_DATAFORMAT_VIDEOINFOHEADER format = Format(c.width, c.height, c.bits, c.biCompression);
     uint32_t rawFrameLength = 1;
-    ASSERT_EQ(CamAllocateBandwidthEx(nullptr, device_.context, &rawFrameLength, &format, 0),
+    ASSERT_EQ(Allocate(c.width, c.height, c.bits, c.biCompression, &rawFrameLength),
               STATUS_SUCCESS);
     EXPECT_EQ(device_->CurrentCompression, c.compression);
     EXPECT_EQ(device_->ControlMethod, c.controlMethod);
@@ -396,10 +357,9 @@ TEST_F(BandwidthTest, AllocationSelectsTheModesSettingAndRoundsTheFrameToPackets
     EXPECT_EQ(device_->WorkerCommand, 128);
     EXPECT_EQ(device_->ImageWidth, c.width);
     EXPECT_EQ(device_->ImageHeight, c.height);
-    EXPECT_EQ(device_->FaceRect.Left, 0);
-    EXPECT_EQ(device_->FaceRect.Right, int32_t(c.width) - 1);
-    EXPECT_EQ(device_->FaceRect.Top, 0);
-    EXPECT_EQ(device_->FaceRect.Bottom, int32_t(c.height) - 1);
+    const auto& face = device_->FaceRect;
+    EXPECT_EQ(std::vector<int32_t>({face.Left, face.Top, face.Right, face.Bottom}),
+              std::vector<int32_t>({0, 0, int32_t(c.width) - 1, int32_t(c.height) - 1}));
     EXPECT_EQ(device_->StillEventPending, 0);
     EXPECT_EQ(host_.Log(), std::vector<std::string>{"select 2 3"});
   }
@@ -410,14 +370,12 @@ TEST_F(BandwidthTest, AFormatOfAnotherDepthKeepsThePreviousCompression) {
     uint16_t bits;
     uint32_t compression;
   } cases[] = {{16, CompressionRGB24}, {24, CompressionYUY2}, {32, 0}, {12, CompressionYUY2}};
-  SetMode(u"YUYV", u"640", 0x0201, 3);
+  SetMode(u"YUYV", u"640", 0x0201);
   for (const auto& c : cases) {
     device_->CurrentCompression = CompressionYUY2;
-    KS_DATAFORMAT_VIDEOINFOHEADER format = Format(640, 480, c.bits, c.compression);
     uint32_t rawFrameLength = 0;
-    ASSERT_EQ(CamAllocateBandwidthEx(nullptr, device_.context, &rawFrameLength, &format, 0),
-              STATUS_SUCCESS);
-    EXPECT_EQ(device_->CurrentCompression, CompressionYUY2);
+    ASSERT_EQ(Allocate(640, 480, c.bits, c.compression, &rawFrameLength), STATUS_SUCCESS);
+    EXPECT_EQ(device_->CurrentCompression, CompressionYUY2) << c.bits;
   }
 }
 
@@ -425,24 +383,20 @@ TEST_F(BandwidthTest, FailuresLeaveTheIdleSettingAndTheMarker) {
   struct Case {
     const char* name;
     uint32_t controlMethod;
-    NTSTATUS selectStatus;
-    NTSTATUS result;
+    NTSTATUS selectStatus, result;
     std::vector<std::string> log;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"scale mode 6 has no frame size", 0x0106, STATUS_SUCCESS, STATUS_INVALID_PARAMETER, {}},
       {"the streaming setting refused", 0x0100, STATUS_UNSUCCESSFUL,
        STATUS_INSUFFICIENT_RESOURCES, {"select 2 3"}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    SetMode(u"RGB24", u"640", c.controlMethod, 3);
+    SetMode(u"RGB24", u"640", c.controlMethod);
     host_.selectStatus = c.selectStatus;
     host_.ClearLog();
-    KS_DATAFORMAT_VIDEOINFOHEADER format = Format(640, 480, 24, CompressionRGB24);
     uint32_t rawFrameLength = 99;
-    EXPECT_EQ(CamAllocateBandwidthEx(nullptr, device_.context, &rawFrameLength, &format, 0),
-              c.result);
+    EXPECT_EQ(Allocate(640, 480, 24, CompressionRGB24, &rawFrameLength), c.result);
     EXPECT_EQ(rawFrameLength, 0u);
     EXPECT_EQ(device_->WorkerCommand, 128);
     EXPECT_EQ(host_.Log(), c.log);
@@ -450,11 +404,8 @@ TEST_F(BandwidthTest, FailuresLeaveTheIdleSettingAndTheMarker) {
 }
 
 TEST_F(BandwidthTest, TheStillStreamNeedsNoBandwidthOfItsOwn) {
-  KS_DATAFORMAT_VIDEOINFOHEADER format = Format(1600, 1200, 24, CompressionRGB24);
   uint32_t rawFrameLength = 0;
-  device_->WorkerCommand = 0;
-  EXPECT_EQ(CamAllocateBandwidthEx(nullptr, device_.context, &rawFrameLength, &format, 1),
-            STATUS_SUCCESS);
+  EXPECT_EQ(Allocate(1600, 1200, 24, CompressionRGB24, &rawFrameLength, 1), STATUS_SUCCESS);
   EXPECT_EQ(rawFrameLength, 115200u);
   EXPECT_EQ(device_->WorkerCommand, 0);
   EXPECT_EQ(device_->ImageWidth, 0u);
@@ -465,13 +416,14 @@ TEST_F(BandwidthTest, TheStillStreamNeedsNoBandwidthOfItsOwn) {
 TEST_F(BandwidthTest, TheMonitorsImageWidthFollowsAllocationAndRelease) {
   Set(u"PollingShutterKey", 100);
   device_->PollingShutterKey = 100;
-  SetMode(u"RGB24", u"640", 0x0100, 3);
-  KS_DATAFORMAT_VIDEOINFOHEADER format = Format(640, 480, 24, CompressionRGB24);
-  uint32_t rawFrameLength = 0;
+  SetMode(u"RGB24", u"640", 0x0100);
+  KS_DATAFORMAT_VIDEOINFOHEADER format = {};
+  format.DataFormat.FormatSize = sizeof format;
+  format.VideoInfoHeader.bmiHeader = {0, 640, 480, 0, 24, CompressionRGB24};
+  uint32_t rawFrameLength = 0, width = 0;
   // The first form is stream 0.
   ASSERT_EQ(CamAllocateBandwidth(nullptr, device_.context, &rawFrameLength, &format),
             STATUS_SUCCESS);
-  uint32_t width = 0;
   ASSERT_TRUE(GetRegistryDword(key_, u"ImageWidth", &width));
   EXPECT_EQ(width, 640u);
 
@@ -479,8 +431,7 @@ TEST_F(BandwidthTest, TheMonitorsImageWidthFollowsAllocationAndRelease) {
   EXPECT_EQ(CamFreeBandwidth(nullptr, device_.context), STATUS_SUCCESS);
   ASSERT_TRUE(GetRegistryDword(key_, u"ImageWidth", &width));
   EXPECT_EQ(width, 0u);
-  EXPECT_EQ(device_->ImageWidth, 0u);
-  EXPECT_EQ(device_->ImageHeight, 0u);
+  EXPECT_EQ(device_->ImageWidth | device_->ImageHeight, 0u);
   EXPECT_EQ(host_.Log(), std::vector<std::string>{"select 2 1"});
   host_.selectStatus = STATUS_UNSUCCESSFUL;
   EXPECT_EQ(CamFreeBandwidthEx(nullptr, device_.context, 0), STATUS_UNSUCCESSFUL);

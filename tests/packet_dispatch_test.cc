@@ -25,15 +25,6 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-// A format as a client opens a stream with it, from one of the offered ranges.
-KS_DATAFORMAT_VIDEOINFOHEADER FormatOf(const KS_DATARANGE_VIDEO* range) {
-  KS_DATAFORMAT_VIDEOINFOHEADER format = {};
-  format.DataFormat = range->DataRange;
-  format.DataFormat.FormatSize = sizeof format;
-  format.VideoInfoHeader = range->VideoInfoHeader;
-  return format;
-}
-
 class DispatchTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -43,8 +34,11 @@ class DispatchTest : public ::testing::Test {
     for (uint32_t i = 0; i < 3; ++i) device_->FormatList[i] = FormatCatalogue[i].DataRange;
     device_->FormatCount = 3;
     device_->StreamCount = 2;
-    good_ = FormatOf(FormatCatalogue[1].DataRange);
-    bad_ = FormatOf(FormatCatalogue[1].DataRange);
+    // A format as a client opens a stream with it, from an offered range.
+    good_.DataFormat = FormatCatalogue[1].DataRange->DataRange;
+    good_.DataFormat.FormatSize = sizeof good_;
+    good_.VideoInfoHeader = FormatCatalogue[1].DataRange->VideoInfoHeader;
+    bad_ = good_;
     bad_.VideoInfoHeader.bmiHeader.biWidth += 2;
   }
   void TearDown() override {
@@ -53,14 +47,23 @@ class DispatchTest : public ::testing::Test {
     ResetRegistry();
   }
 
-  HW_STREAM_REQUEST_BLOCK Srb(uint32_t command, uint32_t stream = 0) {
+  // A request with its status preset to a value no handler gives.
+  HW_STREAM_REQUEST_BLOCK Srb(uint32_t command, uint32_t stream = 0, void* data = nullptr) {
     HW_STREAM_REQUEST_BLOCK srb = {};
     srb.Command = command;
+    srb.Status = 0x1234;
     srb.HwDeviceExtension = &extension_;
+    srb.CommandData.Buffer = data;
     stream_ = {};
     stream_.StreamNumber = stream;
     srb.StreamObject = &stream_;
     return srb;
+  }
+  // Through the stream's control handler: whether it completed the request.
+  BOOLEAN Control(HW_STREAM_REQUEST_BLOCK* srb) {
+    BOOLEAN completed = 7;
+    StreamControlPacketHandler(srb, device_.context, &completed);
+    return completed;
   }
 
   FakeCaptureHost host_;
@@ -99,8 +102,7 @@ TEST_F(DispatchTest, EveryDeviceRequestReachesTheHostAsItsCodeSays) {
       {SRB_CLOSE_DEVICE_INSTANCE, nullptr, {"receive 104 table hosted"}},
       {SRB_GET_DEVICE_PROPERTY, &descriptor, {"receive 105 table device", "finish 1 105"}},
       {SRB_SET_DEVICE_PROPERTY, &descriptor, {"receive 106 table device", "finish 1 106"}},
-      {SRB_INITIALIZE_DEVICE,
-       &config,
+      {SRB_INITIALIZE_DEVICE, &config,
        {"receive 107 none", "newinterface 200 12", "receive 107 table hosted"}},
       {SRB_CHANGE_POWER_STATE, reinterpret_cast<void*>(uintptr_t(PowerDeviceD2)),
        {"receive 108 none", "receive 108 table hosted"}},
@@ -108,8 +110,7 @@ TEST_F(DispatchTest, EveryDeviceRequestReachesTheHostAsItsCodeSays) {
       {SRB_UNKNOWN_DEVICE_COMMAND, nullptr, {"receive 10A table hosted"}},
       {SRB_PAGING_OUT_DRIVER, nullptr, {"receive 10B table hosted"}},
       {SRB_GET_DATA_INTERSECTION, &intersect, {"receive 10C none", "finish 1 10C"}},
-      {SRB_INITIALIZATION_COMPLETE,
-       nullptr,
+      {SRB_INITIALIZATION_COMPLETE, nullptr,
        {"receive 10D none", "build 1B", "call", "finish 1 10D"}},
       {SRB_SURPRISE_REMOVAL, nullptr, {"receive 10E table hosted"}},
       {SRB_NOTIFY_IDLE_STATE, nullptr, {"receive 111 table hosted"}},
@@ -117,8 +118,7 @@ TEST_F(DispatchTest, EveryDeviceRequestReachesTheHostAsItsCodeSays) {
   for (const Case& c : cases) {
     SCOPED_TRACE(FakeCaptureHost::Hex(c.command, 3));
     host_.ClearLog();
-    HW_STREAM_REQUEST_BLOCK srb = Srb(c.command);
-    srb.CommandData.Buffer = c.data;
+    HW_STREAM_REQUEST_BLOCK srb = Srb(c.command, 0, c.data);
     AdapterPacketHandler(&srb);
     EXPECT_EQ(host_.Log(), c.log);
   }
@@ -126,32 +126,26 @@ TEST_F(DispatchTest, EveryDeviceRequestReachesTheHostAsItsCodeSays) {
 }
 
 TEST_F(DispatchTest, StreamInformationOffersTheCamerasOwnFormatsAndFiveSets) {
-  const struct {
-    uint32_t streamCount;
-  } cases[] = {{1}, {2}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.streamCount);
-    device_->StreamCount = c.streamCount;
+  for (uint32_t streamCount : {1u, 2u}) {
+    SCOPED_TRACE(streamCount);
+    device_->StreamCount = streamCount;
     struct {
       HW_STREAM_DESCRIPTOR header;
       HW_STREAM_INFORMATION rows[2];
     } info = {};
     std::memset(&info.rows[1], 0xA5, sizeof info.rows[1]);
-    HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_GET_STREAM_INFO);
-    srb.CommandData.StreamBuffer = &info.header;
+    HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_GET_STREAM_INFO, 0, &info.header);
     AdapterPacketHandler(&srb);
-    EXPECT_EQ(info.header.StreamHeader.NumberOfStreams, c.streamCount);
+    EXPECT_EQ(info.header.StreamHeader.NumberOfStreams, streamCount);
     EXPECT_EQ(info.header.StreamHeader.NumDevPropArrayEntries, 5u);
     EXPECT_EQ(info.header.StreamHeader.DevicePropertiesArray, DevicePropertySets);
-    for (uint32_t i = 0; i < c.streamCount; ++i) {
+    for (uint32_t i = 0; i < streamCount; ++i) {
       EXPECT_EQ(info.rows[i].StreamFormatsArray, device_->FormatList);
       EXPECT_EQ(info.rows[i].NumberOfFormatArrayEntries, 3u);
       EXPECT_EQ(info.rows[i].Name, StreamTable[i].Name);
       EXPECT_EQ(info.rows[i].DataFlow, StreamTable[i].DataFlow);
     }
-    if (c.streamCount == 1) {
-      EXPECT_EQ(reinterpret_cast<uint8_t*>(&info.rows[1])[0], 0xA5) << "only one row written";
-    }
+    EXPECT_EQ(reinterpret_cast<uint8_t*>(&info.rows[1])[0] == 0xA5, streamCount == 1);
   }
   // The host lists the sets in this order.
   const GUID* order[] = {&VendorEffectSet, &PROPSETID_VIDCAP_VIDEOPROCAMP, &VendorControlSet,
@@ -174,20 +168,16 @@ TEST_F(DispatchTest, EveryOpenStartsABlankPhaseAndABadFormatIsRefused) {
     KS_DATAFORMAT_VIDEOINFOHEADER* format;
     NTSTATUS status;
   };
-  const Case cases[] = {
-      {"capture, good", 0, &good_, 0x1234},  // the host answers
-      {"still, good", 1, &good_, 0x1234},
-      {"capture, bad size", 0, &bad_, STATUS_INVALID_PARAMETER},
-      {"stream 2", 2, &good_, STATUS_INVALID_PARAMETER},
-  };
+  const Case cases[] = {{"capture, good", 0, &good_, 0x1234},  // the host answers
+                        {"still, good", 1, &good_, 0x1234},
+                        {"capture, bad size", 0, &bad_, STATUS_INVALID_PARAMETER},
+                        {"stream 2", 2, &good_, STATUS_INVALID_PARAMETER}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     device_->BlankFrameActive = 0;
     device_->BlankFrameCount = 9;
     device_->BlankPacketCountdown = 3;
-    HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_OPEN_STREAM, c.stream);
-    srb.Status = 0x1234;
-    srb.CommandData.OpenFormat = &c.format->DataFormat;
+    HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_OPEN_STREAM, c.stream, &c.format->DataFormat);
     AdapterPacketHandler(&srb);
     EXPECT_EQ(srb.Status, c.status);
     EXPECT_EQ(device_->BlankFrameActive, 1);
@@ -229,13 +219,9 @@ TEST_F(DispatchTest, StreamRequestsCheckTheFormatAndTellTheHostsInterface) {
     device_->CamInterface.Version = c.version;
     host_.ClearLog();
     extension_ = 0;
-    HW_STREAM_REQUEST_BLOCK srb = Srb(c.command);
-    srb.Status = 0x1234;
-    srb.CommandData.OpenFormat = &c.format->DataFormat;
-    BOOLEAN completed = 7;
-    StreamControlPacketHandler(&srb, device_.context, &completed);
+    HW_STREAM_REQUEST_BLOCK srb = Srb(c.command, 0, &c.format->DataFormat);
+    EXPECT_EQ(Control(&srb), c.completed);
     EXPECT_EQ(srb.Status, c.status);
-    EXPECT_EQ(completed, c.completed);
     EXPECT_EQ(extension_, c.setVideoFormat);
     EXPECT_EQ(host_.Log(), c.completed ? Lines{"stream-finish 3 " + std::to_string(c.command)}
                                        : Lines{});
@@ -243,7 +229,6 @@ TEST_F(DispatchTest, StreamRequestsCheckTheFormatAndTellTheHostsInterface) {
   // The data handler does nothing at all.
   BOOLEAN completed = 7;
   HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_READ_DATA);
-  srb.Status = 0x1234;
   StreamDataPacketHandler(&srb, device_.context, &completed);
   EXPECT_EQ(completed, 7);
   EXPECT_EQ(srb.Status, 0x1234);
@@ -281,9 +266,7 @@ TEST_F(DispatchTest, TheFirstRunAfterAStartStaysAwayFromTheImageLibrary) {
     SCOPED_TRACE(testing::Message() << step.stream << "/" << step.state);
     HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_SET_STREAM_STATE, step.stream);
     srb.CommandData.StreamState = step.state;
-    BOOLEAN completed = 7;
-    StreamControlPacketHandler(&srb, device_.context, &completed);
-    EXPECT_EQ(completed, FALSE);
+    EXPECT_EQ(Control(&srb), FALSE);
     EXPECT_EQ(IspStateOf(isp)->StreamState, step.libraryState);
     EXPECT_EQ(device_->IgnoreNextRun, step.ignoreNextRun);
   }
@@ -311,7 +294,6 @@ TEST_F(DispatchTest, PowerStatesBeyondOnAndOffAreRefusedAndTheHostStillCalled) {
     host_.ClearLog();
     device_->InitScriptsFresh = 0;
     HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_CHANGE_POWER_STATE);
-    srb.Status = 0x1234;
     srb.CommandData.DeviceState = static_cast<DEVICE_POWER_STATE>(c.state);
     AdapterPacketHandler(&srb);
     EXPECT_EQ(srb.Status, c.status);
@@ -356,15 +338,13 @@ TEST_F(DispatchTest, PropertiesOfEverySetAreNotServedYet) {
       KSPROPERTY property = {*set, 1, 0};
       STREAM_PROPERTY_DESCRIPTOR descriptor = {};
       descriptor.Property = &property;
-      HW_STREAM_REQUEST_BLOCK srb = Srb(command);
-      srb.CommandData.PropertyInfo = &descriptor;
+      HW_STREAM_REQUEST_BLOCK srb = Srb(command, 0, &descriptor);
       AdapterPacketHandler(&srb);
       EXPECT_EQ(srb.Status, STATUS_NOT_SUPPORTED);
     }
   }
-  HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_GET_DEVICE_PROPERTY);
   STREAM_PROPERTY_DESCRIPTOR empty = {};
-  srb.CommandData.PropertyInfo = &empty;
+  HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_GET_DEVICE_PROPERTY, 0, &empty);
   RoutePropertyRequest(FALSE, nullptr, device_.context, &srb);
   EXPECT_EQ(srb.Status, STATUS_NOT_SUPPORTED);
 }
@@ -379,12 +359,10 @@ TEST_F(DispatchTest, TheInterfaceQueryCopiesTheHostsInterfaceOnlyWhenItIsThere) 
     bool build;  // whether the I/O manager gives a request at all
     uint16_t version;
   };
-  const Case cases[] = {
-      {"offered", true, false, true, 0x200},
-      {"offered later", true, true, true, 0x200},
-      {"not offered", false, false, true, 0},
-      {"no request", true, false, false, 0},
-  };
+  const Case cases[] = {{"offered", true, false, true, 0x200},
+                        {"offered later", true, true, true, 0x200},
+                        {"not offered", false, false, true, 0},
+                        {"no request", true, false, false, 0}};
   static HostCalls withoutIo;
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -411,12 +389,13 @@ TEST_F(DispatchTest, TheInterfaceQueryCopiesTheHostsInterfaceOnlyWhenItIsThere) 
     }
     if (c.build) {
       const IRP& q = host_.lastQuery;
+      const auto& query = q.Stack.Parameters.QueryInterface;
       EXPECT_EQ(q.Stack.MajorFunction, IRP_MJ_PNP);
       EXPECT_EQ(q.Stack.MinorFunction, IRP_MN_QUERY_INTERFACE);
-      EXPECT_EQ(q.Stack.Parameters.QueryInterface.InterfaceType, &GUID_USBCAMD_INTERFACE);
-      EXPECT_EQ(q.Stack.Parameters.QueryInterface.Size, 72);
-      EXPECT_EQ(q.Stack.Parameters.QueryInterface.Version, 0x200);
-      EXPECT_EQ(q.Stack.Parameters.QueryInterface.InterfaceSpecificData, nullptr);
+      EXPECT_EQ(query.InterfaceType, &GUID_USBCAMD_INTERFACE);
+      EXPECT_EQ(query.Size, 72);
+      EXPECT_EQ(query.Version, 0x200);
+      EXPECT_EQ(query.InterfaceSpecificData, nullptr);
       EXPECT_EQ(q.IoStatus.Status, STATUS_NOT_SUPPORTED) << "preset before the call";
     }
     EXPECT_EQ(PoolLiveBlocks(PoolTagWdm), 0u);
@@ -426,28 +405,22 @@ TEST_F(DispatchTest, TheInterfaceQueryCopiesTheHostsInterfaceOnlyWhenItIsThere) 
 }
 
 TEST_F(DispatchTest, InitialisationTakesTheRealDeviceObjectAndCompletionSaysConnected) {
-  DEVICE_OBJECT* physical = reinterpret_cast<DEVICE_OBJECT*>(0x1000);
-  DEVICE_OBJECT* real = reinterpret_cast<DEVICE_OBJECT*>(0x2000);
-  DEVICE_OBJECT* cls = reinterpret_cast<DEVICE_OBJECT*>(0x3000);
-  const struct {
-    DEVICE_OBJECT* real;
-    DEVICE_OBJECT* expected;
-  } cases[] = {{real, real}, {nullptr, physical}};
-  for (const auto& c : cases) {
+  auto* physical = reinterpret_cast<DEVICE_OBJECT*>(0x1000);
+  auto* real = reinterpret_cast<DEVICE_OBJECT*>(0x2000);
+  auto* cls = reinterpret_cast<DEVICE_OBJECT*>(0x3000);
+  for (DEVICE_OBJECT* given : {real, static_cast<DEVICE_OBJECT*>(nullptr)}) {
     PORT_CONFIGURATION_INFORMATION config = {};
     config.ClassDeviceObject = cls;
     config.PhysicalDeviceObject = physical;
-    config.RealPhysicalDeviceObject = c.real;
-    HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_INITIALIZE_DEVICE);
-    srb.CommandData.ConfigInfo = &config;
+    config.RealPhysicalDeviceObject = given;
+    HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_INITIALIZE_DEVICE, 0, &config);
     AdapterPacketHandler(&srb);
-    EXPECT_EQ(device_->PhysicalDeviceObject, c.expected);
+    EXPECT_EQ(device_->PhysicalDeviceObject, given ? real : physical);
     EXPECT_EQ(device_->ClassDeviceObject, cls);
   }
 
   device_->SelSuspendTimeout = 600000000;
   HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_INITIALIZATION_COMPLETE);
-  srb.Status = 0x1234;
   AdapterPacketHandler(&srb);
   EXPECT_EQ(srb.Status, STATUS_SUCCESS);
   uint32_t connected = 0;
