@@ -3,9 +3,11 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <string>
 #include <vector>
 
 #include "core/device_context.h"
+#include "platform/registry_control.h"
 
 struct TestDevice {
   TestDevice() : context(static_cast<DeviceContext*>(std::calloc(1, sizeof(DeviceContext)))) {
@@ -28,4 +30,27 @@ struct TestDevice {
   }
 
   DeviceContext* context;
+};
+
+// A test device bound to the software key of camera `instance`, with its
+// vendor mutex ready.
+struct BoundDevice {
+  explicit BoundDevice(uint32_t instance) : key(DeviceSoftwareKeyPath(instance)) {
+    device->PhysicalDeviceObject = reinterpret_cast<DEVICE_OBJECT*>(&pdo);
+    ExInitializeFastMutex(&device->VendorMutex);
+    Bind();
+  }
+  ~BoundDevice() { UnbindDeviceRegistryKey(device->PhysicalDeviceObject); }
+  // Again after a registry reset, which forgets the bindings.
+  void Bind() { BindDeviceRegistryKey(device->PhysicalDeviceObject, key); }
+  std::u16string Key(const std::string& relative) const {
+    return relative.empty() ? key : key + u"\\" + U16(relative);
+  }
+  void Set(const std::string& relative, const char* name, uint32_t value) const {
+    SetRegistryDword(Key(relative), U16(name), value);
+  }
+
+  char pdo = 0;
+  std::u16string key;
+  TestDevice device;
 };
