@@ -29,40 +29,21 @@ struct DriverSoftBus {
     ++requests;
     return value;
   }
-  void WriteReg(uint8_t reg, uint8_t value) {
-    Write(cam, 0, reg, value);
-    ++requests;
-  }
+  void WriteReg(uint8_t reg, uint8_t value) { Write(cam, 0, reg, value), ++requests; }
   void SetBits(uint8_t reg, uint8_t mask) { WriteReg(reg, ReadReg(reg) | mask); }
   void ClearBits(uint8_t reg, uint8_t mask) { WriteReg(reg, ReadReg(reg) & ~mask); }
   void SetClock() { SetBits(7, 0x20); }
   void ClearClock() { ClearBits(7, 0x20); }
   void SetData() { SetBits(7, 0x40); }
   void ClearData() { ClearBits(7, 0x40); }
-
-  void Start() {
-    SetData();
-    SetClock();
-    ClearData();
-    ClearClock();
-  }
-  void Stop() {
-    ClearData();
-    SetClock();
-    SetData();
-  }
+  void Start() { SetData(), SetClock(), ClearData(), ClearClock(); }
+  void Stop() { ClearData(), SetClock(), SetData(); }
   uint8_t SendByte(uint8_t byte) {
     for (int bit = 7; bit >= 0; --bit) {
-      if ((byte >> bit) & 1) {
-        SetData();
-      } else {
-        ClearData();
-      }
-      SetClock();
-      ClearClock();
+      ((byte >> bit) & 1) ? SetData() : ClearData();
+      SetClock(), ClearClock();
     }
-    SetData();
-    SetClock();
+    SetData(), SetClock();
     const uint8_t ack = ReadReg(7) & 0x40;
     ClearClock();
     return ack;
@@ -78,36 +59,21 @@ struct DriverSoftBus {
     return byte;
   }
   uint16_t ReadRegister16(uint8_t address, uint8_t high, uint8_t low, uint8_t acks[4]) {
-    SetBits(13, 0x60);
-    SetClock();
-    SetData();
-    Start();
+    SetBits(13, 0x60), SetClock(), SetData(), Start();
     acks[0] = SendByte(address);
     acks[1] = SendByte(high);
     acks[2] = SendByte(low);
     Start();
     acks[3] = SendByte(address | 1);
     const uint8_t hi = ReceiveByte();
-    SetBits(13, 0x60);
-    ClearClock();
-    ClearData();
-    SetClock();
-    ClearClock();
+    SetBits(13, 0x60), ClearClock(), ClearData(), SetClock(), ClearClock();
     const uint8_t lo = ReceiveByte();
-    SetData();
-    SetClock();
-    ClearClock();
-    Stop();
+    SetData(), SetClock(), ClearClock(), Stop();
     return uint16_t(hi * 256 + lo);
   }
 };
 
-EmulatedCameraConfig Mi2020OnRevision1() {
-  EmulatedCameraConfig config;
-  config.sensors = {EmulatedSensorConfig{EmulatedSensorKind::MI2020}};
-  config.bcdDevice = 0x0100;
-  return config;
-}
+EmulatedCameraConfig Mi2020OnRevision1() { return WithSensor(EmulatedSensorKind::MI2020, 0x0100); }
 
 TEST(EmulatedSoftBus, DriverReadOfASixteenBitRegisterReturnsTheSensorsValue) {
   struct Case {
@@ -144,20 +110,14 @@ TEST(EmulatedSoftBus, DriverReadOfASixteenBitRegisterReturnsTheSensorsValue) {
   }
 }
 
-TEST(EmulatedSoftBus, ReadsMcuVariablesThroughTheDataRegister) {
+TEST(EmulatedSoftBus, McuVariablesReadThroughTheDataRegisterAndAnAbsentAddressIsNotAcknowledged) {
   EmulatedCamera cam(Mi2020OnRevision1());
   // WRITEEX 7A 338C 2703 on revision 1, then the variable's value.
   ASSERT_EQ(Send(cam, 3, 0x7A00, 0x33, {0x8C, 0x27, 0x03}), STATUS_SUCCESS);
   DriverSoftBus bus{cam};
-  uint8_t acks[4];
+  uint8_t acks[4] = {0, 0, 0, 0};
   EXPECT_EQ(bus.ReadRegister16(0x7A, 0x33, 0x90, acks), 800) << "context A width at power-on";
   EXPECT_EQ(bus.ReadRegister16(0x7A, 0x33, 0x8C, acks), 0x2703);
-}
-
-TEST(EmulatedSoftBus, AnAddressWithNoDeviceIsNotAcknowledged) {
-  EmulatedCamera cam(Mi2020OnRevision1());
-  DriverSoftBus bus{cam};
-  uint8_t acks[4] = {0, 0, 0, 0};
   // The MI2021's address on a camera that carries an MI2020.
   EXPECT_EQ(bus.ReadRegister16(0x78, 0x00, 0x00, acks), 0xFFFF);
   for (int i = 0; i < 4; ++i) EXPECT_EQ(acks[i], 0x40) << "byte " << i;
@@ -170,10 +130,9 @@ TEST(EmulatedSoftBus, AnAddressWithNoDeviceIsNotAcknowledged) {
 // acknowledge, "n" a byte read with no acknowledge. Returns the acknowledge
 // levels of the bytes sent ('A' low, 'N' high) and the bytes read, in order.
 std::string PlayTransfer(EmulatedCamera& cam, const std::string& script) {
-  uint8_t lines = 0x60;  // clock and data high
-  auto drive = [&](bool clock, bool data) {
-    lines = uint8_t((clock ? 0x20 : 0) | (data ? 0x40 : 0));
-    Write(cam, 0, 7, lines);
+  // Each pair of levels is written to register 7 in turn: clock bit 5, data bit 6.
+  auto drive = [&](std::initializer_list<std::pair<bool, bool>> steps) {
+    for (const auto& [clock, data] : steps) Write(cam, 0, 7, uint8_t((clock ? 0x20 : 0) | (data ? 0x40 : 0)));
   };
   auto dataLevel = [&]() {
     uint8_t value = 0;
@@ -181,49 +140,38 @@ std::string PlayTransfer(EmulatedCamera& cam, const std::string& script) {
     return (value & 0x40) != 0;
   };
   Write(cam, 0, 13, 0x60);
-  drive(true, true);
+  drive({{true, true}});
   std::string result;
   for (size_t i = 0; i < script.size(); ++i) {
     const char c = script[i];
-    if (c == ' ') continue;
     if (c == 'S') {
-      drive(false, true);
-      drive(true, true);
-      drive(true, false);
-      drive(false, false);
+      drive({{false, true}, {true, true}, {true, false}, {false, false}});
     } else if (c == 'P') {
-      drive(false, false);
-      drive(true, false);
-      drive(true, true);
+      drive({{false, false}, {true, false}, {true, true}});
     } else if (c == 'r' || c == 'n') {
       Write(cam, 0, 13, 0x20);  // release data
       uint8_t byte = 0;
       for (int bit = 0; bit < 8; ++bit) {
-        drive(true, true);
+        drive({{true, true}});
         byte = uint8_t(byte << 1 | (dataLevel() ? 1 : 0));
-        drive(false, true);
+        drive({{false, true}});
       }
       Write(cam, 0, 13, 0x60);
-      drive(false, c == 'n');
-      drive(true, c == 'n');
-      drive(false, c == 'n');
+      const bool nack = c == 'n';
+      drive({{false, nack}, {true, nack}, {false, nack}});
       char text[3];
       std::snprintf(text, sizeof text, "%02X", byte);
       result += text;
     } else if (std::isxdigit(uint8_t(c)) && i + 1 < script.size()) {
-      const uint8_t byte = uint8_t(std::stoi(script.substr(i, 2), nullptr, 16));
-      ++i;
+      const uint8_t byte = uint8_t(std::stoi(script.substr(i++, 2), nullptr, 16));
       for (int bit = 7; bit >= 0; --bit) {
         const bool level = (byte >> bit) & 1;
-        drive(false, level);
-        drive(true, level);
-        drive(false, level);
+        drive({{false, level}, {true, level}, {false, level}});
       }
       Write(cam, 0, 13, 0x20);  // release data for the acknowledge
-      drive(false, true);
-      drive(true, true);
+      drive({{false, true}, {true, true}});
       result += dataLevel() ? 'N' : 'A';
-      drive(false, true);
+      drive({{false, true}});
       Write(cam, 0, 13, 0x60);
     }
   }
@@ -253,10 +201,7 @@ TEST(EmulatedSoftBus, RecordedTransfersWriteAndReadRegisters) {
       {EmulatedSensorKind::OV7670, "S 30 00 P", "NN", 0x42, 0x0055, 0x0000},
   };
   for (const Case& c : cases) {
-    EmulatedCameraConfig config;
-    config.sensors = {EmulatedSensorConfig{c.kind}};
-    config.bcdDevice = 0x0100;
-    EmulatedCamera cam(config);
+    EmulatedCamera cam(WithSensor(c.kind, 0x0100));
     EXPECT_EQ(PlayTransfer(cam, c.script), c.answer) << c.script;
     uint16_t value = 0xEEEE;
     ASSERT_TRUE(cam.PeekSensorRegister(c.bus, c.reg, &value));

@@ -1,10 +1,12 @@
 // The emulated camera's USB identity and its isochronous stream: descriptors
 // as the driver walks them, packet sizes and headers at each alternate
 // setting, the frame each mode produces, the frame rate, the button, and the
-// picture's response to the sensor's registers.
+// sensor state each frame is drawn with.
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <functional>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -67,6 +69,7 @@ TEST(EmulatedUsbIdentity, DescriptorsCarryTheChipRevisionAndTheStreamingInterfac
       {"vendor-specific interface", true, false, 0, {}, -1, 0xFFFF, 0x0200},
   };
   for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
     EmulatedCameraConfig config;
     config.highSpeed = c.highSpeed;
     config.streamingInterfaceClass14 = c.class14;
@@ -76,24 +79,23 @@ TEST(EmulatedUsbIdentity, DescriptorsCarryTheChipRevisionAndTheStreamingInterfac
     EmulatedCamera cam(config);
     const std::vector<uint8_t> device = cam.DeviceDescriptorBytes();
     ASSERT_EQ(device.size(), 18u);
-    EXPECT_EQ(device[0], 18);
-    EXPECT_EQ(device[1], 1);
+    EXPECT_TRUE(device[0] == 18 && device[1] == 1);
     EXPECT_EQ(device[12] | device[13] << 8, c.bcdDevice) << "bcdDevice, little-endian at 12";
     EXPECT_EQ(cam.DeviceDescriptor().bcdDevice, c.bcdDevice);
     const std::vector<uint8_t> bytes = cam.ConfigurationDescriptorBytes();
-    ASSERT_GE(bytes.size(), 9u) << c.name;
-    EXPECT_EQ(bytes[1], 2) << c.name;
-    EXPECT_EQ(size_t(bytes[2] | bytes[3] << 8), bytes.size()) << c.name << ": wTotalLength";
-    EXPECT_EQ(bytes[4], c.before + 1) << c.name << ": bNumInterfaces";
+    ASSERT_GE(bytes.size(), 9u);
+    EXPECT_EQ(bytes[1], 2);
+    EXPECT_EQ(size_t(bytes[2] | bytes[3] << 8), bytes.size()) << "wTotalLength";
+    EXPECT_EQ(bytes[4], c.before + 1) << "bNumInterfaces";
     const Walk walk = WalkConfiguration(bytes);
-    EXPECT_EQ(walk.found, c.class14) << c.name;
-    EXPECT_EQ(walk.idleSetting, c.idleSetting) << c.name;
-    EXPECT_EQ(walk.smallest, c.smallest) << c.name;
+    EXPECT_EQ(walk.found, c.class14);
+    EXPECT_EQ(walk.idleSetting, c.idleSetting);
+    EXPECT_EQ(walk.smallest, c.smallest);
     if (c.class14) {
-      EXPECT_EQ(walk.interfaceNumber, c.before) << c.name;
-      EXPECT_EQ(walk.settings, cam.AlternateSettingCount()) << c.name;
+      EXPECT_EQ(walk.interfaceNumber, c.before);
+      EXPECT_EQ(walk.settings, cam.AlternateSettingCount());
     }
-    EXPECT_EQ(cam.StreamingInterfaceNumber(), c.before) << c.name;
+    EXPECT_EQ(cam.StreamingInterfaceNumber(), c.before);
   }
 }
 
@@ -114,11 +116,12 @@ TEST(EmulatedStream, PacketsFitEachAlternateSettingAndCarryTheHeader) {
     uint32_t capacity;  // bytes per (micro)frame
   };
   const Case cases[] = {
-      {false, 1, 4, 128},  {false, 2, 4, 384},  {false, 3, 4, 640},  {false, 4, 2, 896},
-      {false, 5, 12, 1023}, {true, 1, 4, 128},  {true, 2, 4, 512},   {true, 3, 2, 1024},
-      {true, 4, 4, 2048},  {true, 5, 12, 3072},
+      {false, 1, 4, 128},   {false, 2, 4, 384}, {false, 3, 4, 640}, {false, 4, 2, 896},
+      {false, 5, 12, 1023}, {true, 1, 4, 128},  {true, 2, 4, 512},  {true, 3, 2, 1024},
+      {true, 4, 4, 2048},   {true, 5, 12, 3072},
   };
   for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << "capacity " << c.capacity);
     EmulatedCamera cam(Ov7670(c.highSpeed, c.headerLength));
     ASSERT_TRUE(WriteAll(cam, kSmallYuyv));
     ASSERT_EQ(StartStream(cam, c.setting), STATUS_SUCCESS);
@@ -134,16 +137,15 @@ TEST(EmulatedStream, PacketsFitEachAlternateSettingAndCarryTheHeader) {
         ASSERT_LT(++pulled, 100000u);
         if (!packet.empty()) frame.push_back(packet);
       }
-      ASSERT_EQ(frame.size(), (38400 + payload - 1) / payload + 2) << "capacity " << c.capacity;
+      ASSERT_EQ(frame.size(), (38400 + payload - 1) / payload + 2);
       size_t bytes = 0;
       for (size_t i = 0; i < frame.size(); ++i) {
         const std::vector<uint8_t>& p = frame[i];
         const bool edge = i == 0 || i + 1 == frame.size();
         ASSERT_EQ(p[0], c.headerLength);
         EXPECT_EQ(p[1], i + 1 == frame.size() ? 0x02 : 0x00) << "packet " << i;
-        if (edge || i + 2 < frame.size()) {
-          EXPECT_EQ(p.size(), edge ? c.headerLength : c.capacity);
-        }
+        EXPECT_TRUE(!(edge || i + 2 < frame.size()) ||
+                    p.size() == (edge ? c.headerLength : c.capacity)) << "packet " << i;
         bytes += p.size() - p[0];
       }
       EXPECT_EQ(bytes, 38400u);
@@ -158,11 +160,6 @@ TEST(EmulatedStream, PacketsFitEachAlternateSettingAndCarryTheHeader) {
   EXPECT_FALSE(cam.NextPacket(&packet));
   EXPECT_EQ(cam.SelectAlternateSetting(6), STATUS_INVALID_PARAMETER);
 }
-
-// OV2640 640 x 480 Bayer: sensor bank SVGA, DSP bank raw, 160 x 120 in fours.
-const std::vector<RegisterWrite> kOv2640VgaBayer = {{0x60, 0xFF, 0x01}, {0x60, 0x12, 0x40},
-                                                    {0x60, 0xFF, 0x00}, {0x60, 0x05, 0x01},
-                                                    {0x60, 0x5A, 0xA0}, {0x60, 0x5B, 0x78}};
 
 TEST(EmulatedStream, FrameLengthFollowsTheModeTheScriptWrote) {
   struct VariableWrite {
@@ -179,10 +176,13 @@ TEST(EmulatedStream, FrameLengthFollowsTheModeTheScriptWrote) {
     bool twoLinesShort = false;
   };
   const uint8_t ov = 0x60;
+  // OV2640: sensor bank SVGA, then the DSP bank.
   auto svga = [&](std::vector<RegisterWrite> more) {
     more.insert(more.begin(), {{ov, 0xFF, 0x01}, {ov, 0x12, 0x40}, {ov, 0xFF, 0x00}});
     return more;
   };
+  // 640 x 480 Bayer: DSP bank raw, 160 x 120 in fours.
+  const auto vgaBayer = svga({{ov, 0x05, 0x01}, {ov, 0x5A, 0xA0}, {ov, 0x5B, 0x78}});
   const Case cases[] = {
       {"OV7670 power-on", K::OV7670, {}, {}, 640, 480, L::Yuyv, 614400},
       {"OV7670 VGA Bayer", K::OV7670, {{0x42, 0x12, 0x01}}, {}, 640, 480, L::Bayer, 307200},
@@ -195,9 +195,9 @@ TEST(EmulatedStream, FrameLengthFollowsTheModeTheScriptWrote) {
       {"OV2640 1280x960 Bayer", K::OV2640,
        {{ov, 0x05, 0x01}, {ov, 0x5A, 0x40}, {ov, 0x5B, 0xF0}, {ov, 0x5C, 0x01}}, {}, 1280, 960,
        L::Bayer, 1228800},
-      {"OV2640 VGA Bayer", K::OV2640, kOv2640VgaBayer, {}, 640, 480, L::Bayer, 307200},
-      {"OV2640 VGA Bayer two lines short", K::OV2640, kOv2640VgaBayer, {}, 640, 480, L::Bayer,
-       305920, true},
+      {"OV2640 VGA Bayer", K::OV2640, vgaBayer, {}, 640, 480, L::Bayer, 307200},
+      {"OV2640 VGA Bayer two lines short", K::OV2640, vgaBayer, {}, 640, 480, L::Bayer, 305920,
+       true},
       {"OV2640 QVGA YUYV", K::OV2640, svga({{ov, 0x5A, 0x50}, {ov, 0x5B, 0x3C}}), {}, 320, 240,
        L::Yuyv, 153600},
       {"OV2640 QCIF 4:2:0", K::OV2640,
@@ -220,34 +220,32 @@ TEST(EmulatedStream, FrameLengthFollowsTheModeTheScriptWrote) {
        240, L::Bayer, 76800},
   };
   for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
     const bool revision1 = c.kind == K::MI2020;
     EmulatedCameraConfig config = WithSensor(c.kind, revision1 ? 0x0100 : 0x0200);
     config.framesTwoLinesShort = c.twoLinesShort;
     EmulatedCamera cam(config);
-    ASSERT_TRUE(WriteAll(cam, c.writes)) << c.name;
-    const uint8_t bus = revision1 ? 0x7A : 0x78;
+    ASSERT_TRUE(WriteAll(cam, c.writes));
     for (const VariableWrite& v : c.variables) {
       if (!revision1) {
-        WriteVariable(cam, bus, v.address, v.value);
+        WriteVariable(cam, 0x78, v.address, v.value);
         continue;
       }
       // WRITEEX 7A 338C 2703 on revision 1: request 3, wIndex 0x33.
-      ASSERT_EQ(Send(cam, 3, 0x7A00, 0x33, {0x8C, uint8_t(v.address >> 8), uint8_t(v.address)}),
-                STATUS_SUCCESS);
-      ASSERT_EQ(Send(cam, 3, 0x7A00, 0x33, {0x90, uint8_t(v.value >> 8), uint8_t(v.value)}),
-                STATUS_SUCCESS);
+      for (const auto& [low, word] : {std::pair{0x8C, v.address}, std::pair{0x90, v.value}}) {
+        ASSERT_EQ(Send(cam, 3, 0x7A00, 0x33, {uint8_t(low), uint8_t(word >> 8), uint8_t(word)}),
+                  STATUS_SUCCESS);
+      }
     }
     const WireFrameInfo info = cam.CurrentWireFrame();
-    EXPECT_EQ(info.width, c.width) << c.name;
-    EXPECT_EQ(info.height, c.height) << c.name;
-    EXPECT_EQ(info.layout, c.layout) << c.name;
-    EXPECT_EQ(info.frameBytes, c.bytes) << c.name;
+    EXPECT_EQ(std::tuple(info.width, info.height, info.layout, info.frameBytes),
+              std::tuple(c.width, c.height, c.layout, c.bytes));
     // The stream carries exactly that many bytes a frame.
     ASSERT_EQ(StartStream(cam), STATUS_SUCCESS);
     CollectedFrame frame;
     uint64_t pulled = 0;
-    ASSERT_TRUE(CollectFrame(cam, &frame, &pulled)) << c.name;
-    EXPECT_EQ(frame.bytes.size(), c.bytes) << c.name;
+    ASSERT_TRUE(CollectFrame(cam, &frame, &pulled));
+    EXPECT_EQ(frame.bytes.size(), c.bytes);
   }
 }
 
@@ -270,6 +268,7 @@ TEST(EmulatedStream, FrameRateFollowsTheClockDividerAndTheBandwidth) {
       {"bandwidth bound", false, 0x00, true, 19 * 333333},
   };
   for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
     EmulatedCamera cam(Ov7670(c.highSpeed));
     ASSERT_TRUE(WriteAll(cam, c.vga ? std::vector<RegisterWrite>{} : kSmallYuyv));
     ASSERT_EQ(Write(cam, 0x42, 0x11, c.clockDivider), STATUS_SUCCESS);
@@ -277,12 +276,12 @@ TEST(EmulatedStream, FrameRateFollowsTheClockDividerAndTheBandwidth) {
     uint64_t pulled = 0, first = 0;
     for (int f = 0; f < 4; ++f) {
       CollectedFrame frame;
-      ASSERT_TRUE(CollectFrame(cam, &frame, &pulled)) << c.name;
+      ASSERT_TRUE(CollectFrame(cam, &frame, &pulled));
       if (f == 0) first = frame.startPacket;
       const int64_t start = int64_t(frame.startPacket - first) * cam.IsoInterval100ns();
-      EXPECT_NEAR(double(start), double(c.period * f), double(cam.IsoInterval100ns())) << c.name;
+      EXPECT_NEAR(double(start), double(c.period * f), double(cam.IsoInterval100ns()));
     }
-    EXPECT_EQ(cam.CurrentWireFrame().framePeriod100ns, 333333 * (c.clockDivider + 1)) << c.name;
+    EXPECT_EQ(cam.CurrentWireFrame().framePeriod100ns, 333333 * (c.clockDivider + 1));
   }
 }
 
@@ -297,11 +296,11 @@ TEST(EmulatedStream, ButtonShowsInTheHeaderAndRegisterFromItsFrame) {
   for (int f = 0; f < 5; ++f) {
     CollectedFrame frame;
     ASSERT_TRUE(CollectFrame(cam, &frame, &pulled));
-    EXPECT_EQ((frame.flagsOr & 0x20) != 0, down[f]) << "frame " << f;
-    EXPECT_EQ((frame.endFlags & 0x20) != 0, down[f]) << "frame " << f;
     uint8_t r7 = 0;
     ASSERT_EQ(Read(cam, 0, 7, &r7), STATUS_SUCCESS);
-    EXPECT_EQ((r7 & 1) != 0, down[f]) << "frame " << f;
+    EXPECT_EQ(std::tuple((frame.flagsOr & 0x20) != 0, (frame.endFlags & 0x20) != 0, (r7 & 1) != 0),
+              std::tuple(down[f], down[f], down[f]))
+        << "frame " << f;
   }
 }
 
@@ -332,38 +331,6 @@ TEST(EmulatedStream, StreamStopsAndStartsOnRequestFive) {
   EXPECT_EQ(frame.startPacket, 0u) << "a frame begins at once";
 }
 
-std::vector<uint8_t> OneFrame(EmulatedCamera& cam) {
-  if (cam.CurrentAlternateSetting() != 5) cam.SelectAlternateSetting(5);
-  cam.ControlTransfer(5, 1, 0, nullptr, nullptr, false);
-  CollectedFrame frame;
-  uint64_t pulled = 0;
-  CollectFrame(cam, &frame, &pulled);
-  cam.ControlTransfer(5, 0, 0, nullptr, nullptr, false);
-  return frame.bytes;
-}
-
-TEST(EmulatedStream, MirrorAndFlipReverseTheWirePicture) {
-  const uint32_t w = 640, h = 480;
-  EmulatedCamera cam(Ov7670());
-  const std::vector<uint8_t> plain = OneFrame(cam);
-  ASSERT_EQ(plain.size(), size_t(w) * h * 2);
-  for (const bool mirror : {true, false}) {
-    ASSERT_EQ(Write(cam, 0x42, 0x1E, mirror ? 0x20 : 0x10), STATUS_SUCCESS);
-    const std::vector<uint8_t> turned = OneFrame(cam);
-    ASSERT_EQ(turned.size(), plain.size());
-    EXPECT_NE(turned, plain);
-    size_t wrong = 0;
-    for (uint32_t y = 0; y < h; y += 7) {
-      for (uint32_t x = 0; x < w; ++x) {
-        const size_t from = mirror ? size_t(y) * w + w - 1 - x : size_t(h - 1 - y) * w + x;
-        wrong += turned[(size_t(y) * w + x) * 2] != plain[from * 2];
-      }
-    }
-    EXPECT_EQ(wrong, 0u) << (mirror ? "mirror" : "flip");
-  }
-}
-
-// The OV7670's bits are checked on its picture above.
 TEST(EmulatedStream, EachSensorHasItsMirrorAndFlipBits) {
   struct Case {
     EmulatedSensorKind kind;
@@ -372,6 +339,8 @@ TEST(EmulatedStream, EachSensorHasItsMirrorAndFlipBits) {
     bool mirror, flip;
   };
   const Case cases[] = {
+      {K::OV7670, {{0x42, 0x1E, 0x20}}, {}, true, false},
+      {K::OV7670, {{0x42, 0x1E, 0x10}}, {}, false, true},
       {K::OV2640, {{0x60, 0xFF, 0x01}, {0x60, 0x04, 0x80}}, {}, true, false},
       {K::OV2640, {{0x60, 0xFF, 0x01}, {0x60, 0x04, 0x40}}, {}, false, true},
       {K::OV2640, {{0x60, 0x04, 0xC0}}, {}, false, false},  // DSP bank: no effect
@@ -382,56 +351,8 @@ TEST(EmulatedStream, EachSensorHasItsMirrorAndFlipBits) {
     EmulatedCamera cam(WithSensor(c.kind));
     ASSERT_TRUE(WriteAll(cam, c.writes));
     for (uint16_t v : c.quadAt0020) ASSERT_EQ(WriteQuad(cam, 0x78, 0x0020, v), STATUS_SUCCESS);
-    EXPECT_EQ(cam.CurrentWireFrame().mirror, c.mirror) << int(c.kind);
-    EXPECT_EQ(cam.CurrentWireFrame().flip, c.flip) << int(c.kind);
-  }
-}
-
-TEST(EmulatedStream, ExposureGainAndBrightnessChangeThePicture) {
-  struct Case {
-    const char* name;
-    RegisterWrite write;
-    double lumaChangeLow, lumaChangeHigh;  // against the power-on picture
-  };
-  // Mean luma of the power-on picture is about 120; a brightness of +32 adds
-  // 32 to each colour, which is (66 + 129 + 25) / 256 x 32 = 27.5 luma where
-  // nothing clips (the white and yellow bars do): between 18 and 28.
-  const Case cases[] = {
-      {"brightness +32", {0x42, 0x55, 0x20}, 18, 28},
-      {"brightness -32", {0x42, 0x55, 0xE0}, -28, -18},
-      {"exposure doubled", {0x42, 0x10, 0x80}, 20, 100},
-      {"exposure halved", {0x42, 0x10, 0x20}, -60, -20},
-      {"gain doubled", {0x42, 0x00, 0x10}, 20, 100},
-      {"gain unity written", {0x42, 0x00, 0x00}, 0, 0},
-  };
-  EmulatedCamera reference(Ov7670());
-  ASSERT_TRUE(WriteAll(reference, kSmallYuyv));
-  const double base = MeanLuma(OneFrame(reference));
-  EXPECT_GT(base, 80);
-  EXPECT_LT(base, 160);
-  for (const Case& c : cases) {
-    EmulatedCamera cam(Ov7670());
-    ASSERT_TRUE(WriteAll(cam, kSmallYuyv));
-    ASSERT_TRUE(WriteAll(cam, {c.write}));
-    const double change = MeanLuma(OneFrame(cam)) - base;
-    EXPECT_GE(change, c.lumaChangeLow) << c.name;
-    EXPECT_LE(change, c.lumaChangeHigh) << c.name;
-  }
-}
-
-TEST(EmulatedStream, BayerFramesStartWithBlueThenGreen) {
-  EmulatedCamera cam;  // OV2640
-  ASSERT_TRUE(WriteAll(cam, kOv2640VgaBayer));
-  const std::vector<uint8_t> frame = OneFrame(cam);
-  ASSERT_EQ(frame.size(), 640u * 480);
-  // The second of eight bars is yellow (red and green, no blue); the fifth
-  // magenta (red and blue, no green). Line 200, well inside each bar.
-  // x, y, lit: B G / G R at (120, 200) in yellow, at (360, 200) in magenta.
-  for (const auto& [x, y, lit] : {std::tuple{120, 200, false}, {121, 200, true}, {121, 201, true},
-                                  {360, 200, true}, {361, 200, false}, {360, 201, false},
-                                  {361, 201, true}}) {
-    const uint8_t sample = frame[size_t(y) * 640 + x];
-    EXPECT_TRUE(lit ? sample > 150 : sample < 40) << x << "," << y << ": " << int(sample);
+    const WireFrameInfo info = cam.CurrentWireFrame();
+    EXPECT_EQ(std::pair(info.mirror, info.flip), std::pair(c.mirror, c.flip)) << int(c.kind);
   }
 }
 
@@ -448,6 +369,73 @@ TEST(EmulatedStream, WireRegistersAgreeWhenTheScriptWritesTheSensorsMode) {
   EXPECT_FALSE(cam.WireRegistersAgree()) << "Bayer said, YUYV sent";
 }
 
+// The camera's built-in picture, drawn as the stream asks for it: mirror and
+// flip reverse it, the light and the brightness move its levels, its Bayer
+// frames start B G / G R, and a lens blurs the bar edges away from the focus.
+TEST(EmulatedStream, BuiltInPictureFollowsOrientationLightAndLens) {
+  auto draw = [](uint32_t w, uint32_t h, L layout, std::function<void(FrameRequest*)> change) {
+    FrameRequest r;
+    std::tie(r.width, r.height, r.layout) = std::tuple(w, h, layout);
+    r.arrayWidth = r.fieldWidth = 640;
+    r.arrayHeight = r.fieldHeight = 480;
+    change(&r);
+    std::vector<uint8_t> bytes;
+    TestPatternSource().Render(r, &bytes);
+    EXPECT_EQ(bytes.size(), WireFrameBytes(w, h, layout));
+    return bytes;
+  };
+  const uint32_t w = 160, h = 120;
+  const std::vector<uint8_t> vga = draw(640, 480, L::Yuyv, [](FrameRequest*) {});
+  for (const bool mirror : {true, false}) {
+    const std::vector<uint8_t> turned =
+        draw(640, 480, L::Yuyv, [&](FrameRequest* r) { (mirror ? r->mirror : r->flip) = true; });
+    size_t wrong = 0;
+    for (uint32_t y = 0; y < 480; y += 7) {
+      for (uint32_t x = 0; x < 640; ++x) {
+        const size_t from = mirror ? size_t(y) * 640 + 639 - x : size_t(479 - y) * 640 + x;
+        wrong += turned[(size_t(y) * 640 + x) * 2] != vga[from * 2];
+      }
+    }
+    EXPECT_NE(turned, vga);
+    EXPECT_EQ(wrong, 0u) << (mirror ? "mirror" : "flip");
+  }
+  // Mean luma of the plain picture is about 120; a brightness of +32 adds 32
+  // to each colour, which is (66 + 129 + 25) / 256 x 32 = 27.5 luma where
+  // nothing clips (the white and yellow bars do): between 18 and 28.
+  const double base = MeanLuma(draw(w, h, L::Yuyv, [](FrameRequest*) {}));
+  EXPECT_TRUE(base > 80 && base < 160) << base;
+  const std::tuple<const char*, void (*)(FrameRequest*), double, double> light[] = {
+      {"brightness +32", [](FrameRequest* r) { r->brightness = 32; }, 18, 28},
+      {"brightness -32", [](FrameRequest* r) { r->brightness = -32; }, -28, -18},
+      {"light doubled", [](FrameRequest* r) { r->lightScale256 = 512; }, 20, 100},
+      {"light halved", [](FrameRequest* r) { r->lightScale256 = 128; }, -60, -20}};
+  for (const auto& [name, change, low, high] : light) {
+    const double moved = MeanLuma(draw(w, h, L::Yuyv, change)) - base;
+    EXPECT_TRUE(moved >= low && moved <= high) << name << ": " << moved;
+  }
+  // The second of eight bars is yellow (red and green, no blue); the fifth
+  // magenta (red and blue, no green). Line 200, well inside each bar.
+  const std::vector<uint8_t> bayer = draw(640, 480, L::Bayer, [](FrameRequest*) {});
+  for (const auto& [x, y, lit] : {std::tuple{120, 200, false}, {121, 200, true}, {121, 201, true},
+                                  {360, 200, true}, {361, 200, false}, {360, 201, false},
+                                  {361, 201, true}}) {
+    const uint8_t sample = bayer[size_t(y) * 640 + x];
+    EXPECT_TRUE(lit ? sample > 150 : sample < 40) << x << "," << y << ": " << int(sample);
+  }
+  // Seven bar edges across a line; at the focus each is one jump of more
+  // than 16. Sixty steps away an edge spreads over 2 x 60 x 640 / 800 / 4 =
+  // 24 pixels.
+  for (const auto& [at, fewest, most] :
+       {std::tuple{100, 7, 7}, {96, 0, 6}, {40, 0, 2}, {150, 0, 3}}) {
+    const std::vector<uint8_t> f = draw(w, h, L::Yuyv, [at = at](FrameRequest* r) {
+      r->lensFitted = true, r->lensFocusPosition = 100, r->lensPosition = at;
+    });
+    int edges = 0;
+    for (uint32_t x = 1; x < w; ++x) edges += std::abs(f[(100 * w + x) * 2] - f[(100 * w + x) * 2 - 2]) > 16;
+    EXPECT_TRUE(edges >= fewest && edges <= most) << "lens at " << at << ": " << edges;
+  }
+}
+
 struct CountingSource : FrameSource {
   std::vector<FrameRequest> requests;
   void Render(const FrameRequest& request, std::vector<uint8_t>* bytes) override {
@@ -456,28 +444,53 @@ struct CountingSource : FrameSource {
   }
 };
 
+// What the picture is drawn with comes from the sensor's registers; the
+// scene's own tests check how it is drawn.
 TEST(EmulatedStream, FrameSourceSeesTheSensorStateOfEachFrame) {
-  auto source = std::make_shared<CountingSource>();
-  EmulatedCameraConfig config = Ov7670();
-  config.frameSource = source;
-  config.lens = EmulatedLensKind::NoHomeSwitch;
-  config.lensStartPosition = 33;
-  EmulatedCamera cam(config);
-  ASSERT_TRUE(WriteAll(cam, kSmallYuyv));
-  ASSERT_TRUE(WriteAll(cam, {{0x42, 0x1E, 0x30}, {0x42, 0x55, 0xF0}, {0x42, 0x00, 0x08}}));
-  const std::vector<uint8_t> frame = OneFrame(cam);
-  ASSERT_EQ(source->requests.size(), 1u);
-  const FrameRequest& r = source->requests[0];
-  EXPECT_EQ(std::tuple(r.width, r.height, r.layout), std::tuple(160u, 120u, L::Yuyv));
-  EXPECT_STREQ(r.sensorName, "OV7670");
-  EXPECT_TRUE(r.mirror && r.flip);
-  EXPECT_EQ(r.brightness, -16);
-  EXPECT_EQ(r.gain16, 24u);
-  EXPECT_EQ(r.lightScale256, 384u) << "unity exposure, gain 1.5";
-  EXPECT_TRUE(r.lensFitted && r.lensPosition == 33) << r.lensPosition;
-  ASSERT_EQ(frame.size(), 38400u);
-  EXPECT_EQ(frame[9], 0x5A);
-  EXPECT_EQ(frame[10], 0x00);
+  struct Case {
+    const char* name;
+    std::vector<RegisterWrite> writes;
+    bool mirror, flip;
+    int32_t brightness;
+    uint32_t gain16, light;
+  };
+  // OV7670: exposure AECH x 4 lines against 256 (power-on 0x40), gain
+  // 16 + GAIN sixteenths, brightness a two's complement offset.
+  const Case cases[] = {
+      {"power-on", {}, false, false, 0, 16, 256},
+      {"mirror, flip, brightness -16, gain 1.5", {{0x42, 0x1E, 0x30}, {0x42, 0x55, 0xF0},
+       {0x42, 0x00, 0x08}}, true, true, -16, 24, 384},
+      {"brightness +32", {{0x42, 0x55, 0x20}}, false, false, 32, 16, 256},
+      {"exposure doubled", {{0x42, 0x10, 0x80}}, false, false, 0, 16, 512},
+      {"exposure halved", {{0x42, 0x10, 0x20}}, false, false, 0, 16, 128},
+      {"gain doubled, exposure doubled", {{0x42, 0x00, 0x10}, {0x42, 0x10, 0x80}}, false, false, 0,
+       32, 1024},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    auto source = std::make_shared<CountingSource>();
+    EmulatedCameraConfig config = Ov7670();
+    config.frameSource = source;
+    config.lens = EmulatedLensKind::NoHomeSwitch;
+    config.lensStartPosition = 33;
+    EmulatedCamera cam(config);
+    ASSERT_TRUE(WriteAll(cam, kSmallYuyv));
+    ASSERT_TRUE(WriteAll(cam, c.writes));
+    ASSERT_EQ(StartStream(cam), STATUS_SUCCESS);
+    CollectedFrame frame;
+    uint64_t pulled = 0;
+    ASSERT_TRUE(CollectFrame(cam, &frame, &pulled));
+    ASSERT_GE(source->requests.size(), 1u);
+    const FrameRequest& r = source->requests[0];
+    EXPECT_EQ(std::tuple(r.width, r.height, r.layout), std::tuple(160u, 120u, L::Yuyv));
+    EXPECT_STREQ(r.sensorName, "OV7670");
+    EXPECT_EQ(std::tuple(r.mirror, r.flip, r.brightness, r.gain16, r.lightScale256),
+              std::tuple(c.mirror, c.flip, c.brightness, c.gain16, c.light));
+    EXPECT_TRUE(r.lensFitted && r.lensPosition == 33 && r.lensFocusPosition == 100)
+        << r.lensPosition << " " << r.lensFocusPosition;
+    ASSERT_EQ(frame.bytes.size(), 38400u);
+    EXPECT_TRUE(frame.bytes[9] == 0x5A && frame.bytes[10] == 0x00) << "padded after the 10 bytes";
+  }
 }
 
 }  // namespace
