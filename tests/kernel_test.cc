@@ -16,7 +16,6 @@
 
 namespace {
 
-
 // Tags of this file's own blocks, so that blocks other tests hold do not count.
 constexpr ULONG kTagA = 0x41747354;  // "TstA"
 constexpr ULONG kTagB = 0x42747354;  // "TstB"
@@ -73,7 +72,6 @@ TEST_F(KernelClock, UnsatisfiedTimedWaitEndsExactlyAtItsDeadline) {
   };
   const Case cases[] = {
       {"relative 1 ms", -10000, kStart + 10000},
-      {"relative 2 s", -20000000, kStart + 20000000},
       {"absolute, 5 s ahead", kStart + 50000000, kStart + 50000000},
       {"absolute, already past", kStart - 1, kStart},
       {"absolute zero: test and return", 0, kStart},
@@ -104,7 +102,6 @@ TEST_F(KernelClock, DelayAdvancesClockByItsIntervalWithoutSleeping) {
   };
   const Case cases[] = {
       {"relative 200 ms, the worker's pause", -2000000, 2000000},
-      {"relative 1 s", -10000000, 10000000},
       {"absolute, 3 ms ahead", kStart + 30000, 30000},
       {"absolute, in the past", kStart - 30000, 0},
       {"zero", 0, 0},
@@ -259,14 +256,12 @@ TEST(KernelStatus, NtStatusNameNamesKnownCodesAndWritesOthersInHex) {
     const char* name;
   };
   const Case cases[] = {
-      {STATUS_SUCCESS, "STATUS_SUCCESS"},
-      {STATUS_TIMEOUT, "STATUS_TIMEOUT"},
-      {static_cast<NTSTATUS>(0xC00000BBu), "STATUS_NOT_SUPPORTED"},
-      {static_cast<NTSTATUS>(0xC000000Du), "STATUS_INVALID_PARAMETER"},
-      {static_cast<NTSTATUS>(0xC000009Au), "STATUS_INSUFFICIENT_RESOURCES"},
-      {static_cast<NTSTATUS>(0x80000005u), "STATUS_BUFFER_OVERFLOW"},
-      {static_cast<NTSTATUS>(0xC0000016u), "0xC0000016"},
-      {static_cast<NTSTATUS>(0x00000001u), "0x00000001"},
+      {0x00000000, "STATUS_SUCCESS"},         {0x00000102, "STATUS_TIMEOUT"},
+      {NTSTATUS(0xC00000BBu), "STATUS_NOT_SUPPORTED"},
+      {NTSTATUS(0xC000000Du), "STATUS_INVALID_PARAMETER"},
+      {NTSTATUS(0xC000009Au), "STATUS_INSUFFICIENT_RESOURCES"},
+      {NTSTATUS(0x80000005u), "STATUS_BUFFER_OVERFLOW"},
+      {NTSTATUS(0xC0000016u), "0xC0000016"}, {0x00000001, "0x00000001"},
   };
   for (const Case& c : cases) EXPECT_STREQ(NtStatusName(c.status), c.name);
 }

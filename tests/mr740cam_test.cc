@@ -1,23 +1,30 @@
-// mr740cam's camera commands and picture files: PNG pictures that libpng
-// reads back with the right size and colour, YUV4MPEG2 videos laid out as
-// players expect, clear refusals of bad arguments and bad descriptions, and
-// a capture through driver, host and emulated camera into files.
+// mr740cam: PNG pictures that libpng reads back with the right size and
+// colour, YUV4MPEG2 videos laid out as players expect; the registry commands,
+// whose values one run writes and the next finds; the script checker and
+// converter; clear refusals of bad arguments and bad descriptions; and a
+// capture through driver, host and emulated camera into files.
 
 #include <gtest/gtest.h>
 #include <png.h>
+#include <unistd.h>
 
-#include <cmath>
+#include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "core/host_contract.h"
 #include "platform/files_control.h"
+#include "platform/handles.h"
 #include "platform/kernel_control.h"
 #include "platform/registry_control.h"
+#include "tools/camera_catalog.h"
 #include "tools/camera_info_tool.h"
 #include "tools/capture_tool.h"
 #include "tools/picture_files.h"
@@ -27,39 +34,98 @@
 namespace {
 
 namespace fs = std::filesystem;
+using Lines = std::vector<std::string>;
 
-std::vector<uint8_t> FileBytes(const fs::path& path) {
+std::string FileText(const fs::path& path) {
   std::ifstream file(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
-class PictureFiles : public ::testing::Test {
+std::string TakeText(FILE* file) {
+  std::rewind(file);
+  std::string text;
+  char chunk[4096];
+  for (size_t n; (n = std::fread(chunk, 1, sizeof chunk, file)) > 0;) text.append(chunk, n);
+  std::fclose(file);
+  return text;
+}
+
+Lines SplitLines(const std::string& text) {
+  Lines lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
+// A fresh temporary folder per test, a registry file in it, no file handle left.
+class Mr740cam : public ::testing::Test {
  protected:
   void SetUp() override {
-    folder_ = fs::temp_directory_path() / ("mr740-pictures-" + std::to_string(::getpid()));
+    static std::atomic<int> serial{0};
+    ResetRegistry();
+    folder_ = fs::temp_directory_path() /
+              ("mr740cam-" + std::to_string(::getpid()) + "-" + std::to_string(serial++));
     fs::create_directories(folder_);
+    registry_ = (folder_ / "state" / "registry.reg").string();
+    filesBefore_ = OpenPlatformHandles(HandleKind::File);
   }
-  void TearDown() override { fs::remove_all(folder_); }
+  void TearDown() override {
+    EXPECT_EQ(OpenPlatformHandles(HandleKind::File), filesBefore_) << "a file handle leaked";
+    DetachRegistryFile();
+    UnmapAllDosDrives();
+    ResetRegistry();
+    fs::remove_all(folder_);
+  }
 
-  // Reads a PNG with libpng's own reader, as top-down RGB.
-  static bool ReadPng(const fs::path& path, std::vector<uint8_t>* rgb, uint32_t* w, uint32_t* h) {
-    png_image image;
-    std::memset(&image, 0, sizeof image);
-    image.version = PNG_IMAGE_VERSION;
-    if (!png_image_begin_read_from_file(&image, path.c_str())) return false;
-    image.format = PNG_FORMAT_RGB;
-    rgb->resize(PNG_IMAGE_SIZE(image));
-    *w = image.width;
-    *h = image.height;
-    return png_image_finish_read(&image, nullptr, rgb->data(), 0, nullptr) != 0;
+  // One run of the tool as main runs it: a fresh registry, then the command.
+  int Run(std::vector<std::string> args, std::string* out = nullptr, std::string* err = nullptr) {
+    ResetRegistry();
+    args.insert(args.begin(), "mr740cam");
+    const char* command = args.size() > 1 ? args[1].c_str() : "";
+    const bool registry = IsRegistryToolCommand(command), capture = IsCaptureToolCommand(command),
+               info = IsCameraInfoToolCommand(command);
+    if (registry || capture || info) args.insert(args.begin() + 2, {"--registry", registry_});
+    std::vector<char*> argv;
+    for (std::string& arg : args) argv.push_back(arg.data());
+    argv.push_back(nullptr);
+    int argc = int(args.size());
+    FILE* outFile = std::tmpfile();
+    FILE* errFile = std::tmpfile();
+    int status = 1;
+    if (!registry && !capture && !info) {
+      status = RunScriptToolWithOutput(argc, argv.data(), outFile, errFile);
+    } else if (OpenToolRegistry(TakeRegistryFileOption(&argc, argv.data()), errFile)) {
+      status = registry  ? RunRegistryTool(argc, argv.data(), outFile, errFile)
+               : capture ? RunCaptureTool(argc, argv.data(), outFile, errFile)
+                         : RunCameraInfoTool(argc, argv.data(), outFile, errFile);
+      FlushRegistryFile();
+    }
+    DetachRegistryFile();
+    const std::string outText = TakeText(outFile), errText = TakeText(errFile);
+    if (out) *out = outText;
+    if (err) *err = errText;
+    return status;
+  }
+  std::string In(const std::string& name) const { return (folder_ / name).string(); }
+  std::string Write(const std::string& name, const std::string& text) const {
+    std::ofstream(folder_ / name, std::ios::binary) << text;
+    return In(name);
   }
 
   fs::path folder_;
+  std::string registry_;
+  uint32_t filesBefore_ = 0;
 };
 
-// BT.601 studio range, the colours of the standard's tables: 75 % bars are
-// not needed, the full primaries are Y/Cb/Cr 81/90/240 (red), 145/54/34
-// (green), 41/240/110 (blue), 235/128/128 (white), 16/128/128 (black).
+using PictureFiles = Mr740cam;
+using RegistryTool = Mr740cam;
+using ScriptTool = Mr740cam;
+
+// ---------------------------------------------------------------- picture files
+
+// BT.601 studio range, the colours of the standard's tables: the full
+// primaries are Y/Cb/Cr 81/90/240 (red), 145/54/34 (green), 41/240/110
+// (blue), 235/128/128 (white), 16/128/128 (black).
 struct Colour {
   const char* name;
   uint8_t r, g, b;
@@ -103,48 +169,32 @@ TEST_F(PictureFiles, PngPicturesOfEveryFormatShowTheirColoursTopRowFirst) {
       const std::vector<uint8_t> frame = TwoRowFrame(format, colour, bottom);
       const PictureLayout layout{format, 4, 2};
       ASSERT_EQ(frame.size(), PictureFrameBytes(layout));
-      const fs::path path = folder_ / "picture.png";
       std::string error;
-      ASSERT_TRUE(WritePngPicture(path.string(), frame.data(), frame.size(), layout, &error))
+      ASSERT_TRUE(WritePngPicture(In("picture.png"), frame.data(), frame.size(), layout, &error))
           << error;
-      std::vector<uint8_t> rgb;
-      uint32_t w = 0, h = 0;
-      ASSERT_TRUE(ReadPng(path, &rgb, &w, &h));
-      ASSERT_EQ(w, 4u);
-      ASSERT_EQ(h, 2u);
+      png_image image;  // read back with libpng's own reader, as top-down RGB
+      std::memset(&image, 0, sizeof image);
+      image.version = PNG_IMAGE_VERSION;
+      ASSERT_TRUE(png_image_begin_read_from_file(&image, In("picture.png").c_str()));
+      image.format = PNG_FORMAT_RGB;
+      std::vector<uint8_t> rgb(PNG_IMAGE_SIZE(image));
+      ASSERT_TRUE(image.width == 4 && image.height == 2);
+      ASSERT_TRUE(png_image_finish_read(&image, nullptr, rgb.data(), 0, nullptr));
       // The tables' YCbCr values are rounded: two levels of tolerance.
-      for (int x = 0; x < 4; ++x) {
-        EXPECT_NEAR(rgb[3 * x + 0], colour.r, 2) << "x " << x;
-        EXPECT_NEAR(rgb[3 * x + 1], colour.g, 2) << "x " << x;
-        EXPECT_NEAR(rgb[3 * x + 2], colour.b, 2) << "x " << x;
-        EXPECT_NEAR(rgb[12 + 3 * x + 0], bottom.r, 2) << "bottom x " << x;
-        EXPECT_NEAR(rgb[12 + 3 * x + 1], bottom.g, 2) << "bottom x " << x;
-        EXPECT_NEAR(rgb[12 + 3 * x + 2], bottom.b, 2) << "bottom x " << x;
+      for (int i = 0; i < 24; ++i) {
+        const Colour& c = i < 12 ? colour : bottom;
+        EXPECT_NEAR(rgb[i], i % 3 == 0 ? c.r : i % 3 == 1 ? c.g : c.b, 2) << "byte " << i;
       }
     }
   }
 }
 
-TEST_F(PictureFiles, AShortFrameIsRefusedAndLeavesNoFile) {
-  const std::vector<uint8_t> frame(100);
-  std::string error;
-  const fs::path path = folder_ / "short.png";
-  EXPECT_FALSE(WritePngPicture(path.string(), frame.data(), frame.size(),
-                               {PictureFormat::RGB24, 160, 120}, &error));
-  EXPECT_NE(error.find("57600"), std::string::npos) << error;
-  EXPECT_FALSE(fs::exists(path));
-  EXPECT_TRUE(fs::is_empty(folder_));
-}
-
 TEST_F(PictureFiles, Y4mVideosHaveTheHeaderAndPlanesPlayersRead) {
-  const Colour& red = kColours[0];
-  const Colour& blue = kColours[2];
   struct Case {
     PictureFormat format;
     const char* header;
     std::vector<uint8_t> planes;  // of one frame: Y, then Cb, then Cr
-  };
-  const Case cases[] = {
+  } const cases[] = {
       {PictureFormat::I420, "YUV4MPEG2 W4 H2 F30:1 Ip A1:1 C420\n",
        {81, 81, 81, 81, 41, 41, 41, 41, 90, 90, 240, 240}},
       {PictureFormat::YUY2, "YUV4MPEG2 W4 H2 F30:1 Ip A1:1 C422\n",
@@ -155,134 +205,139 @@ TEST_F(PictureFiles, Y4mVideosHaveTheHeaderAndPlanesPlayersRead) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(PictureFormatName(c.format));
-    const std::vector<uint8_t> frame = TwoRowFrame(c.format, red, blue);
-    const fs::path path = folder_ / (std::string(PictureFormatName(c.format)) + ".y4m");
+    const std::vector<uint8_t> frame = TwoRowFrame(c.format, kColours[0], kColours[2]);
+    const std::string path = In(std::string(PictureFormatName(c.format)) + ".y4m");
     std::string error;
     {
       Y4mWriter writer;
-      ASSERT_TRUE(writer.Open(path.string(), {c.format, 4, 2}, &error)) << error;
+      ASSERT_TRUE(writer.Open(path, {c.format, 4, 2}, &error)) << error;
       ASSERT_TRUE(writer.WriteFrame(frame.data(), frame.size(), &error)) << error;
       ASSERT_TRUE(writer.WriteFrame(frame.data(), frame.size(), &error)) << error;
       EXPECT_FALSE(fs::exists(path)) << "the video shows only when whole";
       ASSERT_TRUE(writer.Close(&error)) << error;
       EXPECT_EQ(writer.Frames(), 2u);
     }
-    const std::vector<uint8_t> bytes = FileBytes(path);
-    std::vector<uint8_t> expected(c.header, c.header + std::strlen(c.header));
-    for (int n = 0; n < 2; ++n) {
-      for (char ch : std::string("FRAME\n")) expected.push_back(uint8_t(ch));
-      expected.insert(expected.end(), c.planes.begin(), c.planes.end());
-    }
-    if (c.format == PictureFormat::RGB24) {
-      // Converted from RGB: within one level of the tables.
-      ASSERT_EQ(bytes.size(), expected.size());
-      for (size_t i = 0; i < bytes.size(); ++i) EXPECT_NEAR(bytes[i], expected[i], 1) << i;
-    } else {
-      EXPECT_EQ(bytes, expected);
+    const std::string bytes = FileText(path);
+    std::string expected = c.header;
+    for (int n = 0; n < 2; ++n) expected += "FRAME\n" + std::string(c.planes.begin(), c.planes.end());
+    ASSERT_EQ(bytes.size(), expected.size());
+    // Converted from RGB: within one level of the tables; the others exact.
+    const int tolerance = c.format == PictureFormat::RGB24 ? 1 : 0;
+    for (size_t i = 0; i < bytes.size(); ++i) {
+      EXPECT_NEAR(uint8_t(bytes[i]), uint8_t(expected[i]), tolerance) << i;
     }
   }
 }
 
-TEST_F(PictureFiles, AnUnfinishedVideoLeavesNoFile) {
-  const fs::path path = folder_ / "unfinished.y4m";
+TEST_F(PictureFiles, AShortFrameOrAnUnfinishedVideoLeavesNoFile) {
+  const std::vector<uint8_t> frame(100, 16);
   std::string error;
+  EXPECT_FALSE(WritePngPicture(In("short.png"), frame.data(), frame.size(),
+                               {PictureFormat::RGB24, 160, 120}, &error));
+  EXPECT_NE(error.find("57600"), std::string::npos) << error;
   {
     Y4mWriter writer;
-    ASSERT_TRUE(writer.Open(path.string(), {PictureFormat::I420, 4, 2}, &error)) << error;
-    const std::vector<uint8_t> frame(12, 16);
-    ASSERT_TRUE(writer.WriteFrame(frame.data(), frame.size(), &error));
+    ASSERT_TRUE(writer.Open(In("unfinished.y4m"), {PictureFormat::I420, 4, 2}, &error)) << error;
+    ASSERT_TRUE(writer.WriteFrame(frame.data(), 12, &error));
     EXPECT_FALSE(writer.WriteFrame(frame.data(), 11, &error)) << "a short frame";
   }
-  EXPECT_FALSE(fs::exists(path));
   EXPECT_TRUE(fs::is_empty(folder_));
 }
 
-// ---------------------------------------------------------------- the commands
+// ---------------------------------------------------------------- registry commands
 
-class Mr740camCommands : public ::testing::Test {
- protected:
-  void SetUp() override {
+const char kCamera[] =
+    "Windows Registry Editor Version 5.00\r\n\r\n"
+    "[HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Control\\Class\\"
+    "{6BDD1FC6-810F-11D0-BEC7-08002BE2092F}\\0000\\InitialSetting]\r\n"
+    "\"Script\"=\"C:\\\\Cameras\\\\OV7670.txt\"\r\n"
+    "\"SeparateCtrl\"=dword:00000000\r\n";
+
+TEST_F(RegistryTool, ValuesOfOneRunAreThereInTheNext) {
+  const std::string key =
+      "HKLM\\SYSTEM\\CurrentControlSet\\Control\\Class\\{6BDD1FC6-810F-11D0-BEC7-08002BE2092F}"
+      "\\0000";
+  ASSERT_EQ(Run({"registry", "load", Write("camera.reg", kCamera)}), 0);
+  ASSERT_EQ(Run({"registry", "set", key + "\\PropertySetting", "LensPos", "dword:2a"}), 0);
+  ASSERT_EQ(Run({"registry", "set", key, "SensorName", "OV7670"}), 0);
+  std::string out;
+  ASSERT_EQ(Run({"registry", "show", key}, &out), 0);  // a later run, as after a restart
+  EXPECT_NE(out.find("\"Script\"=\"C:\\\\Cameras\\\\OV7670.txt\""), std::string::npos) << out;
+  EXPECT_NE(out.find("\"LensPos\"=dword:0000002a"), std::string::npos) << out;
+  EXPECT_NE(out.find("\"SensorName\"=\"OV7670\""), std::string::npos) << out;
+  // Export gives a file that loads into an empty registry as the same tree.
+  ASSERT_EQ(Run({"registry", "export", In("out.reg"), key}), 0);
+  ResetRegistry();
+  std::string error;
+  ASSERT_TRUE(LoadRegistryFile(In("out.reg"), &error)) << error;
+  uint32_t lens = 0;
+  EXPECT_TRUE(GetRegistryDword(DeviceSoftwareKeyPath(0) + u"\\PropertySetting", u"LensPos", &lens));
+  EXPECT_EQ(lens, 42u);
+}
+
+TEST_F(RegistryTool, EveryBuiltInCameraInstallsWithScriptsWhereItsDescriptionLooks) {
+  std::vector<std::string> models = EmbeddedCameraModels();
+  ASSERT_EQ(models.size(), 4u);
+  EXPECT_NE(std::find(models.begin(), models.end(), DefaultCameraModel), models.end());
+  struct Case {
+    std::string model;  // empty: the default
+    uint32_t instance;
+    std::u16string sensor;
+    std::string script;  // relative to cameras/
+  } const cases[] = {
+      {"", 0, u"OV7670", "ov7670-webcam/OV7670.txt"},
+      {"ov2640-camera", 1, u"OV2640", "ov2640-camera/OV2640.txt"},
+      {"mi2021-camera", 3, u"MI2021", "mi2021-camera/MI2021.txt"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.script);
+    std::vector<std::string> args = {"registry", "install"};
+    if (!c.model.empty()) args.push_back(c.model);
+    ASSERT_EQ(Run(args), 0);
+    // A later run finds the description, and its script through drive C.
     ResetRegistry();
-    folder_ = fs::temp_directory_path() / ("mr740cam-" + std::to_string(::getpid()));
-    fs::create_directories(folder_);
-    registry_ = (folder_ / "state" / "registry.reg").string();
-  }
-  void TearDown() override {
+    std::string error;
+    ASSERT_TRUE(AttachRegistryFile(registry_, &error)) << error;
+    std::u16string script;
+    EXPECT_TRUE(GetRegistryString(
+        DeviceSoftwareKeyPath(c.instance) + u"\\" + c.sensor + u"\\InitialSetting", u"Script",
+        &script));
     DetachRegistryFile();
-    MapDosDrive('C', "");
-    ResetRegistry();
-    fs::remove_all(folder_);
+    ASSERT_TRUE(MapDosDrive('C', ToolDriveFolder(registry_)));
+    std::string hostPath;
+    ASSERT_TRUE(HostPathOfObjectName(u"\\??\\" + script, &hostPath)) << NarrowAscii(script);
+    const std::string installed = FileText(hostPath);
+    EXPECT_FALSE(installed.empty());
+    EXPECT_EQ(installed, FileText(std::string(MR740_SOURCE_DIR) + "/cameras/" + c.script));
   }
+}
 
-  // One run of the tool as main runs it: a fresh registry, then the command.
-  int Run(std::vector<std::string> args, std::string* out = nullptr, std::string* err = nullptr) {
-    ResetRegistry();
-    args.insert(args.begin(), "mr740cam");
-    std::vector<char*> argv;
-    for (std::string& arg : args) argv.push_back(arg.data());
-    argv.push_back(nullptr);
-    FILE* outFile = std::tmpfile();
-    FILE* errFile = std::tmpfile();
-    int status = 1;
-    if (OpenToolRegistry(registry_, errFile)) {
-      const int argc = int(args.size());
-      status = IsCaptureToolCommand(argv[1]) ? RunCaptureTool(argc, argv.data(), outFile, errFile)
-                                             : RunCameraInfoTool(argc, argv.data(), outFile, errFile);
-      FlushRegistryFile();
-    }
-    DetachRegistryFile();
-    if (out) *out = Contents(outFile);
-    if (err) *err = Contents(errFile);
-    std::fclose(outFile);
-    std::fclose(errFile);
-    return status;
-  }
-  static std::string Contents(FILE* file) {
-    std::rewind(file);
-    std::string text;
-    char chunk[4096];
-    for (size_t n; (n = std::fread(chunk, 1, sizeof chunk, file)) > 0;) text.append(chunk, n);
-    return text;
-  }
-  std::string In(const char* name) const { return (folder_ / name).string(); }
-  void WriteText(const char* name, const std::string& text) const {
-    std::ofstream(folder_ / name, std::ios::binary) << text;
-  }
-
-  fs::path folder_;
-  std::string registry_;
-};
+// ---------------------------------------------------------------- refusals
 
 // Refused before any camera starts: usage errors (status 2) and descriptions
 // that cannot be used (status 1), each with a message that names the fault.
-TEST_F(Mr740camCommands, BadArgumentsAndBadDescriptionsAreRefusedWithTheirReason) {
-  WriteText("broken.reg",
-            "Windows Registry Editor Version 5.00\n\n"
-            "[HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Control\\Class\\"
-            "{6BDD1FC6-810F-11D0-BEC7-08002BE2092F}\\0007]\n"
-            "\"StillPin\"=dword:zz\n");
-  WriteText("nokey.reg",
-            "Windows Registry Editor Version 5.00\n\n"
-            "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Something]\n\"A\"=dword:00000001\n");
-  WriteText("noscript.reg",
-            "Windows Registry Editor Version 5.00\n\n"
-            "[HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Control\\Class\\"
-            "{6BDD1FC6-810F-11D0-BEC7-08002BE2092F}\\0009\\SensorDetect\\Sensor00]\n"
-            "\"SensorName\"=\"OV7670\"\n\n"
-            "[HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Control\\Class\\"
-            "{6BDD1FC6-810F-11D0-BEC7-08002BE2092F}\\0009\\OV7670\\InitialSetting]\n"
-            "\"Script\"=\"C:\\\\Cameras\\\\mine\\\\MINE.txt\"\n");
-  WriteText("nosensor.reg",
-            "Windows Registry Editor Version 5.00\n\n"
-            "[HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Control\\Class\\"
-            "{6BDD1FC6-810F-11D0-BEC7-08002BE2092F}\\0008\\SensorDetect\\Sensor00]\n"
-            "\"SensorName\"=\"XY9000\"\n");
+TEST_F(Mr740cam, BadArgumentsAndBadDescriptionsAreRefusedWithTheirReason) {
+  const std::string head = "Windows Registry Editor Version 5.00\n\n";
+  const std::string classKey =
+      "[HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Control\\Class\\"
+      "{6BDD1FC6-810F-11D0-BEC7-08002BE2092F}\\";
+  Write("broken.reg", head + classKey + "0007]\n\"StillPin\"=dword:zz\n");
+  Write("nokey.reg", head + "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Something]\n\"A\"=dword:00000001\n");
+  Write("noscript.reg", head + classKey + "0009\\SensorDetect\\Sensor00]\n" +
+                            "\"SensorName\"=\"OV7670\"\n\n" + classKey +
+                            "0009\\OV7670\\InitialSetting]\n" +
+                            "\"Script\"=\"C:\\\\Cameras\\\\mine\\\\MINE.txt\"\n");
+  Write("nosensor.reg",
+        head + classKey + "0008\\SensorDetect\\Sensor00]\n\"SensorName\"=\"XY9000\"\n");
+  const std::string badLoad =
+      Write("bad.reg", head + "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Mr740Load]\n\"A\"=dword:1\n\"B\"=dword:2\n"
+                       "\"Broken\"=dword:xyz\n");
+  const std::string script = Write("cam.txt", "[A]\r\n");
   struct Case {
     std::vector<std::string> args;
     int status;
     std::vector<std::string> message;  // pieces the error must hold
-  };
-  const Case cases[] = {
+  } const cases[] = {
       {{"capture", "--size", "640"}, 2, {"--size 640", "WxH"}},
       {{"capture", "--size", "640x480x2"}, 2, {"WxH"}},
       {{"capture", "--size", "0x480"}, 2, {"WxH"}},
@@ -305,6 +360,26 @@ TEST_F(Mr740camCommands, BadArgumentsAndBadDescriptionsAreRefusedWithTheirReason
       {{"capture", "--camera", In("nosensor.reg")}, 1, {"XY9000", "does not have"}},
       {{"capture", "--camera", In("noscript.reg")}, 1, {"C:\\Cameras\\mine\\MINE.txt", "neither at"}},
       {{"capture", "--scene", "nonsense=1"}, 1, {"--scene"}},
+      {{"registry", "load", badLoad}, 1, {"bad.reg:6:"}},
+      {{"registry", "load", In("missing.reg")}, 1, {"missing.reg"}},
+      {{"registry", "set", "HKEY_CURRENT_USER\\X", "A", "dword:1"}, 2, {"no key"}},
+      {{"registry", "set", "HKLM\\X", "A", "dword:123456789"}, 2, {"eight hexadecimal"}},
+      {{"registry", "set", "HKLM\\X", "A", "dword:"}, 2, {"eight hexadecimal"}},
+      {{"registry", "show", "HKLM\\NoSuchKey"}, 1, {"no key"}},
+      {{"registry", "frobnicate"}, 2, {"usage"}},
+      {{"registry", "install", "no-such-camera"}, 1, {"no built-in camera"}},
+      {{}, 2, {}},
+      {{"check-script"}, 2, {}},
+      {{"check-script", script, "extra"}, 2, {}},
+      {{"check-script", In("missing.txt")}, 2, {}},
+      {{"check-script", folder_.string()}, 2, {}},
+      {{"scramble-script", script}, 2, {}},
+      {{"scramble-script", In("missing.txt"), In("out.txt")}, 2, {}},
+      {{"scramble-script", script, In("no folder/out.txt")}, 2, {}},
+      {{"unscramble-script", In("missing.txt"), In("out.txt")}, 2, {}},
+      {{"scramble"}, 2, {}},
+      {{"script", "frobnicate", script}, 2, {"script check FILE"}},
+      {{"script"}, 2, {}},
   };
   for (const Case& c : cases) {
     std::string joined;
@@ -312,65 +387,219 @@ TEST_F(Mr740camCommands, BadArgumentsAndBadDescriptionsAreRefusedWithTheirReason
     SCOPED_TRACE(joined);
     std::string out, err;
     EXPECT_EQ(Run(c.args, &out, &err), c.status) << err;
+    EXPECT_FALSE(err.empty());
     for (const std::string& piece : c.message) {
       EXPECT_NE(err.find(piece), std::string::npos) << "missing \"" << piece << "\" in: " << err;
     }
     EXPECT_TRUE(out.empty()) << out;
   }
   EXPECT_FALSE(fs::exists(In("capture.png")));
+  // Nothing of a failed load reached the tool's file.
+  std::string out;
+  ASSERT_EQ(Run({"registry", "show"}, &out), 0);
+  EXPECT_EQ(out.find("Mr740Load"), std::string::npos) << out;
 }
 
-// "script check" and its kin are the older "check-script" and its kin.
-TEST_F(Mr740camCommands, ScriptCommandsAnswerToBothSpellings) {
-  const std::string plain = std::string(MR740_SOURCE_DIR) + "/cameras/mi2021-camera/MI2021.plain.txt";
+// ---------------------------------------------------------------- script commands
+
+struct CheckCase {
+  const char* what;
+  std::string script;
+  Lines faults;  // "LINE: [SECTION] message"
+  const char* summary;
+};
+
+std::string CrLf(std::initializer_list<const char*> lines) {
+  std::string text;
+  for (const char* line : lines) text += std::string(line) + "\r\n";
+  return text;
+}
+
+std::vector<CheckCase> CheckCases() {
+  const std::string longLine = "WRITE 0 1 2 ;" + std::string(120, 'x');
+  std::string manyPairs = "[BIG]\r\nBEG_BLK_WR 60H\r\n";
+  for (int i = 0; i < 33; ++i) manyPairs += std::to_string(i) + " 1\r\n";
+  manyPairs += "END_BLK_WR\r\n";
+  return {
+      {"a clean script, with a WAIT the fake camera never satisfies",
+       CrLf({"; OV7670", "[INIT]", "DEFINE COM7 12H", "WRITE 42H COM7 80H", "DELAY 10000",
+             "WAIT 42H 0AH 76H 0FFH 10000", "BITS_OP 42H 11H 1 3", "BITS_OP_16 42H 1 2 3 4 1",
+             "BEG_BLK_WR 42H", "  12H 34H", "", "END_BLK_WR", "BEG_CNT_WR 0 20H", "1", "0FFH",
+             "END_CNT_WR", "[HS\\INIT]", "write,0,1,2", "WRITEEX 78H 338CH 0A511H"}),
+       {}, "19 lines, 2 sections, 0 faults"},
+      {"unknown keywords, before the first header too, and ';' behind a blank",
+       CrLf({"WRIT 0 1 2", "[INIT]", "WRITE 0 1 2", " ; not a comment", "DELAYS 10"}),
+       {"1: [] unknown keyword \"WRIT\"",
+        "4: [INIT] unknown keyword \";\" (a comment needs its ';' in the first column)",
+        "5: [INIT] unknown keyword \"DELAYS\""},
+       "5 lines, 1 sections, 3 faults"},
+      {"malformed numbers and too few operands",
+       CrLf({"[A]", "WRITE 0 1F 2", "WRITE 0 0X12 2", "WRITE 0 1", "DELAY"}),
+       {"2: [A] WRITE: malformed number \"1F\" (decimal digits, or hexadecimal digits followed by H)",
+        "3: [A] WRITE: malformed number \"0X12\" (decimal digits, or hexadecimal digits followed "
+        "by H)",
+        "4: [A] WRITE: too few operands", "5: [A] DELAY: too few operands"},
+       "5 lines, 1 sections, 4 faults"},
+      {"a name defined in another section, or in a later line",
+       CrLf({"[A]", "DEFINE REG 12H", "WRITE 0 REG 1", "[B]", "WRITE 0 REG 1", "WRITE 0 LATER 1",
+             "DEFINE LATER 1"}),
+       {"5: [B] WRITE: name \"REG\" is not defined earlier in this section",
+        "6: [B] WRITE: name \"LATER\" is not defined earlier in this section"},
+       "7 lines, 2 sections, 2 faults"},
+      {"a split section keeps its names", CrLf({"[A]", "DEFINE R 1", "[B]", "[A]", "WRITE 0 R 1"}),
+       {}, "5 lines, 2 sections, 0 faults"},
+      {"BITS_OP_16 with SEQ 2", CrLf({"[A]", "BITS_OP_16 42H 1 2 3 4 2"}),
+       {"2: [A] BITS_OP_16: SEQ must be 0 or 1"}, "2 lines, 1 sections, 1 faults"},
+      {"a block without its end keyword",
+       CrLf({"[A]", "WRITE 0 1 2", "BEG_BLK_WR 60H", "12H 34H", "56H 78H"}),
+       {"3: [A] BEG_BLK_WR: the file ends before END_BLK_WR, so the driver sends nothing for "
+        "this block"},
+       "5 lines, 1 sections, 1 faults"},
+      {"faults in block bodies, and the run goes on behind the block",
+       CrLf({"[A]", "BEG_BLK_W2B 60H", "12H", "END_BLK_W2B", "BEG_CNT_WR 0 1", "1,2", "END_CNT_WR",
+             "BEG_BLK_WR 0", "; no comment here", "END_BLK_WR", "WRIT"}),
+       {"3: [A] in the BEG_BLK_W2B body: too few operands",
+        "6: [A] in the BEG_CNT_WR body: malformed number (a comma does not part values here: one "
+        "value a line)",
+        "9: [A] in the BEG_BLK_WR body: a name that is not defined earlier in this section",
+        "11: [A] unknown keyword \"WRIT\""},
+       "11 lines, 1 sections, 4 faults"},
+      {"too many block lines", manyPairs,
+       {"35: [BIG] in the BEG_BLK_WR body: more than 32 register pairs"},
+       "36 lines, 1 sections, 1 faults"},
+      {"a line with no CR in 128 bytes hides the rest of the file",
+       CrLf({"[A]", "WRITE 0 1 2", longLine.c_str(), "WRIT 1", "[B]"}),
+       {"3: [A] no CR within 128 bytes: the driver stops reading the file here and runs none of "
+        "the rest"},
+       "5 lines, 1 sections, 1 faults"},
+      {"a last line without CR LF", CrLf({"[A]", "WRITE 0 1 2"}) + "WRITE 0 1 3",
+       {"3: [A] the last line has no CR LF: the driver does not run it"},
+       "3 lines, 1 sections, 1 faults"},
+      {"an empty file", "", {}, "0 lines, 0 sections, 0 faults"},
+  };
+}
+
+// The report of a check: its fault lines without the file name in front, then the summary.
+Lines Report(const std::string& out, const std::string& path) {
+  Lines lines = SplitLines(out);
+  for (size_t i = 0; i + 1 < lines.size(); ++i) {
+    lines[i] = lines[i].compare(0, path.size() + 1, path + ":") == 0
+                   ? lines[i].substr(path.size() + 1)
+                   : "unexpected: " + lines[i];
+  }
+  return lines;
+}
+
+TEST_F(ScriptTool, CheckReportsWhatTheDriverWouldRejectLineByLineInEitherForm) {
+  for (const CheckCase& c : CheckCases()) {
+    SCOPED_TRACE(c.what);
+    const std::string path = Write("cam.txt", c.script);
+    std::string out, err;
+    EXPECT_EQ(Run({"check-script", path}, &out, &err), c.faults.empty() ? 0 : 1) << err;
+    Lines expected = c.faults;
+    expected.push_back(c.summary);
+    EXPECT_EQ(Report(out, path), expected);
+    // The scrambled form reports the same; scripts that begin with a blank
+    // keep their line numbers.
+    const std::string plain = Write("plain.txt", " " + c.script);
+    ASSERT_EQ(Run({"scramble-script", plain, In("scrambled.txt")}, nullptr, &err), 0) << err;
+    EXPECT_EQ(err, "");
+    std::string fromPlain, fromScrambled;
+    const int status = Run({"check-script", plain}, &fromPlain);
+    EXPECT_EQ(Run({"check-script", In("scrambled.txt")}, &fromScrambled), status);
+    EXPECT_EQ(Report(fromScrambled, In("scrambled.txt")), Report(fromPlain, plain));
+  }
+}
+
+TEST_F(ScriptTool, ScrambleAndUnscrambleGiveBackTheText) {
   struct Case {
-    std::vector<std::string> spelling, older;
-    const char* output;  // a file both write, or null
-  };
-  const Case cases[] = {
-      {{"script", "check", plain}, {"check-script", plain}, nullptr},
-      {{"script", "scramble", plain, In("new.txt")}, {"scramble-script", plain, In("old.txt")},
-       "txt"},
-  };
-  auto run = [this](std::vector<std::string> args, std::string* out, std::string* err) {
-    args.insert(args.begin(), "mr740cam");
-    std::vector<char*> argv;
-    for (std::string& arg : args) argv.push_back(arg.data());
-    argv.push_back(nullptr);
-    FILE* outFile = std::tmpfile();
-    FILE* errFile = std::tmpfile();
-    const int status = RunScriptToolWithOutput(int(args.size()), argv.data(), outFile, errFile);
-    *out = Contents(outFile);
-    *err = Contents(errFile);
-    std::fclose(outFile);
-    std::fclose(errFile);
-    return status;
+    std::string plain;
+    std::string back;  // after scramble and unscramble
+    bool noted;        // a blank line was put in front, and stderr says so
+  } const cases[] = {
+      {" [INIT]\r\nwrite,0,1,2\r\n[HS\\INIT]\r\nDELAY 10000 ; `^_\r\n",
+       " [INIT]\r\nwrite,0,1,2\r\n[HS\\INIT]\r\nDELAY 10000 ; `^_\r\n", false},
+      {"[INIT]\r\n\tWRITE\t0 1 2\r\n", " \r\n[INIT]\r\n WRITE 0 1 2\r\n", true},
+      {"\t[A]\r\n", " [A]\r\n", false},
+      {"", " \r\n", true},
+      {" caf\xE9 \xFF.txt\r\n", " caf\xE9 \xFF.txt\r\n", false},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.spelling[1]);
-    std::string out1, err1, out2, err2;
-    EXPECT_EQ(run(c.spelling, &out1, &err1), 0) << err1;
-    EXPECT_EQ(run(c.older, &out2, &err2), 0) << err2;
-    EXPECT_EQ(out1, out2);
-    if (c.output) {
-      EXPECT_EQ(FileBytes(In("new.txt")), FileBytes(In("old.txt")));
-      EXPECT_FALSE(FileBytes(In("new.txt")).empty());
-    }
+    SCOPED_TRACE(c.plain);
+    std::string err;
+    ASSERT_EQ(Run({"scramble-script", Write("plain.txt", c.plain), In("s.txt")}, nullptr, &err), 0)
+        << err;
+    EXPECT_EQ(err.find("blank line was put in front") != std::string::npos, c.noted) << err;
+    const std::string bytes = FileText(In("s.txt"));
+    ASSERT_FALSE(bytes.empty());
+    EXPECT_EQ(uint8_t(bytes[0]), 0x10);
+    EXPECT_EQ(bytes.size(), c.back.size());
+    ASSERT_EQ(Run({"unscramble-script", In("s.txt"), In("back.txt")}, nullptr, &err), 0) << err;
+    EXPECT_EQ(FileText(In("back.txt")), c.back);
   }
-  std::string out, err;
-  EXPECT_EQ(run({"script", "frobnicate", plain}, &out, &err), 2);
-  EXPECT_NE(err.find("script check FILE"), std::string::npos) << err;
-  EXPECT_EQ(run({"script"}, &out, &err), 2);
+  // The scrambled bytes themselves, from the table of the file format; the
+  // newer spelling writes the same.
+  const std::string plain = Write("plain.txt", " a0[z,\r\nAB");
+  ASSERT_EQ(Run({"scramble-script", plain, In("s.txt")}), 0);
+  const char expected[] = {0x10, 0x11, 0x00, 0x0A, 0x2A, 0x2B, 0x2C, 0x2D, 'A', 'B'};
+  EXPECT_EQ(FileText(In("s.txt")), std::string(expected, sizeof expected));
+  ASSERT_EQ(Run({"script", "scramble", plain, In("new.txt")}), 0);
+  EXPECT_EQ(FileText(In("new.txt")), FileText(In("s.txt")));
+  // The process's entry takes the command line as main gets it.
+  char name[] = "mr740cam", command[] = "unscramble-script";
+  std::string in = In("s.txt"), out = In("p.txt");
+  char* argv[] = {name, command, in.data(), out.data(), nullptr};
+  EXPECT_EQ(RunScriptTool(4, argv), 0);
+  EXPECT_EQ(FileText(out), " a0[z,\r\nAB");
+}
+
+TEST_F(ScriptTool, ConversionRefusesTextItCannotConvertAndWritesNothing) {
+  const std::string out = In("out.txt");
+  const std::string bad = Write("bad.txt", " [A]\r\nWRITE 0 1 2 ! x\r\n\r\nDELAY (10)\r\n");
+  std::string err;
+  EXPECT_EQ(Run({"scramble-script", bad, out}, nullptr, &err), 1);
+  for (const char* fault : {":2: '!' (0x21)", ":4: '(' (0x28)", ":4: ')' (0x29)"}) {
+    EXPECT_NE(err.find(bad + fault + " has no scrambled form"), std::string::npos) << err;
+  }
+  EXPECT_FALSE(fs::exists(out));
+  Write("out.txt", "old");  // an existing output stays as it was
+  EXPECT_EQ(Run({"scramble-script", bad, out}), 1);
+  EXPECT_EQ(Run({"unscramble-script", Write("plain.txt", " [A]\r\n"), out}, nullptr, &err), 1);
+  EXPECT_NE(err.find("is not scrambled"), std::string::npos);
+  const std::string scrambled = Write("scrambled.txt", std::string("\x10\x2C\x2D", 3));
+  EXPECT_EQ(Run({"scramble-script", scrambled, out}), 1);
+  EXPECT_EQ(FileText(out), "old");
+  // No temporary file is left behind.
+  EXPECT_EQ(std::distance(fs::directory_iterator(folder_), fs::directory_iterator()), 4);
+}
+
+void KeepLine(void* context, const char* line) {
+  static_cast<Lines*>(context)->push_back(line);
+}
+
+TEST_F(ScriptTool, CheckLeavesTheHostCallsClockModeAndDebugPrintAsItFoundThem) {
+  const std::string script =
+      Write("cam.txt", CrLf({"[A]", "DELAY 100000000", "WAIT 0 1 1 1 10000000", "WRIT"}));
+  Lines printed;
+  SetDebugPrintSink(KeepLine, &printed);
+  const HostCalls* callsBefore = GetHostCalls();
+  ASSERT_EQ(GetKernelClockMode(), KernelClockMode::Real);
+  EXPECT_EQ(Run({"script", "check", script}), 1);
+  EXPECT_EQ(GetKernelClockMode(), KernelClockMode::Real);
+  EXPECT_EQ(GetHostCalls(), callsBefore);
+  DbgPrint("after\n");
+  SetDebugPrintSink(nullptr, nullptr);
+  // The driver's own log lines went to the checker, not to the sink.
+  EXPECT_EQ(printed, Lines{"after\n"});
 }
 
 // ---------------------------------------------------------------- end to end
 
 // The whole camera: the OV7670 webcam described, started by the driver in
 // the host, streaming through the packet and frame routines into files.
-TEST_F(Mr740camCommands, CaptureWritesAPictureAndAVideoOfTheOfferedFormat) {
+TEST_F(Mr740cam, CaptureWritesAPictureAndAVideoOfTheOfferedFormat) {
   DebugPrintCapture driverLog;  // the driver's start-up lines stay out of the test's output
   std::string out, err;
-  // What the camera offers, as formats lists it.
   const int formats = Run({"formats"}, &out, &err);
   if (formats != 0 && err.find("STATUS_NOT_IMPLEMENTED") != std::string::npos) {
     GTEST_SKIP() << "the capture host is a placeholder: " << err;
@@ -382,8 +611,8 @@ TEST_F(Mr740camCommands, CaptureWritesAPictureAndAVideoOfTheOfferedFormat) {
   EXPECT_NE(out.find("still:   still pin\n"), std::string::npos) << out;
 
   const std::string png = In("small.png");
-  ASSERT_EQ(Run({"capture", "--format", "RGB24", "--size", "160x120", "--out", png,
-                 "--usb-trace", In("trace.txt")},
+  ASSERT_EQ(Run({"capture", "--format", "RGB24", "--size", "160x120", "--out", png, "--usb-trace",
+                 In("trace.txt")},
                 &out, &err),
             0)
       << err;
@@ -394,19 +623,18 @@ TEST_F(Mr740camCommands, CaptureWritesAPictureAndAVideoOfTheOfferedFormat) {
   EXPECT_EQ(image.width, 160u);
   EXPECT_EQ(image.height, 120u);
   png_image_free(&image);
-  const std::vector<uint8_t> trace = FileBytes(In("trace.txt"));
-  EXPECT_NE(std::string(trace.begin(), trace.end()).find("stream start"), std::string::npos);
+  EXPECT_NE(FileText(In("trace.txt")).find("stream start"), std::string::npos);
 
   const std::string video = In("small.y4m");
-  ASSERT_EQ(Run({"capture", "--format", "I420", "--size", "160x120", "--frames", "3", "--out",
-                 video},
-                &out, &err),
-            0)
+  ASSERT_EQ(
+      Run({"capture", "--format", "I420", "--size", "160x120", "--frames", "3", "--out", video},
+          &out, &err),
+      0)
       << err;
-  const std::vector<uint8_t> bytes = FileBytes(video);
+  const std::string bytes = FileText(video);
   const std::string header = "YUV4MPEG2 W160 H120 F30:1 Ip A1:1 C420\n";
   ASSERT_EQ(bytes.size(), header.size() + 3 * (6 + 160 * 120 * 3 / 2));
-  EXPECT_EQ(std::string(bytes.begin(), bytes.begin() + long(header.size())), header);
+  EXPECT_EQ(bytes.substr(0, header.size()), header);
 
   // A format the webcam does not offer: the offers are listed.
   EXPECT_EQ(Run({"capture", "--format", "YUY2", "--size", "1600x1200"}, &out, &err), 2);

@@ -45,11 +45,9 @@ class RegistryStore : public ::testing::Test {
 TEST_F(RegistryStore, SubKeyWalkCreatesEachLevelFromTheStartOfThePath) {
   struct Case {
     const char16_t* path;
-    uint64_t creates;                       // ZwCreateKey calls of the walk
-    std::vector<std::u16string> created;    // below the device key
-  };
-  const Case cases[] = {
-      {u"a\\b", 2, {u"a", u"a\\b"}},
+    uint64_t creates;                     // ZwCreateKey calls of the walk
+    std::vector<std::u16string> created;  // below the device key
+  } const cases[] = {
       {u"a\\b\\c", 3, {u"a", u"a\\b", u"a\\b\\c"}},
       {u"x", 1, {u"x"}},
       {u"PropertySetting\\Brightness\\PageSelect", 3,
@@ -57,9 +55,8 @@ TEST_F(RegistryStore, SubKeyWalkCreatesEachLevelFromTheStartOfThePath) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(NarrowAscii(c.path));
-    HANDLE parent = OpenDevice();
-    uint64_t before = RegistryCallCount();
-    HANDLE key = nullptr;
+    HANDLE parent = OpenDevice(), key = nullptr;
+    const uint64_t before = RegistryCallCount();
     ASSERT_EQ(CreateRegistrySubKey(parent, SubKeyAccess, c.path, &key), STATUS_SUCCESS);
     EXPECT_EQ(RegistryCallCount() - before, c.creates);
     for (const std::u16string& level : c.created) {
@@ -68,20 +65,16 @@ TEST_F(RegistryStore, SubKeyWalkCreatesEachLevelFromTheStartOfThePath) {
     // The handle is to the last level: a value set through it lands there.
     WriteRegistryDword(key, u"Marker", 7);
     uint32_t marker = 0;
-    EXPECT_TRUE(GetRegistryDword(kDeviceKey + u"\\" + c.path, u"Marker", &marker));
-    EXPECT_EQ(marker, 7u);
+    EXPECT_TRUE(GetRegistryDword(kDeviceKey + u"\\" + c.path, u"Marker", &marker) && marker == 7);
     ZwClose(key);
     ZwClose(parent);
   }
-}
-
-TEST_F(RegistryStore, SubKeyWalkStopsAtTheFirstLevelThatFails) {
-  HANDLE parent = OpenDevice();
-  HANDLE key = reinterpret_cast<HANDLE>(0x55);
+  // A walk stops at the first level that fails; the levels before it stay.
+  HANDLE parent = OpenDevice(), key = reinterpret_cast<HANDLE>(0x55);
   RegistryFailOperation(2, STATUS_ACCESS_DENIED);  // the create of p\q
   EXPECT_EQ(CreateRegistrySubKey(parent, SubKeyAccess, u"p\\q\\r", &key), STATUS_ACCESS_DENIED);
   EXPECT_EQ(key, reinterpret_cast<HANDLE>(0x55));
-  EXPECT_TRUE(RegistryKeyExists(kDeviceKey + u"\\p"));  // levels before it stay
+  EXPECT_TRUE(RegistryKeyExists(kDeviceKey + u"\\p"));
   EXPECT_FALSE(RegistryKeyExists(kDeviceKey + u"\\p\\q"));
   ZwClose(parent);
 }
@@ -91,38 +84,30 @@ TEST_F(RegistryStore, QueryCopiesAtMostTheBufferAndTellsTheStoredLength) {
   SetRegistryBinary(kDeviceKey, u"FourBytes", {0x78, 0x56, 0x34, 0x12});
   SetRegistryBinary(kDeviceKey, u"Long", std::vector<uint8_t>(10, 0xAB));
   SetRegistryString(kDeviceKey, u"Script", u"C:\\Cam\\a.txt");
-
   struct Case {
     const char16_t* name;
     uint32_t bufferLength;
     NTSTATUS status;
     uint32_t lengthAfter;
-    std::vector<uint8_t> bytes;  // the first 12 bytes of the buffer after the call
-  };
-  const std::vector<uint8_t> untouched(12, 0xEE);
-  const Case cases[] = {
-      {u"Number", 8, STATUS_SUCCESS, 4,
-       {0x44, 0x33, 0x22, 0x11, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE}},
+    std::vector<uint8_t> bytes;  // the buffer's first bytes after the call; the rest untouched
+  } const cases[] = {
+      {u"Number", 8, STATUS_SUCCESS, 4, {0x44, 0x33, 0x22, 0x11}},
       // A 4-byte value of another type reads like a DWORD.
-      {u"FourBytes", 4, STATUS_SUCCESS, 4,
-       {0x78, 0x56, 0x34, 0x12, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE}},
+      {u"FourBytes", 4, STATUS_SUCCESS, 4, {0x78, 0x56, 0x34, 0x12}},
       // A stored value longer than the destination is cut, never written past it.
-      {u"Long", 4, STATUS_SUCCESS, 10,
-       {0xAB, 0xAB, 0xAB, 0xAB, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE}},
-      {u"Script", 8, STATUS_SUCCESS, 26,
-       {'C', 0, ':', 0, '\\', 0, 'C', 0, 0xEE, 0xEE, 0xEE, 0xEE}},
-      {u"Missing", 8, STATUS_OBJECT_NAME_NOT_FOUND, 8, untouched},
+      {u"Long", 4, STATUS_SUCCESS, 10, {0xAB, 0xAB, 0xAB, 0xAB}},
+      {u"Script", 8, STATUS_SUCCESS, 26, {'C', 0, ':', 0, '\\', 0, 'C', 0}},
+      {u"Missing", 8, STATUS_OBJECT_NAME_NOT_FOUND, 8, {}},
   };
   HANDLE key = OpenDevice();
   for (const Case& c : cases) {
     SCOPED_TRACE(NarrowAscii(c.name));
-    std::vector<uint8_t> buffer(12, 0xEE);
+    std::vector<uint8_t> buffer(12, 0xEE), expected = c.bytes;
+    expected.resize(12, 0xEE);
     uint32_t length = c.bufferLength;
     EXPECT_EQ(QueryRegistryValue(key, c.name, buffer.data(), &length), c.status);
-    if (NT_SUCCESS(c.status)) {
-      EXPECT_EQ(length, c.lengthAfter);
-    }
-    EXPECT_EQ(buffer, c.bytes);
+    EXPECT_EQ(length, c.lengthAfter);
+    EXPECT_EQ(buffer, expected);
   }
   EXPECT_EQ(PoolLiveBlocks(PoolTagWdm), 0u);
   ZwClose(key);
@@ -137,8 +122,7 @@ TEST_F(RegistryStore, DwordReadsFallBackToTheirDefault) {
   RegistryFailOperation(1, STATUS_INSUFFICIENT_RESOURCES);
   EXPECT_EQ(ReadRegistryDword(key, u"FrameRate", 1000), 1000u);
   PoolFailAllocation(1);
-  uint32_t value = 99;
-  uint32_t length = 4;
+  uint32_t value = 99, length = 4;
   EXPECT_EQ(QueryRegistryValue(key, u"FrameRate", &value, &length), STATUS_INSUFFICIENT_RESOURCES);
   EXPECT_EQ(value, 99u);
   PoolFailAllocation(1);
@@ -147,27 +131,17 @@ TEST_F(RegistryStore, DwordReadsFallBackToTheirDefault) {
 }
 
 TEST_F(RegistryStore, SensorRootIsTheNamedSubKeyOrTheDeviceKeyItself) {
-  struct Case {
-    const char16_t* sensorName;
-    std::u16string root;
-  };
-  const Case cases[] = {
-      {u"", kDeviceKey},
-      {u"OV7670", kDeviceKey + u"\\OV7670"},
-      // A name that fills the field has no terminator and still opens.
-      {u"ABCDEFGHIJKLMNOP", kDeviceKey + u"\\ABCDEFGHIJKLMNOP"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(NarrowAscii(c.sensorName));
+  // A name that fills the field has no terminator and still opens.
+  for (const std::u16string name : {u"", u"OV7670", u"ABCDEFGHIJKLMNOP"}) {
+    SCOPED_TRACE(NarrowAscii(name));
     std::memset(device->SensorName, 0, sizeof device->SensorName);
-    std::memcpy(device->SensorName, c.sensorName,
-                std::char_traits<char16_t>::length(c.sensorName) * 2);
+    std::memcpy(device->SensorName, name.data(), name.size() * 2);
     HANDLE key = nullptr;
     ASSERT_EQ(OpenSensorSubKey(device.context, u"InitialSetting", &key), STATUS_SUCCESS);
     WriteRegistryDword(key, u"SeparateCtrl", 1);
     ZwClose(key);
-    uint32_t value = 0;
-    EXPECT_TRUE(GetRegistryDword(c.root + u"\\InitialSetting", u"SeparateCtrl", &value));
+    const std::u16string root = name.empty() ? kDeviceKey : kDeviceKey + u"\\" + name;
+    EXPECT_TRUE(GetRegistryDword(root + u"\\InitialSetting", u"SeparateCtrl", nullptr));
   }
   UnbindDeviceRegistryKey(device->PhysicalDeviceObject);
   HANDLE key = nullptr;
@@ -175,11 +149,9 @@ TEST_F(RegistryStore, SensorRootIsTheNamedSubKeyOrTheDeviceKeyItself) {
 }
 
 TEST_F(RegistryStore, ServiceWritesReportFailureOnlyThroughTheirResult) {
-  uint32_t one = 1;
+  uint32_t one = 1, value = 0;
   EXPECT_TRUE(WriteServiceDword(ServiceKeyName, u"ConnectionState", &one));
-  uint32_t value = 0;
-  EXPECT_TRUE(GetRegistryDword(ServiceKeyPath, u"ConnectionState", &value));
-  EXPECT_EQ(value, 1u);
+  EXPECT_TRUE(GetRegistryDword(ServiceKeyPath, u"ConnectionState", &value) && value == 1);
   RegistryFailOperation(1, STATUS_ACCESS_DENIED);
   EXPECT_FALSE(WriteServiceDword(ServiceKeyName, u"PrpKeyNumber", &one));
   EXPECT_FALSE(GetRegistryDword(ServiceKeyPath, u"PrpKeyNumber", &value));

@@ -45,23 +45,10 @@ uint32_t Le32(const uint8_t* at) {
   return uint32_t(at[0]) | uint32_t(at[1]) << 8 | uint32_t(at[2]) << 16 | uint32_t(at[3]) << 24;
 }
 uint16_t Le16(const uint8_t* at) { return uint16_t(at[0] | at[1] << 8); }
-int32_t LeS32(const uint8_t* at) { return int32_t(Le32(at)); }
 
-UsbControlRecord Record(int64_t time, uint8_t request, uint16_t value, uint16_t index, bool in,
-                        std::vector<uint8_t> data, NTSTATUS status, bool dataStage = true,
-                        uint32_t length = 0) {
-  UsbControlRecord record;
-  record.time100ns = time;
-  record.request = request;
-  record.value = value;
-  record.index = index;
-  record.getData = in;
-  record.hasDataStage = dataStage;
-  record.requestedLength = dataStage ? (length ? length : uint32_t(data.size())) : 0;
-  record.data = std::move(data);
-  record.status = status;
-  return record;
-}
+// A request as the host reports it: time, request, value, index, in, data
+// stage, requested length, data, status.
+using Rec = UsbControlRecord;
 
 // One pcap record: its usbmon header and what follows it.
 struct PcapRecord {
@@ -99,12 +86,12 @@ TEST_F(UsbTraceFile, TextLinesShowEveryFieldOfARequestAndOfAStreamChange) {
     // One-step read of the OV7670's product id, a register write without data
     // stage that stalls, a burst write, the stream on alternate setting 5 and
     // off again.
-    trace->Control(Record(t0, 2, 0x4200, 0x000A, true, {0x76}, STATUS_SUCCESS));
-    trace->Control(Record(t0 + 15000, 1, 0x4212, 0x0012, false, {}, STATUS_UNSUCCESSFUL, false));
-    trace->Control(Record(t0 + 20000, 3, 0x4200, 0x0017, false, {0x11, 0x61, 0xC3},
-                          STATUS_SUCCESS));
-    trace->Control(Record(t0 + 20001, 2, 0x4200, 0x000B, true, {}, STATUS_DEVICE_NOT_CONNECTED,
-                          true, 1));
+    trace->Control(Rec{t0, 2, 0x4200, 0x000A, true, true, 1, {0x76}, STATUS_SUCCESS});
+    trace->Control(Rec{t0 + 15000, 1, 0x4212, 0x0012, false, false, 0, {}, STATUS_UNSUCCESSFUL});
+    trace->Control(Rec{t0 + 20000, 3, 0x4200, 0x0017, false, true, 3, {0x11, 0x61, 0xC3},
+                       STATUS_SUCCESS});
+    trace->Control(Rec{t0 + 20001, 2, 0x4200, 0x000B, true, true, 1, {},
+                       STATUS_DEVICE_NOT_CONNECTED});
     trace->Stream({t0 + 10000000, 1, 5, 3072, STATUS_SUCCESS});
     trace->Stream({t0 + 25000000, 1, 0, 0, STATUS_SUCCESS});
   }
@@ -131,22 +118,20 @@ TEST_F(UsbTraceFile, PcapHasTheUsbmonLinkTypeAndDecodesFieldByField) {
     std::string error;
     std::unique_ptr<UsbTrace> trace = OpenUsbTrace(Path("trace.pcap"), &error);
     ASSERT_TRUE(trace) << error;
-    trace->Control(Record(t, 3, 0x4200, 0x0017, false, {0x11, 0x61, 0xC3}, STATUS_SUCCESS));
-    trace->Control(Record(t, 2, 0x0000, 0x0004, true, {0x04}, STATUS_SUCCESS));
-    trace->Control(Record(t, 1, 0x6001, 0x8000, false, {}, STATUS_UNSUCCESSFUL, false));
-    trace->Control(Record(t, 6, 0x0003, 0, true, {}, STATUS_DEVICE_NOT_CONNECTED, true, 64));
+    trace->Control(Rec{t, 3, 0x4200, 0x0017, false, true, 3, {0x11, 0x61, 0xC3}, STATUS_SUCCESS});
+    trace->Control(Rec{t, 2, 0x0000, 0x0004, true, true, 1, {0x04}, STATUS_SUCCESS});
+    trace->Control(Rec{t, 1, 0x6001, 0x8000, false, false, 0, {}, STATUS_UNSUCCESSFUL});
+    trace->Control(Rec{t, 6, 0x0003, 0, true, true, 64, {}, STATUS_DEVICE_NOT_CONNECTED});
     trace->Stream({t, 1, 4, 0x0C00, STATUS_SUCCESS});
   }
   const std::vector<uint8_t> file = Bytes(Path("trace.pcap"));
   ASSERT_GE(file.size(), 24u);
-  // The classic pcap global header, little-endian, microsecond stamps.
-  EXPECT_EQ(Le32(&file[0]), 0xA1B2C3D4u);
-  EXPECT_EQ(Le16(&file[4]), 2);
-  EXPECT_EQ(Le16(&file[6]), 4);
-  EXPECT_EQ(Le32(&file[8]), 0u);
-  EXPECT_EQ(Le32(&file[12]), 0u);
+  // The classic pcap global header, little-endian, microsecond stamps, version
+  // 2.4, LINKTYPE_USB_LINUX_MMAPPED (220).
+  EXPECT_EQ(std::vector<uint32_t>({Le32(&file[0]), Le32(&file[4]), Le32(&file[8]), Le32(&file[12]),
+                                   Le32(&file[20])}),
+            std::vector<uint32_t>({0xA1B2C3D4u, 0x00040002u, 0, 0, 220}));
   EXPECT_GE(Le32(&file[16]), 64u + 64u);
-  EXPECT_EQ(Le32(&file[20]), 220u) << "LINKTYPE_USB_LINUX_MMAPPED";
   const std::vector<PcapRecord> records = Records(file);
   ASSERT_EQ(records.size(), 10u);
   EXPECT_EQ(Le32(&file[24]), 1577836800u) << "record seconds";
@@ -191,8 +176,8 @@ TEST_F(UsbTraceFile, PcapHasTheUsbmonLinkTypeAndDecodesFieldByField) {
     EXPECT_EQ(e[14], x.setup ? 0 : '-') << "setup flag";
     EXPECT_EQ(Le32(e + 16), 1577836800u) << "seconds (low word)";
     EXPECT_EQ(Le32(e + 20), 0u) << "seconds (high word)";
-    EXPECT_EQ(LeS32(e + 24), 123456) << "microseconds";
-    EXPECT_EQ(LeS32(e + 28), x.status);
+    EXPECT_EQ(Le32(e + 24), 123456u) << "microseconds";
+    EXPECT_EQ(int32_t(Le32(e + 28)), x.status);
     EXPECT_EQ(Le32(e + 32), x.length) << "URB length";
     if (x.setup) {
       EXPECT_EQ(std::vector<uint8_t>(e + 40, e + 48), std::vector<uint8_t>(x.setupBytes, x.setupBytes + 8));
@@ -232,9 +217,9 @@ TEST_F(UsbTraceFileThreads, RecordsFromManyThreadsStayWhole) {
       for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&trace, t] {
           for (int i = 0; i < kEach; ++i) {
-            trace->Control(Record(i, 3, uint16_t(t), uint16_t(i), false,
-                                  std::vector<uint8_t>(size_t(1 + i % 7), uint8_t(t)),
-                                  STATUS_SUCCESS));
+            const uint32_t length = uint32_t(1 + i % 7);
+            trace->Control(Rec{i, 3, uint16_t(t), uint16_t(i), false, true, length,
+                               std::vector<uint8_t>(length, uint8_t(t)), STATUS_SUCCESS});
           }
         });
       }
