@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <random>
 #include <vector>
 
@@ -49,11 +50,15 @@ uint8_t Site(Rgb8 c, uint32_t x, uint32_t y) {
   return static_cast<uint8_t>((x & 1) == 0 ? c.G : c.R);
 }
 
-std::vector<uint8_t> FlatBayer(Rgb8 c, uint32_t w, uint32_t h) {
+// A Bayer frame of `picture(x)` at each column.
+template <typename Picture>
+std::vector<uint8_t> MakeBayer(uint32_t w, uint32_t h, Picture picture) {
   std::vector<uint8_t> raw(static_cast<size_t>(w) * h);
-  for (uint32_t y = 0; y < h; ++y)
-    for (uint32_t x = 0; x < w; ++x) raw[y * w + x] = Site(c, x, y);
+  for (uint32_t i = 0; i < w * h; ++i) raw[i] = Site(picture(i % w), i % w, i / w);
   return raw;
+}
+std::vector<uint8_t> FlatBayer(Rgb8 c, uint32_t w, uint32_t h) {
+  return MakeBayer(w, h, [&](uint32_t) { return c; });
 }
 
 // Y, Cb, Cr of pixel x of a YUYV row (Cb/Cr of its pair). The last pixel of
@@ -93,9 +98,7 @@ constexpr int kRoundTripTolerance = 3;
 TEST(FuncRawToYuv, ColourBarsLandOnBt601ValuesThroughEveryOutputFormat) {
   FuncHandle func;
   const uint32_t barWidth = 16, w = 8 * barWidth, h = 8;
-  std::vector<uint8_t> raw(w * h);
-  for (uint32_t y = 0; y < h; ++y)
-    for (uint32_t x = 0; x < w; ++x) raw[y * w + x] = Site(kBars[x / barWidth], x, y);
+  std::vector<uint8_t> raw = MakeBayer(w, h, [&](uint32_t x) { return kBars[x / barWidth]; });
   std::vector<uint8_t> yuyv(2 * w * h), bgr(3 * w * h), i420(w * h + 2 * (w / 2) * (h / 2));
   FUNC_RawToYuv(func.Handle, raw.data(), w, h, yuyv.data(), w, h);
   FUNC_YuvToBmp(func.Handle, yuyv.data(), w, h, bgr.data());
@@ -110,13 +113,12 @@ TEST(FuncRawToYuv, ColourBarsLandOnBt601ValuesThroughEveryOutputFormat) {
         Yuv8 got = PixelOf(yuyv, w, x, y);
         ExpectNear(got, want, kYuvTolerance, "YUYV");
         const uint8_t* px = &bgr[3 * ((h - 1 - y) * w + x)];
-        Rgb8 back = ReferenceRgb(got.Y, got.Cb, got.Cr);
-        EXPECT_NEAR(px[0], back.B, kRgbTolerance);
-        EXPECT_NEAR(px[1], back.G, kRgbTolerance);
-        EXPECT_NEAR(px[2], back.R, kRgbTolerance);
-        EXPECT_NEAR(px[0], c.B, kRoundTripTolerance);
-        EXPECT_NEAR(px[1], c.G, kRoundTripTolerance);
-        EXPECT_NEAR(px[2], c.R, kRoundTripTolerance);
+        const Rgb8 back = ReferenceRgb(got.Y, got.Cb, got.Cr);
+        for (const auto& [want, tolerance] : {std::pair{back, kRgbTolerance}, {c, kRoundTripTolerance}}) {
+          EXPECT_TRUE(std::abs(px[0] - want.B) <= tolerance && std::abs(px[1] - want.G) <= tolerance &&
+                      std::abs(px[2] - want.R) <= tolerance)
+              << int(px[2]) << "," << int(px[1]) << "," << int(px[0]) << " within " << tolerance;
+        }
         EXPECT_EQ(i420[y * w + x], got.Y);
         size_t chroma = (y / 2) * (w / 2) + x / 2;
         EXPECT_NEAR(i420[w * h + chroma], want.Cb, kYuvTolerance);
@@ -155,13 +157,10 @@ TEST(FuncRawToYuv, ResampledFlatPatchesKeepTheirColour) {
   struct Case {
     uint32_t rawW, rawH, w, h;
   };
-  const Case cases[] = {
-      {128, 96, 64, 48},   // wire twice the picture
-      {32, 24, 64, 48},    // half
-      {256, 192, 64, 48},  // four times
-      {16, 12, 64, 48},    // a quarter
-      {100, 75, 64, 48},  {30, 22, 61, 47}, {320, 240, 33, 7}, {5, 3, 17, 9}, {64, 48, 64, 48},
-  };
+  // Twice, half, four times, a quarter, then uneven ratios and the same size.
+  const Case cases[] = {{128, 96, 64, 48}, {32, 24, 64, 48}, {256, 192, 64, 48},
+                        {16, 12, 64, 48},  {100, 75, 64, 48}, {30, 22, 61, 47},
+                        {320, 240, 33, 7}, {5, 3, 17, 9},     {64, 48, 64, 48}};
   // With a handle the upscaling goes through its working rows; without one
   // pixel by pixel.
   FuncHandle func;
@@ -174,17 +173,13 @@ TEST(FuncRawToYuv, ResampledFlatPatchesKeepTheirColour) {
         std::vector<uint8_t> raw = FlatBayer(c, k.rawW, k.rawH);
         std::vector<uint8_t> yuyv(2 * k.w * k.h);
         FUNC_RawToYuv(handle, raw.data(), k.rawW, k.rawH, yuyv.data(), k.w, k.h);
-        YuvRef want = ReferenceYuv(c.R, c.G, c.B);
+        const YuvRef want = ReferenceYuv(c.R, c.G, c.B);
         int bad = 0;
-        for (uint32_t y = 0; y < k.h && bad < 3; ++y)
-          for (uint32_t x = 0; x < k.w && bad < 3; ++x) {
-            Yuv8 got = PixelOf(yuyv, k.w, x, y);
-            if (!IsNear(got, want, kYuvTolerance)) {
-              ++bad;
-              ADD_FAILURE() << "pixel " << x << "," << y << " is " << got.Y << " " << got.Cb << " "
-                            << got.Cr;
-            }
-          }
+        for (uint32_t i = 0; i < k.w * k.h && bad < 3; ++i) {
+          if (IsNear(PixelOf(yuyv, k.w, i % k.w, i / k.w), want, kYuvTolerance)) continue;
+          ++bad;
+          ExpectNear(PixelOf(yuyv, k.w, i % k.w, i / k.w), want, kYuvTolerance, "flat patch");
+        }
       }
     }
   }
@@ -206,10 +201,8 @@ TEST(FuncRawToYuv, ResamplingKeepsTheLayoutOfThePicture) {
     for (const Case& k : cases) {
       SCOPED_TRACE(testing::Message()
                    << k.rawW << "x" << k.rawH << (handle ? " with" : " without") << " a handle");
-      std::vector<uint8_t> raw(k.rawW * k.rawH);
-      for (uint32_t y = 0; y < k.rawH; ++y)
-        for (uint32_t x = 0; x < k.rawW; ++x)
-          raw[y * k.rawW + x] = Site(x < k.rawW / 2 ? red : blue, x, y);
+      std::vector<uint8_t> raw =
+          MakeBayer(k.rawW, k.rawH, [&](uint32_t x) { return x < k.rawW / 2 ? red : blue; });
       std::vector<uint8_t> yuyv(2 * w * h);
       FUNC_RawToYuv(handle, raw.data(), k.rawW, k.rawH, yuyv.data(), w, h);
       YuvRef left = ReferenceYuv(red.R, red.G, red.B), right = ReferenceYuv(blue.R, blue.G, blue.B);
@@ -241,45 +234,27 @@ TEST(FuncRawToYuv, BadSizesPaintBlackOrDoNothing) {
   for (uint8_t b : out) EXPECT_EQ(b, 0xEE);
 }
 
-TEST(FuncYuvToBmp, RowsAreStoredBottomUp) {
+// One pair per (Y, Cb, Cr) in steps of 7, the out-of-range ones included;
+// each row of the picture has its own Y, so a row stored top-down shows.
+TEST(FuncYuvToBmp, MatchesTheFloatReferenceOverTheWholeCubeBottomUp) {
   FuncHandle func;
-  const uint32_t w = 40, h = 7;
-  std::vector<uint8_t> yuyv(2 * w * h);
-  for (uint32_t y = 0; y < h; ++y)
-    for (uint32_t x = 0; x < w; ++x) {
-      yuyv[2 * (y * w + x)] = static_cast<uint8_t>(30 + 25 * y);
-      yuyv[2 * (y * w + x) + 1] = 128;
-    }
-  std::vector<uint8_t> bgr(3 * w * h);
-  FUNC_YuvToBmp(func.Handle, yuyv.data(), w, h, bgr.data());
-  for (uint32_t row = 0; row < h; ++row) {
-    Rgb8 want = ReferenceRgb(30 + 25 * (h - 1 - row), 128, 128);
-    for (uint32_t x = 0; x < w; ++x)
-      for (int c = 0; c < 3; ++c)
-        EXPECT_NEAR(bgr[3 * (row * w + x) + c], want.G, kRgbTolerance) << row;
-  }
-}
-
-TEST(FuncYuvToBmp, MatchesTheFloatReferenceOverTheWholeCube) {
-  FuncHandle func;
-  // One pair per (Y, Cb, Cr) in steps of 7, the out-of-range ones included.
   std::vector<uint8_t> yuyv;
   for (int y = 0; y < 256; y += 7)
     for (int u = 0; u < 256; u += 7)
       for (int v = 0; v < 256; v += 7)
         yuyv.insert(yuyv.end(), {uint8_t(y), uint8_t(u), uint8_t(255 - y), uint8_t(v)});
-  uint32_t w = static_cast<uint32_t>(yuyv.size() / 2);
-  std::vector<uint8_t> bgr(3 * w);
-  FUNC_YuvToBmp(func.Handle, yuyv.data(), w, 1, bgr.data());
+  const uint32_t h = 37, w = static_cast<uint32_t>(yuyv.size() / 2 / h);
+  std::vector<uint8_t> bgr(3 * w * h);
+  FUNC_YuvToBmp(func.Handle, yuyv.data(), w, h, bgr.data());
   int bad = 0;
-  for (uint32_t x = 0; x < w && bad < 5; ++x) {
-    const uint8_t* p = &yuyv[2 * (x & ~1u)];
-    Rgb8 want = ReferenceRgb((x & 1) ? p[2] : p[0], p[1], p[3]);
-    const uint8_t* got = &bgr[3 * x];
+  for (uint32_t i = 0; i < w * h && bad < 5; ++i) {
+    const uint8_t* p = &yuyv[2 * (i & ~1u)];
+    const Rgb8 want = ReferenceRgb((i & 1) ? p[2] : p[0], p[1], p[3]);
+    const uint8_t* got = &bgr[3 * ((h - 1 - i / w) * w + i % w)];
     if (std::abs(got[0] - want.B) > kRgbTolerance || std::abs(got[1] - want.G) > kRgbTolerance ||
         std::abs(got[2] - want.R) > kRgbTolerance) {
       ++bad;
-      ADD_FAILURE() << "Y " << int((x & 1) ? p[2] : p[0]) << " Cb " << int(p[1]) << " Cr "
+      ADD_FAILURE() << "Y " << int((i & 1) ? p[2] : p[0]) << " Cb " << int(p[1]) << " Cr "
                     << int(p[3]) << ": got " << int(got[2]) << "," << int(got[1]) << ","
                     << int(got[0]);
     }
@@ -298,27 +273,24 @@ TEST(FuncYuvToI420, PlanesAreLaidOutYThenCbThenCrWithRoundDownMeans) {
   for (const Case& k : cases) {
     SCOPED_TRACE(testing::Message() << k.w << "x" << k.h);
     std::vector<uint8_t> yuyv(2 * k.w * k.h);
-    for (uint32_t y = 0; y < k.h; ++y)
-      for (uint32_t x = 0; x < k.w; ++x) {
-        uint8_t* p = &yuyv[2 * (y * k.w + x)];
-        p[0] = static_cast<uint8_t>(y * 16 + x);
-        p[1] = static_cast<uint8_t>((x & 1) ? 100 + x + y : 20 + x + y);  // Cr / Cb
-      }
+    for (uint32_t i = 0, x, y; i < k.w * k.h; ++i) {
+      x = i % k.w, y = i / k.w;
+      yuyv[2 * i] = static_cast<uint8_t>(y * 16 + x);
+      yuyv[2 * i + 1] = static_cast<uint8_t>((x & 1) ? 100 + x + y : 20 + x + y);  // Cr / Cb
+    }
     size_t total = k.w * k.h + 2 * (k.w / 2) * (k.h / 2);
     std::vector<uint8_t> out(total + 16, 0xEE);
     FUNC_YuvToI420(func.Handle, yuyv.data(), k.w, k.h, out.data());
-    for (uint32_t y = 0; y < k.h; ++y)
-      for (uint32_t x = 0; x < k.w; ++x)
-        EXPECT_EQ(out[y * k.w + x], (y * 16 + x) & 255) << x << "," << y;
+    for (uint32_t i = 0; i < k.w * k.h; ++i) {
+      EXPECT_EQ(out[i], (i / k.w * 16 + i % k.w) & 255) << "Y at " << i % k.w << "," << i / k.w;
+    }
     const uint8_t* cb = &out[k.w * k.h];
     const uint8_t* cr = cb + (k.w / 2) * (k.h / 2);
     for (uint32_t cy = 0; cy < k.h / 2; ++cy)
       for (uint32_t cx = 0; cx < k.w / 2; ++cx) {
-        uint32_t x = 2 * cx, top = 2 * cy;
-        uint32_t cbSum = (20 + x + top) + (20 + x + top + 1);
-        uint32_t crSum = (100 + x + 1 + top) + (100 + x + 1 + top + 1);
-        EXPECT_EQ(cb[cy * (k.w / 2) + cx], cbSum / 2) << cx << "," << cy;
-        EXPECT_EQ(cr[cy * (k.w / 2) + cx], crSum / 2) << cx << "," << cy;
+        const uint32_t at = 2 * cx + 2 * cy;  // x + y of the top-left pixel
+        EXPECT_EQ(cb[cy * (k.w / 2) + cx], (20 + at + 20 + at + 1) / 2) << cx << "," << cy;
+        EXPECT_EQ(cr[cy * (k.w / 2) + cx], (101 + at + 101 + at + 1) / 2) << cx << "," << cy;
       }
     for (size_t i = total; i < out.size(); ++i) EXPECT_EQ(out[i], 0xEE) << "written past the frame";
   }
@@ -384,24 +356,22 @@ TEST(FuncRows, VectorRowsMatchPortableRowsOnOddWidthsAndBufferEnds) {
       std::vector<uint8_t> raw(w * h), yuyv(2 * w * h);
       fill(raw);
       fill(yuyv);
-      std::vector<uint8_t> a(3 * w * h), b(3 * w * h);
-      FUNC_RawToYuv(best.Handle, raw.data(), w, h, a.data(), w, h);
-      FUNC_RawToYuv(portable.Handle, raw.data(), w, h, b.data(), w, h);
-      EXPECT_EQ(a, b) << "raw to YUYV";
       std::vector<uint8_t> wire(4 * w * h);
       fill(wire);
-      FUNC_RawToYuv(best.Handle, wire.data(), 2 * w, 2 * h, a.data(), w, h);
-      FUNC_RawToYuv(portable.Handle, wire.data(), 2 * w, 2 * h, b.data(), w, h);
-      EXPECT_EQ(a, b) << "raw of twice the size to YUYV";
-      FUNC_RawToYuv(best.Handle, raw.data(), w, h, a.data(), w / 2 + 1, h / 2 + 1);
-      FUNC_RawToYuv(portable.Handle, raw.data(), w, h, b.data(), w / 2 + 1, h / 2 + 1);
-      EXPECT_EQ(a, b) << "raw of another size to YUYV";
-      FUNC_YuvToBmp(best.Handle, yuyv.data(), w, h, a.data());
-      FUNC_YuvToBmp(portable.Handle, yuyv.data(), w, h, b.data());
-      EXPECT_EQ(a, b) << "YUYV to RGB24";
-      FUNC_YuvToI420(best.Handle, yuyv.data(), w, h, a.data());
-      FUNC_YuvToI420(portable.Handle, yuyv.data(), w, h, b.data());
-      EXPECT_EQ(a, b) << "YUYV to I420";
+      auto same = [&](const char* what, const std::function<void(uint64_t, uint8_t*)>& convert) {
+        std::vector<uint8_t> a(3 * w * h), b(3 * w * h);
+        convert(best.Handle, a.data());
+        convert(portable.Handle, b.data());
+        EXPECT_EQ(a, b) << what;
+      };
+      same("raw to YUYV", [&](uint64_t f, uint8_t* o) { FUNC_RawToYuv(f, raw.data(), w, h, o, w, h); });
+      same("raw of twice the size to YUYV",
+           [&](uint64_t f, uint8_t* o) { FUNC_RawToYuv(f, wire.data(), 2 * w, 2 * h, o, w, h); });
+      same("raw of another size to YUYV", [&](uint64_t f, uint8_t* o) {
+        FUNC_RawToYuv(f, raw.data(), w, h, o, w / 2 + 1, h / 2 + 1);
+      });
+      same("YUYV to RGB24", [&](uint64_t f, uint8_t* o) { FUNC_YuvToBmp(f, yuyv.data(), w, h, o); });
+      same("YUYV to I420", [&](uint64_t f, uint8_t* o) { FUNC_YuvToI420(f, yuyv.data(), w, h, o); });
     }
   }
 }
