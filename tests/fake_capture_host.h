@@ -8,7 +8,8 @@
 // kernel layer on the virtual clock and restores everything when it goes.
 #pragma once
 
-#include <atomic>
+#include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -18,7 +19,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-#include <chrono>
 
 #include "core/host_contract.h"
 #include "emulator/emulated_camera.h"
@@ -26,12 +26,10 @@
 
 class FakeCaptureHost {
  public:
-  FakeCaptureHost() {
+  FakeCaptureHost() : previousCalls_(GetHostCalls()), clockMode_(GetKernelClockMode()) {
     Instance() = this;
-    previousCalls_ = GetHostCalls();
     static const HostCalls calls = MakeCalls();
     SetHostCalls(&calls);
-    clockMode_ = GetKernelClockMode();
     SetKernelClockMode(KernelClockMode::Virtual);
   }
   ~FakeCaptureHost() {
@@ -44,8 +42,6 @@ class FakeCaptureHost {
 
   // ------------------------------------------------ what the host answers
   DeviceContext* context = nullptr;
-  // The bus device object handed out with a device-object pointer.
-  DEVICE_OBJECT* busDeviceObject = reinterpret_cast<DEVICE_OBJECT*>(0xB05);
   // Vendor requests go here when set.
   EmulatedCamera* camera = nullptr;
   // Otherwise, or before the camera: the status of a vendor request; null
@@ -64,6 +60,10 @@ class FakeCaptureHost {
   std::function<void(PHW_STREAM_REQUEST_BLOCK)> onHostedPacket;
 
   // ------------------------------------------------ what the driver did
+  void* entryDriverObject = nullptr;
+  PHW_RECEIVE_DEVICE_SRB entryReceive = nullptr;
+  const USBCAMD_DEVICE_DATA2* newInterfaceTable = nullptr;
+
   std::vector<std::string> Log() {
     std::lock_guard<std::mutex> hold(lock_);
     return log_;
@@ -73,9 +73,8 @@ class FakeCaptureHost {
     log_.clear();
   }
   size_t Count(const std::string& line) {
-    size_t n = 0;
-    for (const std::string& entry : Log()) n += entry == line;
-    return n;
+    std::vector<std::string> log = Log();
+    return size_t(std::count(log.begin(), log.end(), line));
   }
   // Index of the first line equal to `line` from `from` on, or -1.
   int Find(const std::string& line, size_t from = 0) {
@@ -85,14 +84,10 @@ class FakeCaptureHost {
     }
     return -1;
   }
-  void Record(const std::string& line) {
-    std::lock_guard<std::mutex> hold(lock_);
-    log_.push_back(line);
-  }
 
   // Waits (yielding, in real time, at most 20 s) until `done` holds.
   static bool WaitUntil(const std::function<bool()>& done) {
-    auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (!done()) {
       if (std::chrono::steady_clock::now() > limit) return false;
       std::this_thread::yield();
@@ -111,37 +106,37 @@ class FakeCaptureHost {
     static FakeCaptureHost* instance = nullptr;
     return instance;
   }
+  static void Record(const std::string& line) {
+    std::lock_guard<std::mutex> hold(Instance()->lock_);
+    Instance()->log_.push_back(line);
+  }
 
   static HostCalls MakeCalls() {
     HostCalls calls = {};
     calls.DriverEntry = [](void* driverObject, void*, uint32_t size, uint32_t frameContext,
                            PHW_RECEIVE_DEVICE_SRB receive) -> NTSTATUS {
-      FakeCaptureHost* self = Instance();
-      self->Record("entry " + std::to_string(size) + " " + std::to_string(frameContext));
-      self->entryDriverObject = driverObject;
-      self->entryReceive = receive;
+      Record("entry " + std::to_string(size) + " " + std::to_string(frameContext));
+      Instance()->entryDriverObject = driverObject;
+      Instance()->entryReceive = receive;
       return STATUS_SUCCESS;
     };
     calls.AdapterReceivePacket = [](PHW_STREAM_REQUEST_BLOCK srb, const USBCAMD_DEVICE_DATA* data,
                                     PDEVICE_OBJECT* deviceObject,
                                     BOOLEAN complete) -> DeviceContext* {
       FakeCaptureHost* self = Instance();
-      std::string table = data == nullptr ? "none" : "table";
-      std::string line = "receive " + Hex(srb->Command, 3) + " " + table;
+      std::string line = "receive " + Hex(srb->Command, 3) + (data ? " table" : " none");
       if (deviceObject != nullptr) {
-        *deviceObject = self->busDeviceObject;
+        *deviceObject = reinterpret_cast<DEVICE_OBJECT*>(0xB05);  // the bus device object
         line += " device";
       }
-      if (complete) line += " hosted";
-      self->Record(line);
+      Record(line + (complete ? " hosted" : ""));
       if (complete && self->onHostedPacket) self->onHostedPacket(srb);
       return self->context;
     };
     calls.InitializeNewInterface = [](DeviceContext*, const USBCAMD_DEVICE_DATA2* data,
                                       uint32_t version, uint32_t flags) -> NTSTATUS {
-      FakeCaptureHost* self = Instance();
-      self->newInterfaceTable = data;
-      self->Record("newinterface " + Hex(version, 3) + " " + std::to_string(flags));
+      Instance()->newInterfaceTable = data;
+      Record("newinterface " + Hex(version, 3) + " " + std::to_string(flags));
       return STATUS_SUCCESS;
     };
     calls.ControlVendorCommand = [](DeviceContext*, uint8_t request, uint16_t value,
@@ -149,15 +144,11 @@ class FakeCaptureHost {
                                     BOOLEAN getData, PCOMMAND_COMPLETE_FUNCTION,
                                     void*) -> NTSTATUS {
       FakeCaptureHost* self = Instance();
-      self->Record("vendor " + std::to_string(request) + " " + Hex(value, 4) + " " +
-                   Hex(index, 4));
-      if (self->vendorStatus) {
-        NTSTATUS status = self->vendorStatus(request, value);
-        if (status != STATUS_SUCCESS) return status;
-      }
+      Record("vendor " + std::to_string(request) + " " + Hex(value, 4) + " " + Hex(index, 4));
+      const NTSTATUS status = self->vendorStatus ? self->vendorStatus(request, value) : STATUS_SUCCESS;
+      if (status != STATUS_SUCCESS) return status;
       if (self->camera != nullptr) {
-        return self->camera->ControlTransfer(request, value, index, buffer, length,
-                                             getData != FALSE);
+        return self->camera->ControlTransfer(request, value, index, buffer, length, getData);
       }
       if (getData && buffer != nullptr && length != nullptr) std::memset(buffer, 0, *length);
       return STATUS_SUCCESS;
@@ -166,11 +157,9 @@ class FakeCaptureHost {
                                         USBD_INTERFACE_INFORMATION* interface) -> NTSTATUS {
       FakeCaptureHost* self = Instance();
       const uint8_t setting = interface->AlternateSetting;
-      const std::string line = "select " + std::to_string(interface->InterfaceNumber) + " " +
-                               std::to_string(setting);
       NTSTATUS status = self->selectStatus;
       if (status >= 0 && self->camera != nullptr) {
-        NTSTATUS selected = self->camera->SelectAlternateSetting(setting);
+        const NTSTATUS selected = self->camera->SelectAlternateSetting(setting);
         if (selected < 0) status = selected;
       }
       if (status >= 0) {
@@ -178,21 +167,20 @@ class FakeCaptureHost {
         interface->Pipes[0].MaximumPacketSize = size == self->packetSize.end() ? 0 : size->second;
       }
       // Logged last: a test that sees the line knows the record is left alone.
-      self->Record(line);
+      Record("select " + std::to_string(interface->InterfaceNumber) + " " +
+             std::to_string(setting));
       return status;
     };
     calls.DeviceNotification = [](uint32_t type, void*, PHW_STREAM_REQUEST_BLOCK srb) {
-      Instance()->Record("finish " + std::to_string(type) + " " + Hex(srb->Command, 3));
+      Record("finish " + std::to_string(type) + " " + Hex(srb->Command, 3));
     };
     calls.StreamNotification = [](uint32_t type, HW_STREAM_OBJECT*, PHW_STREAM_REQUEST_BLOCK srb) {
-      Instance()->Record("stream-finish " + std::to_string(type) + " " +
-                         std::to_string(srb->Command));
+      Record("stream-finish " + std::to_string(type) + " " + std::to_string(srb->Command));
     };
     calls.ParseConfigurationDescriptorEx = &Parse;
     calls.BuildSynchronousFsdRequest = [](uint8_t major, PDEVICE_OBJECT, KEVENT* event,
                                           IO_STATUS_BLOCK* iosb) -> PIRP {
-      FakeCaptureHost* self = Instance();
-      self->Record("build " + Hex(major, 2));
+      Record("build " + Hex(major, 2));
       IRP* irp = new IRP();
       irp->IoStatus.Status = STATUS_SUCCESS;  // the driver presets its own
       irp->UserEvent = event;
@@ -201,7 +189,7 @@ class FakeCaptureHost {
     };
     calls.CallDriver = [](PDEVICE_OBJECT, PIRP irp) -> NTSTATUS {
       FakeCaptureHost* self = Instance();
-      self->Record("call");
+      Record("call");
       self->lastQuery = *irp;
       NTSTATUS status = irp->IoStatus.Status;
       if (self->offerInterface && irp->Stack.MinorFunction == IRP_MN_QUERY_INTERFACE) {
@@ -221,7 +209,7 @@ class FakeCaptureHost {
       return status;
     };
     calls.CancelIrp = [](PIRP) -> BOOLEAN {
-      Instance()->Record("cancel");
+      Record("cancel");
       return TRUE;
     };
     return calls;
@@ -233,34 +221,25 @@ class FakeCaptureHost {
                                          int32_t number, int32_t alternate, int32_t cls,
                                          int32_t subClass, int32_t protocol) {
     auto* base = reinterpret_cast<uint8_t*>(configuration);
-    size_t total = configuration->wTotalLength;
-    size_t at = size_t(static_cast<uint8_t*>(start) - base);
-    while (at + 2 <= total && base[at] != 0) {
-      if (base[at + 1] == USB_INTERFACE_DESCRIPTOR_TYPE && at + 9 <= total) {
-        auto* d = reinterpret_cast<USB_INTERFACE_DESCRIPTOR*>(base + at);
-        if ((number == -1 || d->bInterfaceNumber == number) &&
-            (alternate == -1 || d->bAlternateSetting == alternate) &&
-            (cls == -1 || d->bInterfaceClass == cls) &&
-            (subClass == -1 || d->bInterfaceSubClass == subClass) &&
-            (protocol == -1 || d->bInterfaceProtocol == protocol)) {
-          return d;
-        }
+    const size_t total = configuration->wTotalLength;
+    auto fits = [](int32_t wanted, uint8_t value) { return wanted == -1 || wanted == value; };
+    for (size_t at = size_t(static_cast<uint8_t*>(start) - base); at + 2 <= total && base[at] != 0;
+         at += base[at]) {
+      if (base[at + 1] != USB_INTERFACE_DESCRIPTOR_TYPE || at + 9 > total) continue;
+      auto* d = reinterpret_cast<USB_INTERFACE_DESCRIPTOR*>(base + at);
+      if (fits(number, d->bInterfaceNumber) && fits(alternate, d->bAlternateSetting) &&
+          fits(cls, d->bInterfaceClass) && fits(subClass, d->bInterfaceSubClass) &&
+          fits(protocol, d->bInterfaceProtocol)) {
+        return d;
       }
-      at += base[at];
     }
     return nullptr;
   }
 
- public:
-  void* entryDriverObject = nullptr;
-  PHW_RECEIVE_DEVICE_SRB entryReceive = nullptr;
-  const USBCAMD_DEVICE_DATA2* newInterfaceTable = nullptr;
-
- private:
   std::mutex lock_;
   std::vector<std::string> log_;
-  const HostCalls* previousCalls_ = nullptr;
-  KernelClockMode clockMode_ = KernelClockMode::Real;
+  const HostCalls* previousCalls_;
+  KernelClockMode clockMode_;
 };
 
 // Builds a configuration descriptor: a header, then the descriptors added,
@@ -281,13 +260,12 @@ struct ConfigurationBuilder {
   }
   // A class-specific descriptor of `length` bytes.
   ConfigurationBuilder& Other(uint8_t length) {
-    bytes.push_back(length);
-    bytes.push_back(0x24);
-    for (int i = 2; i < length; ++i) bytes.push_back(0);
+    bytes.insert(bytes.end(), {length, 0x24});
+    bytes.resize(bytes.size() + length - 2, 0);
     return *this;
   }
   USB_CONFIGURATION_DESCRIPTOR* Finish(size_t totalLength = 0) {
-    size_t total = totalLength != 0 ? totalLength : bytes.size();
+    const size_t total = totalLength != 0 ? totalLength : bytes.size();
     bytes[2] = uint8_t(total);
     bytes[3] = uint8_t(total >> 8);
     return reinterpret_cast<USB_CONFIGURATION_DESCRIPTOR*>(bytes.data());
