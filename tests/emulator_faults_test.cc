@@ -14,6 +14,9 @@ namespace {
 
 using namespace emutest;
 
+// The OV2640 powers on at UXGA YUYV, far too big for a small setting.
+const std::vector<RegisterWrite> kOv2640Small = {{0x60, 0x5A, 0x28}, {0x60, 0x5B, 0x1E}};
+
 TEST(EmulatedFaults, NthRequestFailsAloneAndHasNoEffect) {
   struct Case {
     uint64_t nth;
@@ -26,8 +29,8 @@ TEST(EmulatedFaults, NthRequestFailsAloneAndHasNoEffect) {
     ASSERT_EQ(Read(cam, 0, 4, &value), STATUS_SUCCESS);  // requests before the arming don't count
     cam.FailNthRequest(c.nth, c.status);
     for (uint64_t i = 1; i <= 6; ++i) {
-      const NTSTATUS status = Write(cam, 0, uint8_t(0x40 + i), uint8_t(i));
-      EXPECT_EQ(status, i == c.nth ? c.status : STATUS_SUCCESS) << "request " << i;
+      EXPECT_EQ(Write(cam, 0, uint8_t(0x40 + i), uint8_t(i)), i == c.nth ? c.status : STATUS_SUCCESS)
+          << "request " << i;
     }
     for (uint64_t i = 1; i <= 6; ++i) {
       EXPECT_EQ(cam.PeekControllerRegister(uint8_t(0x40 + i)), i == c.nth ? 0 : i)
@@ -70,10 +73,8 @@ TEST(EmulatedFaults, AlternateSettingFailsOnceWhenAsked) {
 
 TEST(EmulatedFaults, UnpluggedCameraAnswersNothingAndStopsItsStream) {
   EmulatedCamera cam;
-  ASSERT_EQ(Write(cam, 0x60, 0x5A, 0x28), STATUS_SUCCESS);  // 160 x 120
-  ASSERT_EQ(Write(cam, 0x60, 0x5B, 0x1E), STATUS_SUCCESS);
-  ASSERT_EQ(cam.SelectAlternateSetting(5), STATUS_SUCCESS);
-  ASSERT_EQ(cam.ControlTransfer(5, 1, 0, nullptr, nullptr, false), STATUS_SUCCESS);
+  ASSERT_TRUE(WriteAll(cam, kOv2640Small));
+  ASSERT_EQ(StartStream(cam), STATUS_SUCCESS);
   std::vector<uint8_t> packet;
   ASSERT_TRUE(cam.NextPacket(&packet));
   cam.Unplug();
@@ -106,10 +107,8 @@ TEST(EmulatedFaults, UnpluggedCameraAnswersNothingAndStopsItsStream) {
 
 // Two identical cameras streaming the same mode: one spoiled, one clean.
 std::vector<std::vector<uint8_t>> Packets(EmulatedCamera& cam, size_t count) {
-  EXPECT_EQ(Write(cam, 0x42, 0x12, 0x10), STATUS_SUCCESS);
-  EXPECT_EQ(Write(cam, 0x42, 0x72, 0x11), STATUS_SUCCESS);
-  EXPECT_EQ(cam.SelectAlternateSetting(3), STATUS_SUCCESS);
-  EXPECT_EQ(cam.ControlTransfer(5, 1, 0, nullptr, nullptr, false), STATUS_SUCCESS);
+  EXPECT_TRUE(WriteAll(cam, {{0x42, 0x12, 0x10}, {0x42, 0x72, 0x11}}));
+  EXPECT_EQ(StartStream(cam, 3), STATUS_SUCCESS);
   std::vector<std::vector<uint8_t>> packets;
   cam.NextIsoPackets(cam.BusTime() + int64_t(count) * cam.IsoInterval100ns(), &packets);
   return packets;
@@ -134,10 +133,9 @@ TEST(EmulatedFaults, SpoiledPacketsDifferFromTheCleanStreamOnlyWhereAsked) {
       {"start header claims 3 bytes more", PacketFaultKind::HeaderBeyondPacket,
        StreamPacketRole::FrameStart, 3, 2},
   };
-  EmulatedCameraConfig config;
-  config.sensors = {EmulatedSensorConfig{EmulatedSensorKind::OV7670}};
   for (const Case& c : cases) {
-    EmulatedCamera clean(config), spoiled(config);
+    EmulatedCamera clean(WithSensor(EmulatedSensorKind::OV7670));
+    EmulatedCamera spoiled(WithSensor(EmulatedSensorKind::OV7670));
     const StreamPacketRole role = c.role;
     spoiled.AddPacketFault(c.kind, [role](const StreamPacketInfo& p) { return p.role == role; },
                            c.parameter, c.times);
@@ -168,8 +166,7 @@ TEST(EmulatedFaults, SpoiledPacketsDifferFromTheCleanStreamOnlyWhereAsked) {
           break;
         case PacketFaultKind::CorruptPayload:
           ASSERT_EQ(bad.size(), good.size());
-          EXPECT_EQ(bad[0], good[0]);
-          EXPECT_EQ(bad[1], good[1]);
+          EXPECT_TRUE(bad[0] == good[0] && bad[1] == good[1]) << "the header is left";
           for (size_t k = good[0]; k < good.size(); ++k) ASSERT_EQ(bad[k], uint8_t(~good[k]));
           break;
         case PacketFaultKind::HeaderBeyondPacket:
@@ -183,11 +180,9 @@ TEST(EmulatedFaults, SpoiledPacketsDifferFromTheCleanStreamOnlyWhereAsked) {
 }
 
 TEST(EmulatedCameraThreads, RequestsFromSeveralThreadsWhilePacketsArePulled) {
-  EmulatedCamera cam;  // OV2640, power-on UXGA YUYV, far too big for setting 1
-  ASSERT_EQ(Write(cam, 0x60, 0x5A, 0x28), STATUS_SUCCESS);  // 160 x 120
-  ASSERT_EQ(Write(cam, 0x60, 0x5B, 0x1E), STATUS_SUCCESS);
-  ASSERT_EQ(cam.SelectAlternateSetting(5), STATUS_SUCCESS);
-  ASSERT_EQ(cam.ControlTransfer(5, 1, 0, nullptr, nullptr, false), STATUS_SUCCESS);
+  EmulatedCamera cam;
+  ASSERT_TRUE(WriteAll(cam, kOv2640Small));
+  ASSERT_EQ(StartStream(cam), STATUS_SUCCESS);
   const int rounds = 2000;
   std::vector<int> mismatches(2, 0);
   auto writer = [&](int id) {
@@ -211,8 +206,7 @@ TEST(EmulatedCameraThreads, RequestsFromSeveralThreadsWhilePacketsArePulled) {
   a.join();
   b.join();
   puller.join();
-  EXPECT_EQ(mismatches[0], 0);
-  EXPECT_EQ(mismatches[1], 0);
+  EXPECT_EQ(mismatches, std::vector<int>(2, 0));
   EXPECT_GT(frames, 0u);
   EXPECT_EQ(cam.RequestCount(), uint64_t(4 * rounds + 3));
 }

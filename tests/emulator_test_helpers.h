@@ -53,8 +53,7 @@ inline NTSTATUS WriteQuad(EmulatedCamera& cam, uint8_t bus, uint16_t reg, uint16
 
 // An MI sensor's MCU variable through 0x338C / 0x3390.
 inline void WriteVariable(EmulatedCamera& cam, uint8_t bus, uint16_t address, uint16_t value) {
-  WriteQuad(cam, bus, 0x338C, address);
-  WriteQuad(cam, bus, 0x3390, value);
+  WriteQuad(cam, bus, 0x338C, address), WriteQuad(cam, bus, 0x3390, value);
 }
 
 struct RegisterWrite {
@@ -81,10 +80,8 @@ inline NTSTATUS StartStream(EmulatedCamera& cam, uint8_t setting = 5) {
 struct CollectedFrame {
   std::vector<uint8_t> bytes;
   uint64_t startPacket = 0;  // packets pulled before the start packet
-  uint64_t packets = 0;      // non-empty packets of the frame, start and end included
   uint8_t flagsOr = 0;       // flags of all its packets or-ed together
   uint8_t endFlags = 0;
-  uint32_t largestPacket = 0;
 };
 
 // Pulls packets until one whole frame went by. `pulled` counts every packet
@@ -102,24 +99,13 @@ inline bool CollectFrame(EmulatedCamera& cam, CollectedFrame* frame, uint64_t* p
     const uint8_t header = packet[0];
     const uint8_t flags = packet.size() > 1 ? packet[1] : 0;
     if (!inFrame) {
-      if (packet.size() == header && !(flags & 0x02)) {
-        inFrame = true;
-        frame->startPacket = index;
-        frame->packets = 1;
-        frame->flagsOr = flags;
-        frame->largestPacket = uint32_t(packet.size());
-      }
-      continue;
+      inFrame = packet.size() == header && !(flags & 0x02);
+      if (inFrame) frame->startPacket = index;
+      if (!inFrame) continue;
     }
-    ++frame->packets;
     frame->flagsOr |= flags;
-    if (packet.size() > frame->largestPacket) frame->largestPacket = uint32_t(packet.size());
-    if (header < packet.size()) frame->bytes.insert(frame->bytes.end(), packet.begin() + header,
-                                                    packet.end());
-    if (flags & 0x02) {
-      frame->endFlags = flags;
-      return true;
-    }
+    if (header < packet.size()) frame->bytes.insert(frame->bytes.end(), packet.begin() + header, packet.end());
+    if (flags & 0x02) return frame->endFlags = flags, true;
   }
   return false;
 }

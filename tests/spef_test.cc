@@ -8,6 +8,7 @@
 #include <cstring>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "companions/spef_effects.h"
@@ -212,27 +213,22 @@ TEST(SpefRecordLayout, NameSlotsSitWhereTheEffectPropertyReadsThem) {
     const char* categoryName;
   };
   const Expected effects[] = {
-      {0, 0, "None", "", "Colour"},
-      {0, 1, "Monochrome", "Cb", "Colour"},
-      {0, 2, "Sepia", "Cb", "Colour"},
-      {0, 3, "Negative", "Luma sum", "Colour"},
-      {0, 4, "Cool", "Cb shift+128", "Colour"},
-      {0, 5, "Warm", "Cb shift+128", "Colour"},
-      {1, 0, "Solarise", "Threshold", "Tone"},
-      {1, 1, "Posterise", "Levels", "Tone"},
-      {1, 2, "High contrast", "Gain x64", "Tone"},
-      {2, 0, "Emboss", "Gain", "Artistic"},
+      {0, 0, "None", "", "Colour"},           {0, 1, "Monochrome", "Cb", "Colour"},
+      {0, 2, "Sepia", "Cb", "Colour"},        {0, 3, "Negative", "Luma sum", "Colour"},
+      {0, 4, "Cool", "Cb shift+128", "Colour"}, {0, 5, "Warm", "Cb shift+128", "Colour"},
+      {1, 0, "Solarise", "Threshold", "Tone"}, {1, 1, "Posterise", "Levels", "Tone"},
+      {1, 2, "High contrast", "Gain x64", "Tone"}, {2, 0, "Emboss", "Gain", "Artistic"},
       {2, 1, "Sketch", "Gain", "Artistic"},
+      // No effect there; the very last slot exists.
+      {0, 6, "", "", ""}, {99, 0, "", "", ""}, {255, 255, "", "", ""},
   };
   for (const Expected& e : effects) {
-    SCOPED_TRACE(e.display);
-    EXPECT_EQ(name(e.category, e.list, 0), e.display);
-    EXPECT_EQ(name(e.category, e.list, 1), e.firstParameter);
-    EXPECT_EQ(name(e.category, e.list, 9), e.categoryName);
+    EXPECT_EQ(std::tuple(name(e.category, e.list, 0), name(e.category, e.list, 1),
+                         name(e.category, e.list, 9)),
+              std::tuple(std::string(e.display), std::string(e.firstParameter),
+                         std::string(e.categoryName)))
+        << e.category << "/" << e.list;
   }
-  EXPECT_EQ(name(0, 6, 0), "");
-  EXPECT_EQ(name(99, 0, 0), "");
-  EXPECT_EQ(name(255, 255, 9), "") << "the very last slot exists";
   EXPECT_EQ(spef.Record()->Category, 99u);
 }
 
@@ -269,22 +265,20 @@ TEST(SpefRows, VectorRowsMatchPortableRows) {
     SCOPED_TRACE(testing::Message() << pixels << " pixels, seed " << kSeed);
     std::vector<uint8_t> source(2 * pixels + 1);
     for (auto& b : source) b = static_cast<uint8_t>(random());
-    std::vector<uint8_t> a = source, b = source;
-    SpefConstantChromaRow_C(a.data() + 1, pixels, 108, 141);
-    SpefConstantChromaRow_AVX2(b.data() + 1, pixels, 108, 141);
-    EXPECT_EQ(a, b) << "constant chroma";
-    a = source;
-    b = source;
-    SpefNegativeRow_C(a.data() + 1, pixels);
-    SpefNegativeRow_AVX2(b.data() + 1, pixels);
-    EXPECT_EQ(a, b) << "negative";
+    for (const bool negative : {false, true}) {
+      std::vector<uint8_t> a = source, b = source;
+      if (negative) SpefNegativeRow_C(a.data() + 1, pixels), SpefNegativeRow_AVX2(b.data() + 1, pixels);
+      if (!negative) {
+        SpefConstantChromaRow_C(a.data() + 1, pixels, 108, 141);
+        SpefConstantChromaRow_AVX2(b.data() + 1, pixels, 108, 141);
+      }
+      EXPECT_EQ(a, b) << (negative ? "negative" : "constant chroma");
+    }
 
     // Luma rows with their margins, the first byte of the allocation being
     // the left margin of the row above and the last the right margin below.
     std::vector<uint8_t> luma(3 * (pixels + 2));
-    uint8_t* above = luma.data() + 1;
-    uint8_t* row = above + pixels + 2;
-    uint8_t* below = row + pixels + 2;
+    uint8_t *above = luma.data() + 1, *row = above + pixels + 2, *below = row + pixels + 2;
     SpefLoadLumaRow_C(source.data() + 1, pixels, row);
     std::vector<uint8_t> loaded(row - 1, row + pixels + 1);
     SpefLoadLumaRow_AVX2(source.data() + 1, pixels, row);
