@@ -287,7 +287,9 @@ struct Wire {
 };
 
 uint32_t CompressionOf(const std::string& format) {
-  return format == "RGB24" ? CompressionRGB24 : format == "YUYV" ? CompressionYUY2 : CompressionI420;
+  return format == "RGB24"  ? CompressionRGB24
+         : format == "YUYV" ? CompressionYUY2
+                            : CompressionI420;
 }
 
 // ScaleMode 2..5 as a factor on each side: x2, /2, x4, /4; others 1.
@@ -547,7 +549,8 @@ TEST(CameraDescriptions, EachScriptHoldsTheSectionsItsRegistryAsksFor) {
     for (const ModeKey& key : ModeKeys(model)) {
       if (key.enabled != 0 && FindSizeKey(key.size)->width > 800) required.insert("INIT_CAPTURE");
     }
-    const std::u16string properties = KeyBelow(model, std::string(model.sensor) + "\\PropertySetting");
+    const std::u16string properties =
+        KeyBelow(model, std::string(model.sensor) + "\\PropertySetting");
     for (const char* name : kProperties) {
       const std::u16string key = properties + u"\\" + U16(name);
       const bool automatic = Dword(key, "Enabled") != 0 && Dword(key, "AutoEnabled") != 0;

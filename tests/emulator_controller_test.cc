@@ -95,7 +95,8 @@ TEST(EmulatedController, InputBitsOfTheControllerRegistersFollowTheCamera) {
     config.highSpeed = c.highSpeed;
     config.register4 = c.register4;
     EmulatedCamera cam(config);
-    EXPECT_EQ(read(cam, 4), c.expected4) << "high speed " << c.highSpeed << ", r4 " << int(c.register4);
+    EXPECT_EQ(read(cam, 4), c.expected4)
+        << "high speed " << c.highSpeed << ", r4 " << int(c.register4);
   }
   EmulatedCamera cam;
   // Register 0 bit 4 is the orientation input; a write of that bit does nothing.
@@ -138,8 +139,9 @@ TEST(EmulatedController, SlowSensorsAnswerTheByteOfTheLastTwoStepRead) {
     ASSERT_EQ(ReadTwoStep(cam, c.bus, c.first, &value), STATUS_SUCCESS);
     ASSERT_EQ(value, c.firstData);
     uint32_t length = 1;
-    ASSERT_EQ(cam.ControlTransfer(2, uint16_t(c.bus << 8), 0x8000 | c.second, &value, &length, true),
-              STATUS_SUCCESS);
+    ASSERT_EQ(
+        cam.ControlTransfer(2, uint16_t(c.bus << 8), 0x8000 | c.second, &value, &length, true),
+        STATUS_SUCCESS);
     EXPECT_EQ(value, c.firstData) << "a second step without a first: the last read's byte";
     ASSERT_EQ(Read(cam, c.bus, c.second, &value), STATUS_SUCCESS);
     EXPECT_EQ(value, c.slow ? c.firstData : c.secondData) << "one step";
@@ -224,7 +226,8 @@ TEST(EmulatedController, WideReadsGiveTheLowByteFirst) {
     uint8_t bytes[2] = {0xEE, 0xEE};
     uint32_t length = uint32_t(answer.size());
     ASSERT_EQ(cam.ControlTransfer(8, value, index, bytes, &length, true), STATUS_SUCCESS);
-    EXPECT_EQ(std::vector<uint8_t>(bytes, bytes + length), answer) << std::hex << value << " " << index;
+    EXPECT_EQ(std::vector<uint8_t>(bytes, bytes + length), answer)
+        << std::hex << value << " " << index;
   }
   // Request 8 does not exist on revision 1.
   EmulatedCamera old(WithSensor(K::MI2020, 0x0100));

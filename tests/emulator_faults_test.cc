@@ -29,7 +29,8 @@ TEST(EmulatedFaults, NthRequestFailsAloneAndHasNoEffect) {
     ASSERT_EQ(Read(cam, 0, 4, &value), STATUS_SUCCESS);  // requests before the arming don't count
     cam.FailNthRequest(c.nth, c.status);
     for (uint64_t i = 1; i <= 6; ++i) {
-      EXPECT_EQ(Write(cam, 0, uint8_t(0x40 + i), uint8_t(i)), i == c.nth ? c.status : STATUS_SUCCESS)
+      EXPECT_EQ(Write(cam, 0, uint8_t(0x40 + i), uint8_t(i)),
+                i == c.nth ? c.status : STATUS_SUCCESS)
           << "request " << i;
     }
     for (uint64_t i = 1; i <= 6; ++i) {

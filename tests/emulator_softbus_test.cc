@@ -132,7 +132,8 @@ TEST(EmulatedSoftBus, McuVariablesReadThroughTheDataRegisterAndAnAbsentAddressIs
 std::string PlayTransfer(EmulatedCamera& cam, const std::string& script) {
   // Each pair of levels is written to register 7 in turn: clock bit 5, data bit 6.
   auto drive = [&](std::initializer_list<std::pair<bool, bool>> steps) {
-    for (const auto& [clock, data] : steps) Write(cam, 0, 7, uint8_t((clock ? 0x20 : 0) | (data ? 0x40 : 0)));
+    for (const auto& [clock, data] : steps)
+      Write(cam, 0, 7, uint8_t((clock ? 0x20 : 0) | (data ? 0x40 : 0)));
   };
   auto dataLevel = [&]() {
     uint8_t value = 0;

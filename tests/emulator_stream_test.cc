@@ -431,7 +431,8 @@ TEST(EmulatedStream, BuiltInPictureFollowsOrientationLightAndLens) {
       r->lensFitted = true, r->lensFocusPosition = 100, r->lensPosition = at;
     });
     int edges = 0;
-    for (uint32_t x = 1; x < w; ++x) edges += std::abs(f[(100 * w + x) * 2] - f[(100 * w + x) * 2 - 2]) > 16;
+    for (uint32_t x = 1; x < w; ++x)
+      edges += std::abs(f[(100 * w + x) * 2] - f[(100 * w + x) * 2 - 2]) > 16;
     EXPECT_TRUE(edges >= fewest && edges <= most) << "lens at " << at << ": " << edges;
   }
 }

@@ -104,7 +104,8 @@ inline bool CollectFrame(EmulatedCamera& cam, CollectedFrame* frame, uint64_t* p
       if (!inFrame) continue;
     }
     frame->flagsOr |= flags;
-    if (header < packet.size()) frame->bytes.insert(frame->bytes.end(), packet.begin() + header, packet.end());
+    if (header < packet.size())
+      frame->bytes.insert(frame->bytes.end(), packet.begin() + header, packet.end());
     if (flags & 0x02) return frame->endFlags = flags, true;
   }
   return false;

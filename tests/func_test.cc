@@ -114,8 +114,10 @@ TEST(FuncRawToYuv, ColourBarsLandOnBt601ValuesThroughEveryOutputFormat) {
         ExpectNear(got, want, kYuvTolerance, "YUYV");
         const uint8_t* px = &bgr[3 * ((h - 1 - y) * w + x)];
         const Rgb8 back = ReferenceRgb(got.Y, got.Cb, got.Cr);
-        for (const auto& [want, tolerance] : {std::pair{back, kRgbTolerance}, {c, kRoundTripTolerance}}) {
-          EXPECT_TRUE(std::abs(px[0] - want.B) <= tolerance && std::abs(px[1] - want.G) <= tolerance &&
+        for (const auto& [want, tolerance] :
+             {std::pair{back, kRgbTolerance}, {c, kRoundTripTolerance}}) {
+          EXPECT_TRUE(std::abs(px[0] - want.B) <= tolerance &&
+                      std::abs(px[1] - want.G) <= tolerance &&
                       std::abs(px[2] - want.R) <= tolerance)
               << int(px[2]) << "," << int(px[1]) << "," << int(px[0]) << " within " << tolerance;
         }
@@ -364,14 +366,17 @@ TEST(FuncRows, VectorRowsMatchPortableRowsOnOddWidthsAndBufferEnds) {
         convert(portable.Handle, b.data());
         EXPECT_EQ(a, b) << what;
       };
-      same("raw to YUYV", [&](uint64_t f, uint8_t* o) { FUNC_RawToYuv(f, raw.data(), w, h, o, w, h); });
+      same("raw to YUYV",
+           [&](uint64_t f, uint8_t* o) { FUNC_RawToYuv(f, raw.data(), w, h, o, w, h); });
       same("raw of twice the size to YUYV",
            [&](uint64_t f, uint8_t* o) { FUNC_RawToYuv(f, wire.data(), 2 * w, 2 * h, o, w, h); });
       same("raw of another size to YUYV", [&](uint64_t f, uint8_t* o) {
         FUNC_RawToYuv(f, raw.data(), w, h, o, w / 2 + 1, h / 2 + 1);
       });
-      same("YUYV to RGB24", [&](uint64_t f, uint8_t* o) { FUNC_YuvToBmp(f, yuyv.data(), w, h, o); });
-      same("YUYV to I420", [&](uint64_t f, uint8_t* o) { FUNC_YuvToI420(f, yuyv.data(), w, h, o); });
+      same("YUYV to RGB24",
+           [&](uint64_t f, uint8_t* o) { FUNC_YuvToBmp(f, yuyv.data(), w, h, o); });
+      same("YUYV to I420",
+           [&](uint64_t f, uint8_t* o) { FUNC_YuvToI420(f, yuyv.data(), w, h, o); });
     }
   }
 }

@@ -45,11 +45,15 @@ struct FakeCamera {
   int controllerReads = 0, otherCalls = 0;
 };
 FakeCamera* Cam(void* context) { return static_cast<FakeCamera*>(context); }
-uint8_t ReadController(void* c, uint8_t reg) { return ++Cam(c)->controllerReads, Cam(c)->controller[reg]; }
+uint8_t ReadController(void* c, uint8_t reg) {
+  return ++Cam(c)->controllerReads, Cam(c)->controller[reg];
+}
 uint8_t ReadSensor(void* c, uint8_t) { return ++Cam(c)->otherCalls, 0; }
 void WriteSensor(void* c, uint8_t*, uint32_t) { ++Cam(c)->otherCalls; }
 NTSTATUS RunSection(void* c, const char*) { return ++Cam(c)->otherCalls, STATUS_SUCCESS; }
-NTSTATUS WritePairs(void* c, const uint8_t*, uint32_t) { return ++Cam(c)->otherCalls, STATUS_SUCCESS; }
+NTSTATUS WritePairs(void* c, const uint8_t*, uint32_t) {
+  return ++Cam(c)->otherCalls, STATUS_SUCCESS;
+}
 
 void ProgramWire(FakeCamera* camera, uint32_t width, uint32_t height, uint8_t layout) {
   camera->controller[IspWireWidthLowRegister] = width & 0xFF;
@@ -110,7 +114,8 @@ std::vector<uint8_t> UniformYuyv(uint32_t width, uint32_t height, uint8_t y, uin
 
 // Y, Cb and Cr of a pixel of a YUYV picture (`part` 0, 1, 2).
 uint8_t At(const std::vector<uint8_t>& p, uint32_t width, uint32_t x, uint32_t y, int part) {
-  return part == 0 ? p[(size_t{y} * width + x) * 2] : p[(size_t{y} * width + (x & ~1u)) * 2 + 2 * part - 1];
+  return part == 0 ? p[(size_t{y} * width + x) * 2]
+                   : p[(size_t{y} * width + (x & ~1u)) * 2 + 2 * part - 1];
 }
 uint8_t LumaAt(const std::vector<uint8_t>& p, uint32_t width, uint32_t x, uint32_t y) {
   return At(p, width, x, y, 0);
@@ -157,7 +162,8 @@ TEST(IspDevelop, UniformPatchesGiveBt601ValuesAndEdgesStayAtEveryRatio) {
     for (const Rgb& colour : colours) {
       // The largest frame is slow under the sanitizers: one colour is enough.
       if (ww == 1280 && colour.r != 210) continue;
-      SCOPED_TRACE(testing::Message() << "colour " << colour.r << "," << colour.g << "," << colour.b);
+      SCOPED_TRACE(testing::Message()
+                   << "colour " << colour.r << "," << colour.g << "," << colour.b);
       std::vector<uint8_t> out = session.Develop(UniformBayer(ww, wh, colour), w, h, NeutralRecord);
       const Ycc e = ReferenceYcc(colour);
       const double expected[3] = {e.y, e.cb, e.cr};
@@ -244,7 +250,9 @@ TEST(IspProperties, EachValueMovesThePictureTheRightWay) {
     return near(m.orange.cb - 128, cb * (n.orange.cb - 128), 1.5) &&
            near(m.orange.cr - 128, cr * (n.orange.cr - 128), 1.5);
   };
-  auto inverted = [&](const ChartMeasure& n, const ChartMeasure& m) { return chroma(n, m, -1, -1); };
+  auto inverted = [&](const ChartMeasure& n, const ChartMeasure& m) {
+    return chroma(n, m, -1, -1);
+  };
   auto gamma = [](double y, double power) { return 16 + 219 * std::pow((y - 16) / 219, power); };
   struct Case {
     const char* name;

@@ -267,7 +267,8 @@ TEST(SpefRows, VectorRowsMatchPortableRows) {
     for (auto& b : source) b = static_cast<uint8_t>(random());
     for (const bool negative : {false, true}) {
       std::vector<uint8_t> a = source, b = source;
-      if (negative) SpefNegativeRow_C(a.data() + 1, pixels), SpefNegativeRow_AVX2(b.data() + 1, pixels);
+      if (negative)
+        SpefNegativeRow_C(a.data() + 1, pixels), SpefNegativeRow_AVX2(b.data() + 1, pixels);
       if (!negative) {
         SpefConstantChromaRow_C(a.data() + 1, pixels, 108, 141);
         SpefConstantChromaRow_AVX2(b.data() + 1, pixels, 108, 141);
