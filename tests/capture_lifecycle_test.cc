@@ -354,10 +354,8 @@ TEST(CaptureRequests, OnlyStreamZeroStartsAndStopsAndOnlyOnce) {
     bool start;
     uint32_t stream;
     bool posts;
-    uint8_t command;
-    uint8_t streamOpen;
-  };
-  const Step steps[] = {
+    uint8_t command, streamOpen;
+  } steps[] = {
       {"start of the still stream", true, 1, false, 0, 0},
       {"stop while not open", false, 0, false, 0, 0},
       {"start", true, 0, true, 1, 1},
@@ -383,8 +381,7 @@ TEST(CaptureRequests, AStopHoldsTheShutterMonitorForAboutTwoSeconds) {
   TestDevice device;
   host.context = device.context;
   const struct {
-    uint32_t period;
-    uint32_t hold;
+    uint32_t period, hold;
   } cases[] = {{1000, 2}, {3000, 1}, {250, 8}, {2000, 1}, {1999, 1}, {100, 20}, {0, 77}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.period);

@@ -33,8 +33,7 @@ constexpr const char* VideoInfoGuid = "05589F80-C356-11CE-BF01-00AA0055595A";
 TEST(FormatCatalogue, RowsCarryTheValuesOfTheFormatTable) {
   struct Row {
     uint32_t index;
-    const char16_t* formatKey;
-    const char16_t* sizeKey;
+    const char16_t *formatKey, *sizeKey;
     const char* subtype;
     uint32_t compression;
     int32_t width, height;
@@ -43,8 +42,7 @@ TEST(FormatCatalogue, RowsCarryTheValuesOfTheFormatTable) {
     int64_t minInterval, maxInterval;
     int32_t minBits, maxBits;
     uint32_t bitRate;
-  };
-  const Row rows[] = {
+  } rows[] = {
       {0, u"RGB24", u"160", Rgb24Guid, 0xE436EB7D, 160, 120, 24, 57600, 333333, 5000000, 921600,
        13824000, 13824000},
       {5, u"RGB24", u"1280C", Rgb24Guid, 0xE436EB7D, 1280, 800, 24, 3072000, 333333, 5000000,
@@ -187,8 +185,7 @@ TEST(FormatCatalogue, CheckFormatTakesOfferedFormatsAtAnyFrameInterval) {
     void (*change)(KS_DATAFORMAT_VIDEOINFOHEADER&);
     uint32_t stream;
     bool accepted;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"offered RGB24", 2, [](KS_DATAFORMAT_VIDEOINFOHEADER&) {}, 0, true},
       {"still pin", 35, [](KS_DATAFORMAT_VIDEOINFOHEADER&) {}, 1, true},
       {"third pin", 2, [](KS_DATAFORMAT_VIDEOINFOHEADER&) {}, 2, false},
@@ -265,8 +262,7 @@ TEST(FormatCatalogue, IntersectionHandsBackTheCallersRangeClamped) {
     uint16_t bits;  // 0: the record's
     int64_t expectedInterval;
     uint32_t expectedBitRate;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"RGB24 slower than allowed", 2, 10000000, 0, 5000000, 14745600},
       {"RGB24 just at the limit", 0, 5000000, 0, 5000000, 13824000},
       {"RGB24 one above the limit", 13, 5000001, 0, 5000000, 19464192},
@@ -320,11 +316,9 @@ TEST(FormatCatalogue, IntersectionFailsWithoutAMatchOrRoom) {
     const char* what;
     uint32_t row;
     void (*change)(KS_DATARANGE_VIDEO&);
-    uint32_t bufferBytes;
-    uint32_t stream;
+    uint32_t bufferBytes, stream;
     NTSTATUS status;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"one byte short", 2, [](KS_DATARANGE_VIDEO&) {}, 151, 0, STATUS_BUFFER_TOO_SMALL},
       {"a row not offered", 3, [](KS_DATARANGE_VIDEO&) {}, 152, 0, STATUS_NO_MATCH},
       {"third stream", 2, [](KS_DATARANGE_VIDEO&) {}, 152, 2, STATUS_NO_MATCH},

@@ -15,8 +15,7 @@ namespace {
 struct PacketResult {
   uint32_t payload;
   BOOLEAN frameComplete;
-  uint32_t packetFlag;
-  uint32_t validDataOffset;
+  uint32_t packetFlag, validDataOffset;
 };
 
 // Sends one packet of `length` bytes with the given header length and flags.

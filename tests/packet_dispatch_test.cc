@@ -92,8 +92,7 @@ TEST_F(DispatchTest, EveryDeviceRequestReachesTheHostAsItsCodeSays) {
     uint32_t command;
     void* data;
     Lines log;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {SRB_GET_STREAM_INFO, &info, {"receive 100 none", "receive 100 table hosted"}},
       {SRB_OPEN_STREAM, &good_, {"receive 101 none", "receive 101 table hosted"}},
       {SRB_OPEN_STREAM, &bad_, {"receive 101 none", "finish 1 101"}},
@@ -167,8 +166,7 @@ TEST_F(DispatchTest, EveryOpenStartsABlankPhaseAndABadFormatIsRefused) {
     uint32_t stream;
     KS_DATAFORMAT_VIDEOINFOHEADER* format;
     NTSTATUS status;
-  };
-  const Case cases[] = {{"capture, good", 0, &good_, 0x1234},  // the host answers
+  } cases[] = {{"capture, good", 0, &good_, 0x1234},  // the host answers
                         {"still, good", 1, &good_, 0x1234},
                         {"capture, bad size", 0, &bad_, STATUS_INVALID_PARAMETER},
                         {"stream 2", 2, &good_, STATUS_INVALID_PARAMETER}};
@@ -202,8 +200,7 @@ TEST_F(DispatchTest, StreamRequestsCheckTheFormatAndTellTheHostsInterface) {
     NTSTATUS status;
     BOOLEAN completed;
     int setVideoFormat;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"propose good", SRB_PROPOSE_DATA_FORMAT, &good_, 0x200, STATUS_SUCCESS, TRUE, 0},
       {"propose bad", SRB_PROPOSE_DATA_FORMAT, &bad_, 0x200, STATUS_NO_MATCH, TRUE, 0},
       {"set good", SRB_SET_DATA_FORMAT, &good_, 0x200, STATUS_SUCCESS, TRUE, 1},
@@ -253,8 +250,7 @@ TEST_F(DispatchTest, TheFirstRunAfterAStartStaysAwayFromTheImageLibrary) {
     KSSTATE state;
     uint32_t libraryState;
     uint8_t ignoreNextRun;
-  };
-  const Step steps[] = {
+  } steps[] = {
       {0, KSSTATE_PAUSE, 2, 1},  // not a run: told
       {1, KSSTATE_RUN, 2, 1},    // the still stream: nobody told
       {1, KSSTATE_STOP, 2, 1},
@@ -307,8 +303,7 @@ TEST_F(DispatchTest, TheIdleByteIsTakenBeforeTheHostFinishesThePacket) {
     int32_t selSuspend;
     BOOLEAN idle;
     uint8_t armed;
-  };
-  const Case cases[] = {{0, 1, 5}, {0, 0, 5}, {600000000, 1, 1}, {600000000, 0, 0}};
+  } cases[] = {{0, 1, 5}, {0, 0, 5}, {600000000, 1, 1}, {600000000, 0, 0}};
   // The host reuses a finished packet at once.
   host_.onHostedPacket = [](PHW_STREAM_REQUEST_BLOCK srb) {
     srb->CommandData.IdleState = srb->CommandData.IdleState ? 0 : 1;
@@ -354,12 +349,10 @@ TEST_F(DispatchTest, PropertiesOfEverySetAreNotServedYet) {
 TEST_F(DispatchTest, TheInterfaceQueryCopiesTheHostsInterfaceOnlyWhenItIsThere) {
   struct Case {
     const char* name;
-    bool offer;
-    bool pending;
+    bool offer, pending;
     bool build;  // whether the I/O manager gives a request at all
     uint16_t version;
-  };
-  const Case cases[] = {{"offered", true, false, true, 0x200},
+  } cases[] = {{"offered", true, false, true, 0x200},
                         {"offered later", true, true, true, 0x200},
                         {"not offered", false, false, true, 0},
                         {"no request", true, false, false, 0}};
