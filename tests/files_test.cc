@@ -184,12 +184,7 @@ TEST_F(Files, ReadsBringTheBytesAtTheirOffsetAndEndOfFileAtOrPastTheEnd) {
   Write("/Cam.txt", text);
   HANDLE handle = nullptr;
   ASSERT_EQ(OpenAsDriver(u"\\??\\T:\\Cam.txt", &handle), STATUS_SUCCESS);
-  struct Case {
-    int64_t offset;
-    ULONG length;
-    NTSTATUS status;
-    uint64_t bytes;
-  } const cases[] = {
+  struct Case { int64_t offset; ULONG length; NTSTATUS status; uint64_t bytes; } const cases[] = {
       {0, 128, STATUS_SUCCESS, 128},
       {256, 128, STATUS_SUCCESS, 44},  // the short last read keeps the rest of the buffer
       {299, 128, STATUS_SUCCESS, 1},

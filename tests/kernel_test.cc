@@ -35,11 +35,7 @@ class KernelClock : public ::testing::Test {
 };
 
 TEST_F(KernelClock, EventsGivePreviousStateAndOnlySynchronizationResetsOnWait) {
-  struct Case {
-    EVENT_TYPE type;
-    LONG stateAfterWait;
-    NTSTATUS secondWait;
-  };
+  struct Case { EVENT_TYPE type; LONG stateAfterWait; NTSTATUS secondWait; };
   const Case cases[] = {{NotificationEvent, 1, STATUS_SUCCESS},
                         {SynchronizationEvent, 0, STATUS_TIMEOUT}};
   for (const Case& c : cases) {
@@ -65,11 +61,7 @@ TEST_F(KernelClock, EventsGivePreviousStateAndOnlySynchronizationResetsOnWait) {
 }
 
 TEST_F(KernelClock, UnsatisfiedTimedWaitEndsExactlyAtItsDeadline) {
-  struct Case {
-    const char* name;
-    int64_t timeout;
-    int64_t clockAfter;
-  };
+  struct Case { const char* name; int64_t timeout; int64_t clockAfter; };
   const Case cases[] = {
       {"relative 1 ms", -10000, kStart + 10000},
       {"absolute, 5 s ahead", kStart + 50000000, kStart + 50000000},
@@ -95,11 +87,7 @@ TEST_F(KernelClock, UnsatisfiedTimedWaitEndsExactlyAtItsDeadline) {
 }
 
 TEST_F(KernelClock, DelayAdvancesClockByItsIntervalWithoutSleeping) {
-  struct Case {
-    const char* name;
-    int64_t interval;
-    int64_t advance;
-  };
+  struct Case { const char* name; int64_t interval; int64_t advance; };
   const Case cases[] = {
       {"relative 200 ms, the worker's pause", -2000000, 2000000},
       {"absolute, 3 ms ahead", kStart + 30000, 30000},
@@ -251,10 +239,7 @@ TEST(KernelDebugPrint, CapturesNestAndRestoreThePreviousSink) {
 }
 
 TEST(KernelStatus, NtStatusNameNamesKnownCodesAndWritesOthersInHex) {
-  struct Case {
-    NTSTATUS status;
-    const char* name;
-  };
+  struct Case { NTSTATUS status; const char* name; };
   const Case cases[] = {
       {0x00000000, "STATUS_SUCCESS"},         {0x00000102, "STATUS_TIMEOUT"},
       {NTSTATUS(0xC00000BBu), "STATUS_NOT_SUPPORTED"},

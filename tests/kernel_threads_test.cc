@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "platform/kernel.h"
 #include "platform/kernel_control.h"
@@ -40,8 +41,6 @@ class KernelThreads : public ::testing::Test {
     SetKernelClockMode(KernelClockMode::Real);
   }
 };
-
-// ---------------------------------------------------------------- worker loop
 
 // The worker's mailbox: a command word, a wake event, a stop event and a done
 // event, as the driver's worker thread has them, and an acknowledgement the
@@ -125,9 +124,10 @@ TEST_F(KernelThreads, WorkerLoopLosesNoWakeUpUnderManyPosts) {
     EXPECT_EQ(LastSetEventPriority(&box.done), kEndingPriority);
     EXPECT_EQ(KeReadStateEvent(&box.ack), 0);  // taken by the last wait
     const KernelCounters after = GetKernelCounters();
-    EXPECT_EQ(after.threadsStarted - before.threadsStarted, 1u);
-    EXPECT_EQ(after.threadsReturned - before.threadsReturned, 1u);
-    EXPECT_EQ(after.threadsTerminated - before.threadsTerminated, 1u);
+    EXPECT_EQ(std::vector<uint64_t>({after.threadsStarted - before.threadsStarted,
+                                     after.threadsReturned - before.threadsReturned,
+                                     after.threadsTerminated - before.threadsTerminated}),
+              std::vector<uint64_t>({1, 1, 1}));
     std::string report;
     EXPECT_TRUE(KernelCheckBalanced(&report, 0x57747354 /* "TstW" */)) << report;
   }
@@ -135,8 +135,6 @@ TEST_F(KernelThreads, WorkerLoopLosesNoWakeUpUnderManyPosts) {
   KeInitializeEvent(&never, NotificationEvent, FALSE);
   EXPECT_EQ(LastSetEventPriority(&never), -1);
 }
-
-// ---------------------------------------------------------------- fast mutex
 
 struct Contended {
   FAST_MUTEX mutex;
@@ -173,13 +171,12 @@ TEST_F(KernelThreads, FastMutexExcludesOtherThreadsAndItsCountsBalance) {
     EXPECT_EQ(shared.overlaps.load(), 0);
     EXPECT_EQ(shared.counter, long{kRounds} * (kThreads + 1));
     const KernelCounters after = GetKernelCounters();
-    EXPECT_EQ(after.mutexAcquires - before.mutexAcquires, uint64_t{kRounds} * (kThreads + 1));
-    EXPECT_EQ(after.mutexReleases - before.mutexReleases, uint64_t{kRounds} * (kThreads + 1));
+    const uint64_t rounds = uint64_t{kRounds} * (kThreads + 1);
+    EXPECT_EQ(after.mutexAcquires - before.mutexAcquires, rounds);
+    EXPECT_EQ(after.mutexReleases - before.mutexReleases, rounds);
     EXPECT_EQ(FastMutexBalance(), 0);
   }
 }
-
-// ---------------------------------------------------------------- timed waits
 
 struct TimedWaiter {
   KEVENT event;
@@ -197,15 +194,9 @@ void WaitOnce(void* context) {
 }
 
 TEST_F(KernelThreads, TimedWaitEndsWhenSignalledOrWhenTheClockReachesItsDeadline) {
-  struct Case {
-    const char* name;
-    int64_t timeout;
-    int64_t firstAdvance;
-    bool signal;  // after the first advance; else the clock moves one tick more
-    NTSTATUS status;
-    int64_t clockAtReturn;
-  };
-  const Case cases[] = {
+  // Signalled after the first advance, or else the clock moves one tick more.
+  struct Case { const char* name; int64_t timeout, firstAdvance; bool signal; NTSTATUS status;
+                int64_t clockAtReturn; } const cases[] = {
       {"relative, signalled one tick early", -1000, 999, true, STATUS_SUCCESS, kStart + 999},
       {"relative, times out on the tick", -1000, 999, false, STATUS_TIMEOUT, kStart + 1000},
       {"absolute, signalled early", kStart + 5000, 4999, true, STATUS_SUCCESS, kStart + 4999},
@@ -261,8 +252,6 @@ TEST_F(KernelThreads, AutoAdvanceMeetsDeadlinesInTheirOrder) {
     EXPECT_EQ(late.clockAtReturn, kStart + 1000);
   }
 }
-
-// ---------------------------------------------------------------- lifecycle
 
 void WaitForEvent(void* context) {
   KeWaitForSingleObject(static_cast<KEVENT*>(context), Executive, KernelMode, FALSE, nullptr);

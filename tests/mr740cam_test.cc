@@ -126,11 +126,7 @@ using ScriptTool = Mr740cam;
 // BT.601 studio range, the colours of the standard's tables: the full
 // primaries are Y/Cb/Cr 81/90/240 (red), 145/54/34 (green), 41/240/110
 // (blue), 235/128/128 (white), 16/128/128 (black).
-struct Colour {
-  const char* name;
-  uint8_t r, g, b;
-  uint8_t y, cb, cr;
-};
+struct Colour { const char* name; uint8_t r, g, b; uint8_t y, cb, cr; };
 constexpr Colour kColours[] = {
     {"red", 255, 0, 0, 81, 90, 240},       {"green", 0, 255, 0, 145, 54, 34},
     {"blue", 0, 0, 255, 41, 240, 110},     {"white", 255, 255, 255, 235, 128, 128},

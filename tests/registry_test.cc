@@ -78,6 +78,12 @@ bool DriverSetDword(const std::u16string& path, const std::u16string& name, uint
   return status == STATUS_SUCCESS;
 }
 
+// A DWORD as the control side reads it; -1 when there is none.
+int64_t Dword(const std::u16string& path, const std::u16string& name) {
+  uint32_t value = 0;
+  return GetRegistryDword(path, name, &value) ? int64_t{value} : -1;
+}
+
 DEVICE_OBJECT* FakeDevice(int index) {
   static char devices[4];
   return reinterpret_cast<DEVICE_OBJECT*>(&devices[index]);
@@ -210,11 +216,7 @@ TEST_F(Registry, PartialRecordIsSizedByTheBufferLength) {
   // The record is TitleIndex, Type, DataLength (three 32-bit words), then the data.
   const Bytes stored = {0x11, 0x22, 0x33, 0x44, 0x55};
   ASSERT_TRUE(SetRegistryBinary(kBase, u"Blob", stored));
-  struct Case {
-    ULONG length;
-    NTSTATUS status;
-    bool headerFilled, dataCopied;
-  } const cases[] = {
+  struct Case { ULONG length; NTSTATUS status; bool headerFilled, dataCopied; } const cases[] = {
       {0, STATUS_BUFFER_TOO_SMALL, false, false}, {11, STATUS_BUFFER_TOO_SMALL, false, false},
       {12, STATUS_BUFFER_OVERFLOW, true, false},  {16, STATUS_BUFFER_OVERFLOW, true, false},
       {17, STATUS_SUCCESS, true, true},           {64, STATUS_SUCCESS, true, true},
@@ -348,8 +350,7 @@ TEST_F(Registry, DwordStringAndBinaryRoundTripBetweenDriverAndControlSide) {
   EXPECT_FALSE(GetRegistryDword(path, u"Script", &dword));
   EXPECT_EQ(dword, 7u);
   ASSERT_TRUE(SetRegistryBinary(kBase, u"Four", {1, 0, 0, 0}));
-  EXPECT_TRUE(GetRegistryDword(kBase, u"Four", &dword));
-  EXPECT_EQ(dword, 1u);
+  EXPECT_EQ(Dword(kBase, u"Four"), 1);
   EXPECT_EQ(ZwClose(key), STATUS_SUCCESS);
 }
 
@@ -384,9 +385,7 @@ TEST_F(Registry, ServiceKeyWritesGoToTheAbsolutePath) {
   std::vector<std::u16string> children;
   ASSERT_TRUE(ListRegistrySubKeys(services, &children));
   EXPECT_EQ(children, std::vector<std::u16string>{u"DCamUSBMora"});
-  uint32_t value = 99;
-  EXPECT_TRUE(GetRegistryDword(services + u"\\dcamusbmora", u"connectionstate", &value));
-  EXPECT_EQ(value, 0u);
+  EXPECT_EQ(Dword(services + u"\\dcamusbmora", u"connectionstate"), 0);
   EXPECT_EQ(write(1, u"Services\\X", u"V", 1), STATUS_INVALID_PARAMETER);  // absolute paths only
 }
 
@@ -547,20 +546,19 @@ TEST_F(Registry, EachCallFailsInTurnAndTheNextRoundWorks) {
   for (uint64_t nth = 1;; ++nth) {
     SCOPED_TRACE(nth);
     ASSERT_LE(nth, 5u);
-    uint32_t kept = 0, value = 0;
-    ASSERT_TRUE(GetRegistryDword(propertyKey, u"CurrentValue", &kept));
+    const int64_t kept = Dword(propertyKey, u"CurrentValue");
     RegistryFailOperation(nth, STATUS_INSUFFICIENT_RESOURCES);
     NTSTATUS status = SavePropertyValue(100 + static_cast<uint32_t>(nth));
-    ASSERT_TRUE(GetRegistryDword(propertyKey, u"CurrentValue", &value));
+    const int64_t value = Dword(propertyKey, u"CurrentValue");
     if (NT_SUCCESS(status)) {
       EXPECT_EQ(nth, 5u);
-      EXPECT_EQ(value, 105u);
+      EXPECT_EQ(value, 105);
       RegistryFailOperation(0, STATUS_SUCCESS);
       break;
     }
     EXPECT_EQ(status, STATUS_INSUFFICIENT_RESOURCES);
     // Up to the failed write the value is as it was; a failed read comes after it.
-    EXPECT_EQ(value, nth <= 3 ? kept : 100 + nth);
+    EXPECT_EQ(value, nth <= 3 ? kept : int64_t(100 + nth));
     EXPECT_EQ(OpenPlatformHandles(HandleKind::RegistryKey), handlesBefore_);
     EXPECT_EQ(SavePropertyValue(200), STATUS_SUCCESS) << "the fault is spent";
   }
@@ -575,12 +573,7 @@ TEST_F(Registry, EachCallFailsInTurnAndTheNextRoundWorks) {
 // ---------------------------------------------------------------- the text form
 
 TEST_F(Registry, EachTextValueFormReadsToItsTypeAndBytes) {
-  struct Case {
-    std::string line;
-    std::u16string name;
-    ULONG type;
-    Bytes data;
-  } const cases[] = {
+  struct Case { std::string line; std::u16string name; ULONG type; Bytes data; } const cases[] = {
       {"\"FrameRate\"=dword:0000001e", u"FrameRate", REG_DWORD, {0x1e, 0, 0, 0}},
       {"\"Short\"=DWORD:A", u"Short", REG_DWORD, {0x0a, 0, 0, 0}},
       {"@=dword:ffffffff", u"", REG_DWORD, {0xff, 0xff, 0xff, 0xff}},
@@ -792,9 +785,7 @@ TEST_F(Registry, AnInterruptedSaveLeavesTheOldFileAndNamesTheTextCannotHoldFail)
 
   ResetRegistry();
   ASSERT_TRUE(LoadRegistryFile(file.string(), &error)) << error;
-  uint32_t lens = 0;
-  ASSERT_TRUE(GetRegistryDword(kBase, u"LensPos", &lens));
-  EXPECT_EQ(lens, 1u);
+  EXPECT_EQ(Dword(kBase, u"LensPos"), 1);
   ASSERT_TRUE(SetRegistryDword(kBase, u"LensPos", 3));
   ASSERT_TRUE(SaveRegistryFile(file.string(), &error)) << error;
   EXPECT_FALSE(fs::exists(tmp));
@@ -831,12 +822,8 @@ TEST_F(Registry, DriverChangesSurviveARestart) {
 
   ResetRegistry();  // the restart
   ASSERT_TRUE(AttachRegistryFile(file.string(), &error)) << error;
-  uint32_t value = 0;
-  EXPECT_TRUE(
-      GetRegistryDword(softwareKey + u"\\PropertySetting\\Brightness", u"CurrentValue", &value));
-  EXPECT_EQ(value, 77u);
-  EXPECT_TRUE(GetRegistryDword(ServiceKeyPath, u"ConnectionState", &value));
-  EXPECT_EQ(value, 1u);
+  EXPECT_EQ(Dword(softwareKey + u"\\PropertySetting\\Brightness", u"CurrentValue"), 77);
+  EXPECT_EQ(Dword(ServiceKeyPath, u"ConnectionState"), 1);
 
   // ResetRegistry detaches without saving what is pending.
   SetRegistrySaveInterval(std::chrono::hours(1));
@@ -949,11 +936,7 @@ TEST_F(RegistryThreads, ConcurrentWritersLoseNoValue) {
   ASSERT_TRUE(ListRegistryValues(shared, &values));
   EXPECT_EQ(values.size(), size_t(kThreads * kRounds + 1));
   for (int t = 0; t < kThreads; ++t) {
-    for (int i = 0; i < kRounds; ++i) {
-      uint32_t value = 0;
-      ASSERT_TRUE(GetRegistryDword(shared, valueName("t", t, i), &value));
-      EXPECT_EQ(value, uint32_t(t * 1000 + i));
-    }
+    for (int i = 0; i < kRounds; ++i) EXPECT_EQ(Dword(shared, valueName("t", t, i)), t * 1000 + i);
   }
   EXPECT_EQ(RegistryCallCount(), uint64_t(kThreads * kRounds * 4));  // four per round
 }
@@ -981,11 +964,7 @@ TEST_F(RegistryThreads, ConcurrentDriverWritersAllReachTheFile) {
   ResetRegistry();
   ASSERT_TRUE(LoadRegistryFile(file.string(), &error)) << error;
   for (int t = 0; t < kThreads; ++t) {
-    for (int i = 0; i < kRounds; ++i) {
-      uint32_t value = 0;
-      ASSERT_TRUE(GetRegistryDword(key(t), name(i), &value));
-      EXPECT_EQ(value, uint32_t(t * 100 + i));
-    }
+    for (int i = 0; i < kRounds; ++i) EXPECT_EQ(Dword(key(t), name(i)), t * 100 + i);
   }
 }
 

@@ -446,11 +446,7 @@ TEST_F(ScriptCommands, EachCommandSendsItsRequests) {
 
 TEST_F(ScriptCommands, LogLinesAreVerbatim) {
   const Camera plain, rev2{.revision2 = 1}, lo{.addrLo = 0xF0}, failing{.failNth = 1};
-  struct Case {
-    std::string body;
-    const Camera& setup;
-    Lines log;
-  } const cases[] = {
+  struct Case { std::string body; const Camera& setup; Lines log; } const cases[] = {
       {"WRITE 60H 12H 0ABH\r\n", plain, {"WRITE I2CADDR = 60 REGADDR = 12 DATA = ab\n"}},
       {"DELAY 10000\r\n", plain, {"DELAY -10000\n"}},
       {"WAIT 0 4 0 0 100\r\n", plain,
