@@ -95,36 +95,27 @@ constexpr double kYuvTolerance = 1.0;
 constexpr int kRgbTolerance = 1;
 constexpr int kRoundTripTolerance = 3;
 
-TEST(FuncRawToYuv, ColourBarsLandOnBt601ValuesThroughEveryOutputFormat) {
+// The conversions to RGB24 and to I420 are checked exactly on their own
+// below; here the colours come back through the chain.
+TEST(FuncRawToYuv, ColourBarsLandOnBt601ValuesAndComeBackAsTheirRgb) {
   FuncHandle func;
   const uint32_t barWidth = 16, w = 8 * barWidth, h = 8;
   std::vector<uint8_t> raw = MakeBayer(w, h, [&](uint32_t x) { return kBars[x / barWidth]; });
-  std::vector<uint8_t> yuyv(2 * w * h), bgr(3 * w * h), i420(w * h + 2 * (w / 2) * (h / 2));
+  std::vector<uint8_t> yuyv(2 * w * h), bgr(3 * w * h);
   FUNC_RawToYuv(func.Handle, raw.data(), w, h, yuyv.data(), w, h);
   FUNC_YuvToBmp(func.Handle, yuyv.data(), w, h, bgr.data());
-  FUNC_YuvToI420(func.Handle, yuyv.data(), w, h, i420.data());
   for (uint32_t bar = 0; bar < 8; ++bar) {
     const Rgb8 c = kBars[bar];
-    YuvRef want = ReferenceYuv(c.R, c.G, c.B);
     // Away from the bar edges, where the demosaic mixes neighbours.
     for (uint32_t y = 0; y < h; ++y) {
       for (uint32_t x = bar * barWidth + 2; x < bar * barWidth + barWidth - 2; ++x) {
         SCOPED_TRACE(testing::Message() << "bar " << bar << " x " << x << " y " << y);
-        Yuv8 got = PixelOf(yuyv, w, x, y);
-        ExpectNear(got, want, kYuvTolerance, "YUYV");
+        ExpectNear(PixelOf(yuyv, w, x, y), ReferenceYuv(c.R, c.G, c.B), kYuvTolerance, "YUYV");
         const uint8_t* px = &bgr[3 * ((h - 1 - y) * w + x)];
-        const Rgb8 back = ReferenceRgb(got.Y, got.Cb, got.Cr);
-        for (const auto& [want, tolerance] :
-             {std::pair{back, kRgbTolerance}, {c, kRoundTripTolerance}}) {
-          EXPECT_TRUE(std::abs(px[0] - want.B) <= tolerance &&
-                      std::abs(px[1] - want.G) <= tolerance &&
-                      std::abs(px[2] - want.R) <= tolerance)
-              << int(px[2]) << "," << int(px[1]) << "," << int(px[0]) << " within " << tolerance;
-        }
-        EXPECT_EQ(i420[y * w + x], got.Y);
-        size_t chroma = (y / 2) * (w / 2) + x / 2;
-        EXPECT_NEAR(i420[w * h + chroma], want.Cb, kYuvTolerance);
-        EXPECT_NEAR(i420[w * h + (w / 2) * (h / 2) + chroma], want.Cr, kYuvTolerance);
+        EXPECT_TRUE(std::abs(px[0] - c.B) <= kRoundTripTolerance &&
+                    std::abs(px[1] - c.G) <= kRoundTripTolerance &&
+                    std::abs(px[2] - c.R) <= kRoundTripTolerance)
+            << int(px[2]) << "," << int(px[1]) << "," << int(px[0]);
       }
     }
   }
