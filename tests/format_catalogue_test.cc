@@ -154,8 +154,13 @@ TEST(FormatCatalogue, TwoStreamsOfferEveryFormatWithTheHostsTwoPropertySets) {
     }
   }
   EXPECT_NE(StreamTable[0].StreamFormatsArray, StreamTable[1].StreamFormatsArray);
-  EXPECT_EQ(GuidText(PINNAME_VIDEO_CAPTURE), pins[0]);
-  EXPECT_EQ(GuidText(PINNAME_VIDEO_STILL), pins[1]);
+  EXPECT_EQ(std::vector<std::string>({GuidText(PINNAME_VIDEO_CAPTURE), GuidText(PINNAME_VIDEO_STILL),
+                                      GuidText(KSDATAFORMAT_TYPE_VIDEO),
+                                      GuidText(KSDATAFORMAT_SPECIFIER_VIDEOINFO),
+                                      GuidText(MEDIASUBTYPE_RGB24), GuidText(MEDIASUBTYPE_YUY2),
+                                      GuidText(MEDIASUBTYPE_I420)}),
+            std::vector<std::string>({pins[0], pins[1], VideoGuid, VideoInfoGuid, Rgb24Guid,
+                                      Yuy2Guid, I420Guid}));
 }
 
 // ---------------------------------------------------------------- check and intersection
