@@ -84,17 +84,14 @@ TEST(EmulatedUsbIdentity, DescriptorsCarryTheChipRevisionAndTheStreamingInterfac
     EXPECT_EQ(cam.DeviceDescriptor().bcdDevice, c.bcdDevice);
     const std::vector<uint8_t> bytes = cam.ConfigurationDescriptorBytes();
     ASSERT_GE(bytes.size(), 9u);
-    EXPECT_EQ(bytes[1], 2);
-    EXPECT_EQ(size_t(bytes[2] | bytes[3] << 8), bytes.size()) << "wTotalLength";
-    EXPECT_EQ(bytes[4], c.before + 1) << "bNumInterfaces";
+    // Type 2, wTotalLength, bNumInterfaces.
+    EXPECT_EQ(std::tuple(bytes[1], size_t(bytes[2] | bytes[3] << 8), bytes[4]),
+              std::tuple(2, bytes.size(), c.before + 1));
     const Walk walk = WalkConfiguration(bytes);
-    EXPECT_EQ(walk.found, c.class14);
-    EXPECT_EQ(walk.idleSetting, c.idleSetting);
-    EXPECT_EQ(walk.smallest, c.smallest);
-    if (c.class14) {
-      EXPECT_EQ(walk.interfaceNumber, c.before);
-      EXPECT_EQ(walk.settings, cam.AlternateSettingCount());
-    }
+    EXPECT_EQ(std::tuple(walk.found, walk.idleSetting, walk.smallest),
+              std::tuple(c.class14, c.idleSetting, c.smallest));
+    EXPECT_TRUE(!c.class14 || (walk.interfaceNumber == c.before &&
+                               walk.settings == cam.AlternateSettingCount()));
     EXPECT_EQ(cam.StreamingInterfaceNumber(), c.before);
   }
 }
