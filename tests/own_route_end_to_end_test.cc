@@ -32,7 +32,7 @@ void IgnoreLine(void*, const char*) {}
 // `sceneText` as RGB24 at 320 x 240, with a same-size Bayer wire.
 class Ov2640Capture {
  public:
-  explicit Ov2640Capture(const std::string& sceneText) {
+  explicit Ov2640Capture(const std::string& sceneText) : clockMode_(GetKernelClockMode()) {
     SetKernelClockMode(KernelClockMode::Virtual);
     SetDebugPrintSink(IgnoreLine, nullptr);
     drive_ = std::filesystem::temp_directory_path() /
@@ -96,6 +96,8 @@ class Ov2640Capture {
     MapDosDrive('C', "");
     std::error_code ignored;
     std::filesystem::remove_all(drive_, ignored);
+    SetDebugPrintSink(nullptr, nullptr);
+    SetKernelClockMode(clockMode_);
   }
 
   const std::string& Error() const { return error_; }
@@ -116,6 +118,7 @@ class Ov2640Capture {
   const std::vector<uint8_t>& Picture() const { return frame_; }
 
  private:
+  KernelClockMode clockMode_;
   std::filesystem::path drive_;
   std::string error_;
   std::unique_ptr<EmulatedCamera> camera_;
