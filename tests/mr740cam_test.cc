@@ -390,10 +390,12 @@ TEST_F(Mr740cam, BadArgumentsAndBadDescriptionsAreRefusedWithTheirReason) {
     EXPECT_TRUE(out.empty()) << out;
   }
   EXPECT_FALSE(fs::exists(In("capture.png")));
-  // Nothing of a failed load reached the tool's file.
+  // Nothing of a failed load or of a refused description reached the tool's file.
   std::string out;
   ASSERT_EQ(Run({"registry", "show"}, &out), 0);
-  EXPECT_EQ(out.find("Mr740Load"), std::string::npos) << out;
+  for (const char* left : {"Mr740Load", "XY9000", "MINE.txt"}) {
+    EXPECT_EQ(out.find(left), std::string::npos) << left << " in:\n" << out;
+  }
 }
 
 // ---------------------------------------------------------------- script commands

@@ -37,14 +37,32 @@ bool BuiltInInstalled(const CameraModel& model) {
   const std::filesystem::path folder =
       std::filesystem::path(ToolDriveFolder(AttachedRegistryFile())) / "Cameras" / model.name;
   std::error_code error;
-  return std::filesystem::is_directory(folder, error) &&
-         !std::filesystem::is_empty(folder, error);
+  return std::filesystem::is_directory(folder, error) && !std::filesystem::is_empty(folder, error);
 }
 
 std::string Ascii(const std::u16string& text) {
   std::string out;
   for (char16_t c : text) out += c < 0x80 ? char(c) : '?';
   return out;
+}
+
+// Puts the whole tree back to `text`, a SaveRegistryText of it. An empty
+// text (a tree the text form could not hold) leaves the tree as it is.
+void RestoreRegistry(const std::string& text) {
+  if (text.empty()) return;
+  const std::u16string root = u"\\REGISTRY\\MACHINE";
+  std::vector<std::u16string> keys;
+  ListRegistrySubKeys(root, &keys);
+  std::vector<RegistryEdit> edits;
+  for (const std::u16string& key : keys) {
+    RegistryEdit edit;
+    edit.kind = RegistryEdit::DeleteKey;
+    edit.path = root + u"\\" + key;
+    edits.push_back(edit);
+  }
+  ApplyRegistryEdits(edits);
+  std::string ignored;
+  LoadRegistryText(text, "the registry as it was", &ignored);
 }
 
 // The script a description loaded from a .reg file names must lie on drive
@@ -163,15 +181,23 @@ bool CameraSession::FindDescription(const std::string& camera, FILE* err) {
                    camera.c_str());
       return false;
     }
+    // A description the camera cannot use is refused whole: the registry
+    // goes back to what it held before the file was merged into it.
+    const std::string before = SaveRegistryText();
     if (!LoadRegistryFile(camera, &error)) {
       std::fprintf(err, "mr740cam: %s\n", error.c_str());
       return false;
     }
     if (!DescribeInstalledCamera(instance, camera, &model_, &error)) {
       std::fprintf(err, "mr740cam: %s: %s\n", camera.c_str(), error.c_str());
+      RestoreRegistry(before);
       return false;
     }
-    return PlaceScript(camera, instance, err);
+    if (!PlaceScript(camera, instance, err)) {
+      RestoreRegistry(before);
+      return false;
+    }
+    return true;
   }
   std::fprintf(err, "mr740cam: no camera %s: name a built-in model (", camera.c_str());
   const char* separator = "";
