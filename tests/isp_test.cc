@@ -129,8 +129,6 @@ Ycc MeanOver(const std::vector<uint8_t>& p, uint32_t width, uint32_t x0, uint32_
   return {sum[0] / n, sum[1] / n, sum[2] / n};
 }
 
-// ---------------------------------------------------------------- development
-
 struct Ratio {
   uint32_t wireWidth, wireHeight, width, height;
 };
@@ -188,26 +186,19 @@ TEST(IspDevelop, UniformPatchesGiveBt601ValuesAndEdgesStayAtEveryRatio) {
   }
 }
 
+// At neutral settings a YUYV wire frame of legal studio values passes
+// through, and doubled in both directions a uniform patch keeps its values.
 TEST(IspDevelop, YuyvWireFramePassesThroughAtNeutralSettings) {
   std::mt19937 random(740);
-  SCOPED_TRACE("seed 740");
-  const uint32_t width = 96, height = 20;
-  std::vector<uint8_t> raw(size_t{width} * height * 2);
-  for (size_t i = 0; i < raw.size(); ++i) {
-    // Legal studio values: luma 16..235, chroma 16..240.
-    raw[i] = static_cast<uint8_t>((i & 1) == 0 ? 16 + random() % 220 : 16 + random() % 225);
-  }
+  std::vector<uint8_t> raw(96 * 20 * 2);
+  for (size_t i = 0; i < raw.size(); ++i) raw[i] = uint8_t(16 + random() % ((i & 1) ? 225 : 220));
   Session session;
-  session.Start(width, height, IspWireLayoutYuyv, width, height);
-  EXPECT_EQ(session.Develop(raw, width, height, NeutralRecord), raw);
-
-  // Doubled in both directions, a uniform YUYV patch keeps its values.
+  session.Start(96, 20, IspWireLayoutYuyv, 96, 20);
+  EXPECT_EQ(session.Develop(raw, 96, 20, NeutralRecord), raw) << "seed 740";
   session.Start(24, 24, IspWireLayoutYuyv, 48, 48);
   EXPECT_EQ(session.Develop(UniformYuyv(24, 24, 81, 90, 240), 48, 48, NeutralRecord),
             UniformYuyv(48, 48, 81, 90, 240));
 }
-
-// ---------------------------------------------------------------- properties
 
 // The chart the property cases look at: a grey ramp across the top half, an
 // orange patch bottom left, a grey patch bottom right.
@@ -393,8 +384,6 @@ TEST(IspProperties, AutomaticWhiteBalanceGreysATintedScene) {
   EXPECT_NEAR(wire.y, balanced.y, 1.5);
 }
 
-// ---------------------------------------------------------------- orientation
-
 // Equal size, enlarged from an odd wire width, shrunk; 33 pixel pairs a row,
 // so the middle pair stays in place.
 TEST(IspOrientation, MirrorAndFlipReverseGradients) {
@@ -422,8 +411,6 @@ TEST(IspOrientation, MirrorAndFlipReverseGradients) {
     }
   }
 }
-
-// ---------------------------------------------------------------- geometry
 
 // Output size 320 x 240 throughout. StartCapture reads only the controller.
 TEST(IspGeometry, StartCaptureLearnsTheWireFrameFromTheController) {
@@ -478,14 +465,14 @@ TEST(IspGeometry, UnprogrammedOrStoppedCaptureDevelopsTheOutputSizeInBayer) {
   }
 }
 
-// ---------------------------------------------------------------- handle
-
-TEST(IspHandle, NullHandleDoesNothingInEveryCall) {
-  std::vector<uint8_t> raw(64 * 16, 100), out(64 * 16 * 2, 0x5A);
+// A null handle does nothing in any call; bad frame arguments on a good
+// handle are refused and leave the destination untouched.
+TEST(IspHandle, NullHandleAndBadFrameArgumentsAreRefused) {
+  std::vector<uint8_t> raw(1602 * 1202 * 2, 77), out(64 * 16 * 2, 0x5A);
+  const std::vector<uint8_t> untouched = out;
   uint32_t w = 7, h = 9;
   EXPECT_EQ(ISPFunc_RawToImg(0, nullptr, 2, NeutralRecord.data(), out.data(), raw.data(), 64, 16),
             STATUS_INVALID_HANDLE);
-  EXPECT_EQ(out, std::vector<uint8_t>(out.size(), 0x5A));
   EXPECT_EQ(ISPFunc_StartCapture(0, nullptr, 2, 64, 16, &w, &h), STATUS_INVALID_HANDLE);
   EXPECT_EQ(std::pair(w, h), std::pair(7u, 9u));
   for (NTSTATUS status : {ISPFunc_StopCapture(0, nullptr), ISPFunc_StreamStateNotify(0, nullptr, 3),
@@ -498,9 +485,6 @@ TEST(IspHandle, NullHandleDoesNothingInEveryCall) {
   STREAM_PROPERTY_DESCRIPTOR descriptor = {&property, 0, &data, sizeof(property), sizeof(data)};
   EXPECT_EQ(ISPFunc_prpmanf_GetCustomProperty(0, nullptr, &descriptor), 0u);
   EXPECT_EQ(ISPFunc_prpmanf_SetCustomProperty(0, nullptr, &descriptor), 0u);
-}
-
-TEST(IspHandle, BadFrameArgumentsLeaveTheDestinationUntouched) {
   struct Case {
     const char* name;
     uint32_t width, height;
@@ -512,16 +496,14 @@ TEST(IspHandle, BadFrameArgumentsLeaveTheDestinationUntouched) {
       {"too high", 2, 1202, false, false},    {"no raw frame", 32, 16, true, false},
       {"no destination", 32, 16, false, true}};
   Session session;
-  std::vector<uint8_t> raw(1602 * 1202 * 2, 77);
   for (const Case& c : cases) {
-    std::vector<uint8_t> out(64, 0x5A);
     EXPECT_EQ(ISPFunc_RawToImg(session.handle, &session.camera, 2, NeutralRecord.data(),
                                c.nullDestination ? nullptr : out.data(),
                                c.nullRaw ? nullptr : raw.data(), c.width, c.height),
               STATUS_INVALID_PARAMETER)
         << c.name;
-    EXPECT_EQ(out, std::vector<uint8_t>(64, 0x5A)) << c.name;
   }
+  EXPECT_EQ(out, untouched);
 }
 
 // A name longer than 16 characters is cut; a failed allocation gives no handle.
@@ -549,21 +531,18 @@ TEST(IspHandle, PoolBlockIsReturnedAtExitAndAFailedInitGivesNoHandle) {
   EXPECT_EQ(PoolLiveBlocks(IspPoolTag), before);
 }
 
-// ---------------------------------------------------------------- custom properties
-
 // The bytes answered for a custom property; `size` is the caller's buffer.
-uint32_t Custom(Session& s, bool set, uint32_t id, uint32_t* value, uint32_t size = 4) {
+uint32_t GetCustom(Session& s, uint32_t id, uint32_t* value, uint32_t size = 4) {
   KSPROPERTY property = {};
   property.Id = id;
   STREAM_PROPERTY_DESCRIPTOR d = {&property, 0, value, sizeof(property), size};
-  return set ? ISPFunc_prpmanf_SetCustomProperty(s.handle, &s.camera, &d)
-             : ISPFunc_prpmanf_GetCustomProperty(s.handle, &s.camera, &d);
-}
-uint32_t GetCustom(Session& s, uint32_t id, uint32_t* value, uint32_t size = 4) {
-  return Custom(s, false, id, value, size);
+  return ISPFunc_prpmanf_GetCustomProperty(s.handle, &s.camera, &d);
 }
 uint32_t SetCustom(Session& s, uint32_t id, uint32_t value, uint32_t size = 4) {
-  return Custom(s, true, id, &value, size);
+  KSPROPERTY property = {};
+  property.Id = id;
+  STREAM_PROPERTY_DESCRIPTOR d = {&property, 0, &value, sizeof(property), size};
+  return ISPFunc_prpmanf_SetCustomProperty(s.handle, &s.camera, &d);
 }
 
 // The version is read only; smoothing is clamped to 7; a buffer under 4
@@ -628,8 +607,6 @@ TEST(IspCustomProperties, StatisticsOfTheLastFrameAndSmoothedWhiteBalance) {
   EXPECT_EQ(std::pair(session.camera.controllerReads, session.camera.otherCalls),
             std::pair(readsAfterStart, 0));
 }
-
-// ---------------------------------------------------------------- vector rows
 
 TEST(IspRows, VectorRowsGiveThePortableBytes) {
 #if defined(ISP_HAVE_X86_ROWS)

@@ -127,8 +127,6 @@ using PictureFiles = Mr740cam;
 using RegistryTool = Mr740cam;
 using ScriptTool = Mr740cam;
 
-// ---------------------------------------------------------------- picture files
-
 // BT.601 studio range, the colours of the standard's tables: the full
 // primaries are Y/Cb/Cr 81/90/240 (red), 145/54/34 (green), 41/240/110
 // (blue), 235/128/128 (white), 16/128/128 (black).
@@ -247,8 +245,6 @@ TEST_F(PictureFiles, AShortFrameOrAnUnfinishedVideoLeavesNoFile) {
   EXPECT_TRUE(fs::is_empty(folder_));
 }
 
-// ---------------------------------------------------------------- registry commands
-
 const char kCamera[] =
     "Windows Registry Editor Version 5.00\r\n\r\n"
     "[HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Control\\Class\\"
@@ -317,8 +313,6 @@ TEST_F(RegistryTool, EveryBuiltInCameraInstallsWithScriptsWhereItsDescriptionLoo
     EXPECT_EQ(installed, FileText(std::string(MR740_SOURCE_DIR) + "/cameras/" + c.script));
   }
 }
-
-// ---------------------------------------------------------------- refusals
 
 // Refused before any camera starts: usage errors (status 2) and descriptions
 // that cannot be used (status 1), each with a message that names the fault.
@@ -410,8 +404,6 @@ TEST_F(Mr740cam, BadArgumentsAndBadDescriptionsAreRefusedWithTheirReason) {
     EXPECT_EQ(out.find(left), std::string::npos) << left << " in:\n" << out;
   }
 }
-
-// ---------------------------------------------------------------- script commands
 
 struct CheckCase {
   const char* what;
@@ -611,8 +603,6 @@ TEST_F(ScriptTool, CheckLeavesTheHostCallsClockModeAndDebugPrintAsItFoundThem) {
   // The driver's own log lines went to the checker, not to the sink.
   EXPECT_EQ(printed, Lines{"after\n"});
 }
-
-// ---------------------------------------------------------------- end to end
 
 // The whole camera: the OV7670 webcam described, started by the driver in
 // the host, streaming through the packet and frame routines into files.
