@@ -127,9 +127,7 @@ using PictureFiles = Mr740cam;
 using RegistryTool = Mr740cam;
 using ScriptTool = Mr740cam;
 
-// BT.601 studio range, the colours of the standard's tables: the full
-// primaries are Y/Cb/Cr 81/90/240 (red), 145/54/34 (green), 41/240/110
-// (blue), 235/128/128 (white), 16/128/128 (black).
+// BT.601 studio range, the colours of the standard's tables.
 struct Colour {
   const char* name;
   uint8_t r, g, b;
@@ -141,12 +139,13 @@ constexpr Colour kColours[] = {
     {"black", 0, 0, 0, 16, 128, 128},
 };
 
-// A 4 x 2 frame of each format whose top row is `top` and bottom row
-// `bottom`, laid out as the driver delivers it.
+// A 4 x 2 frame whose top row is `top` and bottom row `bottom`, laid out as
+// the driver delivers it: RGB24 bottom-up BGR; I420 with one chroma row for
+// both lines, which take the top's.
 std::vector<uint8_t> TwoRowFrame(PictureFormat format, const Colour& top, const Colour& bottom) {
   std::vector<uint8_t> frame;
   switch (format) {
-    case PictureFormat::RGB24:  // bottom-up BGR
+    case PictureFormat::RGB24:
       for (const Colour* c : {&bottom, &top}) {
         for (int x = 0; x < 4; ++x) frame.insert(frame.end(), {c->b, c->g, c->r});
       }
@@ -156,7 +155,7 @@ std::vector<uint8_t> TwoRowFrame(PictureFormat format, const Colour& top, const 
         for (int pair = 0; pair < 2; ++pair) frame.insert(frame.end(), {c->y, c->cb, c->y, c->cr});
       }
       break;
-    case PictureFormat::I420:  // one chroma row for both lines: top and bottom share it
+    case PictureFormat::I420:
       frame = {top.y,    top.y,    top.y,  top.y,  bottom.y, bottom.y,
                bottom.y, bottom.y, top.cb, top.cb, top.cr,   top.cr};
       break;
@@ -164,66 +163,58 @@ std::vector<uint8_t> TwoRowFrame(PictureFormat format, const Colour& top, const 
   return frame;
 }
 
-TEST_F(PictureFiles, PngPicturesOfEveryFormatShowTheirColoursTopRowFirst) {
-  for (PictureFormat format : {PictureFormat::RGB24, PictureFormat::YUY2, PictureFormat::I420}) {
-    for (const Colour& colour : kColours) {
-      SCOPED_TRACE(std::string(PictureFormatName(format)) + " " + colour.name);
-      // I420 shares chroma between the two lines, so both rows are one colour.
-      const Colour& bottom = format == PictureFormat::I420 ? colour : kColours[4];
-      const std::vector<uint8_t> frame = TwoRowFrame(format, colour, bottom);
-      const PictureLayout layout{format, 4, 2};
-      ASSERT_EQ(frame.size(), PictureFrameBytes(layout));
-      std::string error;
-      ASSERT_TRUE(WritePngPicture(In("picture.png"), frame.data(), frame.size(), layout, &error))
-          << error;
-      uint32_t width = 0, height = 0;
-      const std::vector<uint8_t> rgb = ReadPng(In("picture.png"), &width, &height);
-      ASSERT_TRUE(rgb.size() == 24 && width == 4 && height == 2);
-      // The tables' YCbCr values are rounded: two levels of tolerance.
-      for (int i = 0; i < 24; ++i) {
-        const Colour& c = i < 12 ? colour : bottom;
-        EXPECT_NEAR(rgb[i], i % 3 == 0 ? c.r : i % 3 == 1 ? c.g : c.b, 2) << "byte " << i;
-      }
-    }
-  }
-}
-
-TEST_F(PictureFiles, Y4mVideosHaveTheHeaderAndPlanesPlayersRead) {
+// PNG pictures of every format show their colours top row first (the
+// tables' values are rounded: two levels of tolerance); YUV4MPEG2 videos of
+// two red-over-blue frames have the header and planes players read (from
+// RGB within one level, the others exact), and show only when whole.
+TEST_F(PictureFiles, PngPicturesAndY4mVideosOfEveryFormat) {
   struct Case {
     PictureFormat format;
     const char* header;
     std::vector<uint8_t> planes;  // of one frame: Y, then Cb, then Cr
   } const cases[] = {
-      {PictureFormat::I420,
-       "YUV4MPEG2 W4 H2 F30:1 Ip A1:1 C420\n",
-       {81, 81, 81, 81, 41, 41, 41, 41, 90, 90, 240, 240}},
+      {PictureFormat::I420, "C420", {81, 81, 81, 81, 41, 41, 41, 41, 90, 90, 240, 240}},
       {PictureFormat::YUY2,
-       "YUV4MPEG2 W4 H2 F30:1 Ip A1:1 C422\n",
+       "C422",
        {81, 81, 81, 81, 41, 41, 41, 41, 90, 90, 240, 240, 240, 240, 110, 110}},
-      {PictureFormat::RGB24,
-       "YUV4MPEG2 W4 H2 F30:1 Ip A1:1 C444\n",
-       {81,  81,  81,  81,  41,  41,  41,  41,  90,  90,  90,  90,
-        240, 240, 240, 240, 240, 240, 240, 240, 110, 110, 110, 110}},
+      {PictureFormat::RGB24, "C444", {81,  81,  81,  81,  41,  41,  41,  41,  90,  90,  90,  90,
+                                      240, 240, 240, 240, 240, 240, 240, 240, 110, 110, 110, 110}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(PictureFormatName(c.format));
+    const PictureLayout layout{c.format, 4, 2};
+    std::string error;
+    for (const Colour& colour : kColours) {
+      SCOPED_TRACE(colour.name);
+      const Colour& bottom = c.format == PictureFormat::I420 ? colour : kColours[4];
+      const std::vector<uint8_t> frame = TwoRowFrame(c.format, colour, bottom);
+      ASSERT_EQ(frame.size(), PictureFrameBytes(layout));
+      ASSERT_TRUE(WritePngPicture(In("picture.png"), frame.data(), frame.size(), layout, &error))
+          << error;
+      uint32_t width = 0, height = 0;
+      const std::vector<uint8_t> rgb = ReadPng(In("picture.png"), &width, &height);
+      ASSERT_TRUE(rgb.size() == 24 && width == 4 && height == 2);
+      for (int i = 0; i < 24; ++i) {
+        const Colour& p = i < 12 ? colour : bottom;
+        EXPECT_NEAR(rgb[i], i % 3 == 0 ? p.r : i % 3 == 1 ? p.g : p.b, 2) << "byte " << i;
+      }
+    }
     const std::vector<uint8_t> frame = TwoRowFrame(c.format, kColours[0], kColours[2]);
     const std::string path = In(std::string(PictureFormatName(c.format)) + ".y4m");
-    std::string error;
     {
       Y4mWriter writer;
-      ASSERT_TRUE(writer.Open(path, {c.format, 4, 2}, &error)) << error;
+      ASSERT_TRUE(writer.Open(path, layout, &error)) << error;
       for (int n = 0; n < 2; ++n)
         ASSERT_TRUE(writer.WriteFrame(frame.data(), frame.size(), &error));
-      EXPECT_FALSE(fs::exists(path)) << "the video shows only when whole";
+      EXPECT_FALSE(fs::exists(path));
       ASSERT_TRUE(writer.Close(&error)) << error;
       EXPECT_EQ(writer.Frames(), 2u);
     }
     const std::string bytes = FileText(path);
     const std::string frameText = "FRAME\n" + std::string(c.planes.begin(), c.planes.end());
-    const std::string expected = c.header + frameText + frameText;
+    const std::string expected =
+        "YUV4MPEG2 W4 H2 F30:1 Ip A1:1 " + std::string(c.header) + "\n" + frameText + frameText;
     ASSERT_EQ(bytes.size(), expected.size());
-    // Converted from RGB: within one level of the tables; the others exact.
     for (size_t i = 0; i < bytes.size(); ++i) {
       EXPECT_NEAR(uint8_t(bytes[i]), uint8_t(expected[i]), c.format == PictureFormat::RGB24) << i;
     }
@@ -271,10 +262,8 @@ TEST_F(RegistryTool, ValuesOfOneRunAreThereInTheNext) {
   std::string error;
   ASSERT_TRUE(LoadRegistryFile(In("out.reg"), &error)) << error;
   uint32_t lens = 0;
-  EXPECT_TRUE(
-      GetRegistryDword(DeviceSoftwareKeyPath(0) + u"\\PropertySetting", u"LensPos", &lens) &&
-      lens == 42u)
-      << lens;
+  EXPECT_TRUE(GetRegistryDword(DeviceSoftwareKeyPath(0) + u"\\PropertySetting", u"LensPos", &lens));
+  EXPECT_EQ(lens, 42u);
 }
 
 TEST_F(RegistryTool, EveryBuiltInCameraInstallsWithScriptsWhereItsDescriptionLooks) {
