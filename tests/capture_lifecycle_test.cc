@@ -2,15 +2,17 @@
 // worker's start and stop commands against the emulated OV2640 camera, the
 // command-replacement rule, and teardown leaving nothing behind.
 
+#include "core/capture_lifecycle.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <memory>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
-#include "core/capture_lifecycle.h"
 #include "core/interface_configuration.h"
 #include "core/packet_dispatch.h"
 #include "emulator/emulated_camera.h"
@@ -63,8 +65,8 @@ class CameraRig {
                              0, nullptr, &descriptor),
               STATUS_SUCCESS);
     for (uint8_t i = 0; i < camera->AlternateSettingCount(); ++i) {
-      host.packetSize[i] = uint16_t(EmulatedCamera::PacketBytesPerInterval(
-          camera->AlternateSettingMaxPacketSize(i)));
+      host.packetSize[i] = uint16_t(
+          EmulatedCamera::PacketBytesPerInterval(camera->AlternateSettingMaxPacketSize(i)));
     }
     threadsBefore = SystemThreadsRunning();
   }
@@ -112,10 +114,7 @@ class CameraRig {
     ASSERT_TRUE(FakeCaptureHost::WaitUntil([this, idle] { return host.Count(idle) >= 1; }));
     KS_DATAFORMAT_VIDEOINFOHEADER format = {};
     format.DataFormat.FormatSize = sizeof format;
-    format.VideoInfoHeader.bmiHeader.biWidth = 640;
-    format.VideoInfoHeader.bmiHeader.biHeight = 480;
-    format.VideoInfoHeader.bmiHeader.biBitCount = 24;
-    format.VideoInfoHeader.bmiHeader.biCompression = CompressionRGB24;
+    format.VideoInfoHeader.bmiHeader = {0, 640, 480, 0, 24, CompressionRGB24};
     uint32_t rawFrameLength = 0;
     ASSERT_EQ(CamAllocateBandwidthEx(nullptr, device.context, &rawFrameLength, &format, 0),
               STATUS_SUCCESS);
@@ -150,10 +149,9 @@ TEST(CameraStartUpThreads, StartUpEndsWithRequestElevenAndAnIdleWorker) {
   EXPECT_EQ(std::u16string(c->SensorName), u"OV2640");
   EXPECT_NE(c->WorkBuffer, nullptr);
   EXPECT_GT(c->FormatCount, 0u);
-  EXPECT_EQ(c->ShutterReleaseCount, 0xFFFFFFFFu);
-  EXPECT_EQ(c->InitScriptsFresh, 1);
-  EXPECT_EQ(c->StreamOpen, 0);
-  EXPECT_EQ(c->ImageWidth, 0u);
+  EXPECT_EQ(
+      std::make_tuple(c->ShutterReleaseCount, c->InitScriptsFresh, c->StreamOpen, c->ImageWidth),
+      std::make_tuple(0xFFFFFFFFu, uint8_t(1), uint8_t(0), 0u));
   EXPECT_TRUE(rig.camera->StartupEnded());
 
   // The bus speed is read before anything is written, and request 11 is the
@@ -347,30 +345,22 @@ TEST(CaptureRequests, OnlyStreamZeroStartsAndStopsAndOnlyOnce) {
   TestDevice device;
   host.context = device.context;
   KEVENT* wake = &device->WorkerEvents[WorkerWakeEvent];
-  struct Step {
-    const char* name;
-    bool start;
-    uint32_t stream;
-    bool posts;
-    uint8_t command, streamOpen;
-  } steps[] = {
-      {"start of the still stream", true, 1, false, 0, 0},
-      {"stop while not open", false, 0, false, 0, 0},
-      {"start", true, 0, true, 1, 1},
-      {"second start", true, 0, false, 0, 1},
-      {"stop of the still stream", false, 1, false, 0, 1},
-      {"stop", false, 0, true, 2, 0},
-  };
-  for (const Step& step : steps) {
-    SCOPED_TRACE(step.name);
+  // Start or stop, stream; whether a command is posted, which, StreamOpen after.
+  const std::tuple<bool, uint32_t, bool, uint8_t, uint8_t> steps[] = {
+      {1, 1, 0, 0, 0},                   // start of the still stream
+      {0, 0, 0, 0, 0},                   // stop while not open
+      {1, 0, 1, 1, 1}, {1, 0, 0, 0, 1},  // start, second start
+      {0, 1, 0, 0, 1},                   // stop of the still stream
+      {0, 0, 1, 2, 0}};
+  for (auto [start, stream, posts, command, streamOpen] : steps) {
+    SCOPED_TRACE(testing::Message() << (start ? "start " : "stop ") << stream);
     KeClearEvent(wake);
     device->WorkerCommand = 0;
     device->FramesToDrop = 5;
-    ((step.start ? CamStartCaptureEx : CamStopCaptureEx))(nullptr, device.context, step.stream);
-    EXPECT_EQ(KeReadStateEvent(wake) != 0, step.posts);
-    EXPECT_EQ(device->WorkerCommand, step.command);
-    EXPECT_EQ(device->StreamOpen, step.streamOpen);
-    EXPECT_EQ(device->FramesToDrop, step.posts && step.start ? 0u : 5u);
+    (start ? CamStartCaptureEx : CamStopCaptureEx)(nullptr, device.context, stream);
+    EXPECT_EQ(KeReadStateEvent(wake) != 0, posts);
+    EXPECT_EQ(std::make_tuple(device->WorkerCommand, device->StreamOpen, device->FramesToDrop),
+              std::make_tuple(command, streamOpen, posts && start ? 0u : 5u));
   }
 }
 
@@ -378,16 +368,14 @@ TEST(CaptureRequests, AStopHoldsTheShutterMonitorForAboutTwoSeconds) {
   FakeCaptureHost host;
   TestDevice device;
   host.context = device.context;
-  const struct {
-    uint32_t period, hold;
-  } cases[] = {{1000, 2}, {3000, 1}, {250, 8}, {2000, 1}, {1999, 1}, {100, 20}, {0, 77}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.period);
-    device->PollingShutterKey = c.period;
+  const std::pair<uint32_t, uint32_t> cases[] = {{1000, 2}, {3000, 1}, {250, 8}, {2000, 1},
+                                                 {1999, 1}, {100, 20}, {0, 77}};
+  for (auto [period, hold] : cases) {
+    device->PollingShutterKey = period;
     device->ShutterPollHold = 77;
     device->StreamOpen = 1;
     EXPECT_EQ(CamStopCapture(nullptr, device.context), STATUS_SUCCESS);
-    EXPECT_EQ(device->ShutterPollHold, c.hold);
+    EXPECT_EQ(device->ShutterPollHold, hold) << period;
   }
 }
 

@@ -2,13 +2,15 @@
 // streaming alternate settings, the pipe configuration, and the raw frame
 // length the host must provide for.
 
+#include "core/interface_configuration.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
-#include "core/interface_configuration.h"
 #include "platform/kernel_control.h"
 #include "platform/registry_control.h"
 #include "tests/device_fixture.h"
@@ -115,20 +117,14 @@ TEST_F(ConfigurationTest, TheWalkFindsTheSettingWithTheSmallestIsochronousPacket
 }
 
 TEST_F(ConfigurationTest, WithoutAVideoInterfaceTheRevisionDecidesTheSettings) {
-  struct Case {
-    uint16_t bcdDevice;
-    bool nullDescriptor;
-    uint8_t idle, opened;  // opened: the AlternateSetting given back to the host
-    uint32_t revision2;
-  } cases[] = {
-      {0x0100, false, 1, 1, 0}, {0x0102, false, 1, 1, 0},
-      {0x0103, false, 0, 5, 0},  // opens with InitAlternateSetting
-      {0x01FF, false, 0, 5, 0}, {0x0200, false, 0, 5, 1},
-      {0x0200, true, 1, 9, 0},  // no device descriptor: idle 1, nothing else touched
-  };
+  // bcdDevice (0: no device descriptor); the idle setting, the setting given
+  // back to the host to open (5: InitAlternateSetting), revision 2, interface.
+  const std::tuple<uint16_t, uint8_t, uint8_t, uint32_t, uint8_t> cases[] = {
+      {0x0100, 1, 1, 0, 0}, {0x0102, 1, 1, 0, 0}, {0x0103, 0, 5, 0, 0},
+      {0x01FF, 0, 5, 0, 0}, {0x0200, 0, 5, 1, 0}, {0, 1, 9, 0, 7}};
   Set(u"InitAlternateSetting", 5);
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.bcdDevice);
+  for (auto [bcdDevice, idle, opened, revision2, interface] : cases) {
+    SCOPED_TRACE(bcdDevice);
     ConfigurationBuilder b;
     b.Interface(0, 0, 1, 0xFF, 0xFF).Endpoint(64);
     InterfaceRecord record = MakeInterface();
@@ -136,14 +132,13 @@ TEST_F(ConfigurationTest, WithoutAVideoInterfaceTheRevisionDecidesTheSettings) {
     device_->InterfaceNumber = 7;
     device_->IsRevision2Chip = 0;
     USB_DEVICE_DESCRIPTOR descriptor = {};
-    descriptor.bcdDevice = c.bcdDevice;
+    descriptor.bcdDevice = bcdDevice;
     ASSERT_EQ(CamConfigureEx(nullptr, device_.context, &record.info, b.Finish(), 0, nullptr,
-                             c.nullDescriptor ? nullptr : &descriptor),
+                             bcdDevice ? &descriptor : nullptr),
               STATUS_SUCCESS);
-    EXPECT_EQ(device_->IdleAlternateSetting, c.idle);
-    EXPECT_EQ(record.info.AlternateSetting, c.opened);
-    EXPECT_EQ(device_->IsRevision2Chip, c.revision2);
-    EXPECT_EQ(device_->InterfaceNumber, c.nullDescriptor ? 7 : 0);
+    EXPECT_EQ(std::make_tuple(device_->IdleAlternateSetting, record.info.AlternateSetting,
+                              device_->IsRevision2Chip, device_->InterfaceNumber),
+              std::make_tuple(idle, opened, revision2, interface));
   }
 }
 
@@ -165,14 +160,11 @@ TEST_F(ConfigurationTest, TheTwelveValuesAreReadAndSelSuspendOneMeansSixtySecond
                 {u"PollingShutterKey", 250, &DeviceContext::PollingShutterKey}};
   for (const auto& v : values) Set(v.name, v.value);
   Set(u"InitAlternateSetting", 0x102);  // kept as one byte
-  const struct {
-    uint32_t selSuspend;
-    int32_t timeout;
-  } cases[] = {{0, 0}, {1, 600000000}, {2, 2}, {600, 600}};
-  for (const auto& c : cases) {
-    Set(u"SelSuspend", c.selSuspend);
+  const std::pair<uint32_t, int32_t> cases[] = {{0, 0}, {1, 600000000}, {2, 2}, {600, 600}};
+  for (auto [selSuspend, timeout] : cases) {
+    Set(u"SelSuspend", selSuspend);
     ASSERT_EQ(ConfigurePlain(), STATUS_SUCCESS);
-    EXPECT_EQ(device_->SelSuspendTimeout, c.timeout) << c.selSuspend;
+    EXPECT_EQ(device_->SelSuspendTimeout, timeout) << selSuspend;
   }
   for (const auto& v : values) {
     EXPECT_EQ(device_.context->*v.field, v.value) << std::string(v.name, v.name + 8);
@@ -183,24 +175,21 @@ TEST_F(ConfigurationTest, TheTwelveValuesAreReadAndSelSuspendOneMeansSixtySecond
 
 TEST_F(ConfigurationTest, PipesAreConfiguredForOneOrTwoStreams) {
   const uint8_t U = 0xAA;  // untouched
-  struct Case {
-    uint32_t stillPin, listSize, streamCount;
-    std::vector<uint8_t> expected;  // association, flags, per entry
-  } cases[] = {
+  // StillPin, list size (only four exist); streams, association and flags per entry.
+  const std::tuple<uint32_t, uint32_t, uint32_t, std::vector<uint8_t>> cases[] = {
       {0, 4, 1, {1, 1, 0, 8, 0, 8, 0, 0, U, U, U, U}},
       {2, 4, 2, {3, 2, 0, 8, 0, 8, 0, 0, U, U, U, U}},
       {1, 2, 2, {3, 2, 0, 8, U, U, U, U, U, U, U, U}},
-      {0, 6, 1, {1, 1, 0, 8, 0, 8, 0, 0, U, U, U, U}},  // only four exist
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.stillPin * 10 + c.listSize);
-    Set(u"StillPin", c.stillPin);
+      {0, 6, 1, {1, 1, 0, 8, 0, 8, 0, 0, U, U, U, U}}};
+  for (const auto& [stillPin, listSize, streamCount, expected] : cases) {
+    SCOPED_TRACE(stillPin * 10 + listSize);
+    Set(u"StillPin", stillPin);
     USBCAMD_Pipe_Config_Descriptor pipes[6];
     std::memset(pipes, U, sizeof pipes);
-    ASSERT_EQ(ConfigurePlain(pipes, c.listSize), STATUS_SUCCESS);
-    EXPECT_EQ(device_->StreamCount, c.streamCount);
+    ASSERT_EQ(ConfigurePlain(pipes, listSize), STATUS_SUCCESS);
+    EXPECT_EQ(device_->StreamCount, streamCount);
     const uint8_t* bytes = reinterpret_cast<uint8_t*>(pipes);
-    EXPECT_EQ(std::vector<uint8_t>(bytes, bytes + 12), c.expected);
+    EXPECT_EQ(std::vector<uint8_t>(bytes, bytes + 12), expected);
   }
 }
 
@@ -259,34 +248,29 @@ TEST_F(ConfigurationTest, TheInterfaceIsCopiedWholeAndAFailedCopyIsReported) {
 // ---------------------------------------------------------------- frame size
 
 TEST(RawFrameSize, FollowsTheWireFormatAndScaleMode) {
-  struct Case {
-    uint8_t wire;
-    uint32_t compression;
-    uint8_t scale;
-    uint32_t width, height;
-    uint32_t bytes;  // worked by hand from the bytes per two pixels
-  } cases[] = {
-      {1, CompressionYUY2, 0, 640, 480, 307200},      // b 2
+  // Wire format, output, scale mode, size; bytes worked by hand from the bytes
+  // per two pixels.
+  const std::tuple<uint8_t, uint32_t, uint8_t, uint32_t, uint32_t, uint32_t> cases[] = {
+      {1, CompressionYUY2, 0, 640, 480, 307200},  // b 2
       {1, CompressionYUY2, 1, 640, 480, 307200},
-      {1, CompressionYUY2, 2, 640, 480, 1228800},     // a quarter-size picture on the wire x4
-      {2, CompressionRGB24, 3, 640, 480, 153600},     // (307200 / 4) * 4 / 2
-      {1, CompressionRGB24, 4, 320, 240, 1228800},    // 76800 * 2 * 16 / 2
-      {3, CompressionRGB24, 5, 484, 240, 10890},      // (116160 / 16) = 7260, * 3 / 2
-      {3, CompressionRGB24, 3, 176, 144, 9504},       // 25344 / 4 = 6336, * 3 / 2
-      {0, CompressionRGB24, 0, 640, 480, 307200},     // follows the output format: Bayer
-      {0, CompressionYUY2, 0, 640, 480, 614400},      // YUYV
-      {0, CompressionI420, 0, 640, 480, 460800},      // 4:2:0
-      {0, 0x12345678, 0, 640, 480, 307200},           // unknown output: 2
-      {7, CompressionYUY2, 0, 640, 480, 307200},      // unknown wire: 2
-      {2, CompressionYUY2, 5, 122, 2, 30},            // 244 / 16 = 15, * 4 / 2
-      {2, CompressionYUY2, 6, 640, 480, 0},           // no such scale mode
-      {2, CompressionYUY2, 255, 640, 480, 0},
-  };
+      {1, CompressionYUY2, 2, 640, 480, 1228800},   // a quarter-size picture on the wire x4
+      {2, CompressionRGB24, 3, 640, 480, 153600},   // (307200 / 4) * 4 / 2
+      {1, CompressionRGB24, 4, 320, 240, 1228800},  // 76800 * 2 * 16 / 2
+      {3, CompressionRGB24, 5, 484, 240, 10890},    // (116160 / 16) = 7260, * 3 / 2
+      {3, CompressionRGB24, 3, 176, 144, 9504},     // 25344 / 4 = 6336, * 3 / 2
+      {0, CompressionRGB24, 0, 640, 480, 307200},   // follows the output format: Bayer
+      {0, CompressionYUY2, 0, 640, 480, 614400},    // YUYV
+      {0, CompressionI420, 0, 640, 480, 460800},    // 4:2:0
+      {0, 0x12345678, 0, 640, 480, 307200},         // unknown output: 2
+      {7, CompressionYUY2, 0, 640, 480, 307200},    // unknown wire: 2
+      {2, CompressionYUY2, 5, 122, 2, 30},          // 244 / 16 = 15, * 4 / 2
+      {2, CompressionYUY2, 6, 640, 480, 0},         // no such scale mode
+      {2, CompressionYUY2, 255, 640, 480, 0}};
   TestDevice device;
-  for (const Case& c : cases) {
-    device.SetMode(c.compression, 0, 0, c.scale, c.wire, 0);
-    EXPECT_EQ(GetRawFrameSize(device.context, c.width, c.height), c.bytes)
-        << int(c.wire) << "/" << int(c.scale) << " " << c.width;
+  for (auto [wire, compression, scale, width, height, bytes] : cases) {
+    device.SetMode(compression, 0, 0, scale, wire, 0);
+    EXPECT_EQ(GetRawFrameSize(device.context, width, height), bytes)
+        << int(wire) << "/" << int(scale) << " " << width;
   }
 }
 
@@ -326,80 +310,62 @@ class BandwidthTest : public ConfigurationTest {
 };
 
 TEST_F(BandwidthTest, AllocationSelectsTheModesSettingAndRoundsTheFrameToPackets) {
-  struct Case {
-    const char* name;
-    uint32_t width, height;
-    uint16_t bits;
-    uint32_t biCompression, controlMethod, rawFrameLength, compression;
-  } cases[] = {
-      // 307200 rounded up to a multiple of 1000.
-      {"RGB24 Bayer", 640, 480, 24, CompressionRGB24, 0x0100, 308000, CompressionRGB24},
-      {"biCompression 0 is RGB24", 640, 480, 24, 0, 0x0100, 308000, CompressionRGB24},
-      // (307200 / 4) * 4 / 2 = 153600, rounded up to 154000.
-      {"YUYV quarter", 640, 480, 16, CompressionYUY2, 0x0203, 154000, CompressionYUY2},
-      // 240 * 3 * 320 / 2 = 115200, rounded up to 116000.
-      {"I420 follows output", 320, 240, 12, CompressionI420, 0x0000, 116000, CompressionI420},
-  };
+  // Size, bits, biCompression (0 is RGB24); the mode's ControlMethod, the
+  // frame rounded up to 1000-byte packets, the compression taken.
+  const std::tuple<uint32_t, uint32_t, uint16_t, uint32_t, uint32_t, uint32_t, uint32_t> cases[] = {
+      {640, 480, 24, CompressionRGB24, 0x0100, 308000, CompressionRGB24},  // 307200
+      {640, 480, 24, 0, 0x0100, 308000, CompressionRGB24},
+      {640, 480, 16, CompressionYUY2, 0x0203, 154000, CompressionYUY2},   // 307200 / 4 * 4 / 2
+      {320, 240, 12, CompressionI420, 0x0000, 116000, CompressionI420}};  // 240 * 3 * 320 / 2
   SetMode(u"RGB24", u"640", 0x0100);
   SetMode(u"YUYV", u"640", 0x0203);
   SetMode(u"I420", u"320", 0x0000);
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (auto [width, height, bits, biCompression, controlMethod, frameLength, compression] : cases) {
+    SCOPED_TRACE(testing::Message() << width << " " << bits << " " << biCompression);
     host_.ClearLog();
     device_->CurrentCompression = 0;
     device_->StillEventPending = 1;
     uint32_t rawFrameLength = 1;
-    ASSERT_EQ(Allocate(c.width, c.height, c.bits, c.biCompression, &rawFrameLength),
-              STATUS_SUCCESS);
-    EXPECT_EQ(device_->CurrentCompression, c.compression);
-    EXPECT_EQ(device_->ControlMethod, c.controlMethod);
-    EXPECT_EQ(rawFrameLength, c.rawFrameLength);
-    EXPECT_EQ(device_->WorkerCommand, 128);
-    EXPECT_EQ(device_->ImageWidth, c.width);
-    EXPECT_EQ(device_->ImageHeight, c.height);
+    ASSERT_EQ(Allocate(width, height, bits, biCompression, &rawFrameLength), STATUS_SUCCESS);
+    EXPECT_EQ(std::make_tuple(device_->CurrentCompression, device_->ControlMethod, rawFrameLength,
+                              device_->WorkerCommand, device_->ImageWidth, device_->ImageHeight,
+                              device_->StillEventPending),
+              std::make_tuple(compression, controlMethod, frameLength, uint8_t(128), width, height,
+                              uint8_t(0)));
     const auto& face = device_->FaceRect;
     EXPECT_EQ(std::vector<int32_t>({face.Left, face.Top, face.Right, face.Bottom}),
-              std::vector<int32_t>({0, 0, int32_t(c.width) - 1, int32_t(c.height) - 1}));
-    EXPECT_EQ(device_->StillEventPending, 0);
+              std::vector<int32_t>({0, 0, int32_t(width) - 1, int32_t(height) - 1}));
     EXPECT_EQ(host_.Log(), std::vector<std::string>{"select 2 3"});
   }
 }
 
 TEST_F(BandwidthTest, AFormatOfAnotherDepthKeepsThePreviousCompression) {
-  const struct {
-    uint16_t bits;
-    uint32_t compression;
-  } cases[] = {{16, CompressionRGB24}, {24, CompressionYUY2}, {32, 0}, {12, CompressionYUY2}};
+  const std::pair<uint16_t, uint32_t> cases[] = {
+      {16, CompressionRGB24}, {24, CompressionYUY2}, {32, 0}, {12, CompressionYUY2}};
   SetMode(u"YUYV", u"640", 0x0201);
-  for (const auto& c : cases) {
+  for (auto [bits, compression] : cases) {
     device_->CurrentCompression = CompressionYUY2;
     uint32_t rawFrameLength = 0;
-    ASSERT_EQ(Allocate(640, 480, c.bits, c.compression, &rawFrameLength), STATUS_SUCCESS);
-    EXPECT_EQ(device_->CurrentCompression, CompressionYUY2) << c.bits;
+    ASSERT_EQ(Allocate(640, 480, bits, compression, &rawFrameLength), STATUS_SUCCESS);
+    EXPECT_EQ(device_->CurrentCompression, CompressionYUY2) << bits;
   }
 }
 
 TEST_F(BandwidthTest, FailuresLeaveTheIdleSettingAndTheMarker) {
-  struct Case {
-    const char* name;
-    uint32_t controlMethod;
-    NTSTATUS selectStatus, result;
-    std::vector<std::string> log;
-  } cases[] = {
-      {"scale mode 6 has no frame size", 0x0106, STATUS_SUCCESS, STATUS_INVALID_PARAMETER, {}},
-      {"the streaming setting refused", 0x0100, STATUS_UNSUCCESSFUL,
-       STATUS_INSUFFICIENT_RESOURCES, {"select 2 3"}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    SetMode(u"RGB24", u"640", c.controlMethod);
-    host_.selectStatus = c.selectStatus;
+  // Scale mode 6 has no frame size; the streaming setting refused.
+  const std::tuple<uint32_t, NTSTATUS, NTSTATUS, std::vector<std::string>> cases[] = {
+      {0x0106, STATUS_SUCCESS, STATUS_INVALID_PARAMETER, {}},
+      {0x0100, STATUS_UNSUCCESSFUL, STATUS_INSUFFICIENT_RESOURCES, {"select 2 3"}}};
+  for (const auto& [controlMethod, selectStatus, result, log] : cases) {
+    SCOPED_TRACE(controlMethod);
+    SetMode(u"RGB24", u"640", controlMethod);
+    host_.selectStatus = selectStatus;
     host_.ClearLog();
     uint32_t rawFrameLength = 99;
-    EXPECT_EQ(Allocate(640, 480, 24, CompressionRGB24, &rawFrameLength), c.result);
-    EXPECT_EQ(rawFrameLength, 0u);
-    EXPECT_EQ(device_->WorkerCommand, 128);
-    EXPECT_EQ(host_.Log(), c.log);
+    EXPECT_EQ(Allocate(640, 480, 24, CompressionRGB24, &rawFrameLength), result);
+    EXPECT_EQ(std::make_pair(rawFrameLength, device_->WorkerCommand),
+              std::make_pair(0u, uint8_t(128)));
+    EXPECT_EQ(host_.Log(), log);
   }
 }
 

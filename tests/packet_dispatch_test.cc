@@ -3,10 +3,13 @@
 // notification, run notifications to the image library, property routing by
 // set, the interface query, and the order of teardown.
 
+#include "core/packet_dispatch.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "companions/isp_library.h"
@@ -14,7 +17,6 @@
 #include "core/companions.h"
 #include "core/format_catalogue.h"
 #include "core/interface_configuration.h"
-#include "core/packet_dispatch.h"
 #include "pipeline/frame_pipeline.h"
 #include "platform/kernel_control.h"
 #include "platform/registry_control.h"
@@ -101,15 +103,18 @@ TEST_F(DispatchTest, EveryDeviceRequestReachesTheHostAsItsCodeSays) {
       {SRB_CLOSE_DEVICE_INSTANCE, nullptr, {"receive 104 table hosted"}},
       {SRB_GET_DEVICE_PROPERTY, &descriptor, {"receive 105 table device", "finish 1 105"}},
       {SRB_SET_DEVICE_PROPERTY, &descriptor, {"receive 106 table device", "finish 1 106"}},
-      {SRB_INITIALIZE_DEVICE, &config,
+      {SRB_INITIALIZE_DEVICE,
+       &config,
        {"receive 107 none", "newinterface 200 12", "receive 107 table hosted"}},
-      {SRB_CHANGE_POWER_STATE, reinterpret_cast<void*>(uintptr_t(PowerDeviceD2)),
+      {SRB_CHANGE_POWER_STATE,
+       reinterpret_cast<void*>(uintptr_t(PowerDeviceD2)),
        {"receive 108 none", "receive 108 table hosted"}},
       {SRB_UNINITIALIZE_DEVICE, nullptr, {"receive 109 none", "receive 109 table hosted"}},
       {SRB_UNKNOWN_DEVICE_COMMAND, nullptr, {"receive 10A table hosted"}},
       {SRB_PAGING_OUT_DRIVER, nullptr, {"receive 10B table hosted"}},
       {SRB_GET_DATA_INTERSECTION, &intersect, {"receive 10C none", "finish 1 10C"}},
-      {SRB_INITIALIZATION_COMPLETE, nullptr,
+      {SRB_INITIALIZATION_COMPLETE,
+       nullptr,
        {"receive 10D none", "build 1B", "call", "finish 1 10D"}},
       {SRB_SURPRISE_REMOVAL, nullptr, {"receive 10E table hosted"}},
       {SRB_NOTIFY_IDLE_STATE, nullptr, {"receive 111 table hosted"}},
@@ -135,23 +140,25 @@ TEST_F(DispatchTest, StreamInformationOffersTheCamerasOwnFormatsAndFiveSets) {
     std::memset(&info.rows[1], 0xA5, sizeof info.rows[1]);
     HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_GET_STREAM_INFO, 0, &info.header);
     AdapterPacketHandler(&srb);
-    EXPECT_EQ(info.header.StreamHeader.NumberOfStreams, streamCount);
-    EXPECT_EQ(info.header.StreamHeader.NumDevPropArrayEntries, 5u);
-    EXPECT_EQ(info.header.StreamHeader.DevicePropertiesArray, DevicePropertySets);
+    const auto& header = info.header.StreamHeader;
+    EXPECT_EQ(std::make_tuple(header.NumberOfStreams, header.NumDevPropArrayEntries,
+                              header.DevicePropertiesArray),
+              std::make_tuple(streamCount, 5u, DevicePropertySets));
     for (uint32_t i = 0; i < streamCount; ++i) {
-      EXPECT_EQ(info.rows[i].StreamFormatsArray, device_->FormatList);
-      EXPECT_EQ(info.rows[i].NumberOfFormatArrayEntries, 3u);
-      EXPECT_EQ(info.rows[i].Name, StreamTable[i].Name);
-      EXPECT_EQ(info.rows[i].DataFlow, StreamTable[i].DataFlow);
+      const HW_STREAM_INFORMATION& row = info.rows[i];
+      EXPECT_EQ(
+          std::make_tuple(row.StreamFormatsArray, row.NumberOfFormatArrayEntries, row.Name,
+                          row.DataFlow),
+          std::make_tuple(device_->FormatList, 3u, StreamTable[i].Name, StreamTable[i].DataFlow));
     }
     EXPECT_EQ(reinterpret_cast<uint8_t*>(&info.rows[1])[0] == 0xA5, streamCount == 1);
   }
   // The host lists the sets in this order.
-  const GUID* order[] = {&VendorEffectSet, &PROPSETID_VIDCAP_VIDEOPROCAMP, &VendorControlSet,
-                         &VendorIdentitySet, &PROPSETID_VIDCAP_VIDEOCONTROL};
-  for (uint32_t i = 0; i < DevicePropertySetCount; ++i) {
-    EXPECT_EQ(DevicePropertySets[i].Set, order[i]);
-  }
+  std::vector<const GUID*> sets;
+  for (const KSPROPERTY_SET& set : DevicePropertySets) sets.push_back(set.Set);
+  EXPECT_EQ(sets, (std::vector<const GUID*>{&VendorEffectSet, &PROPSETID_VIDCAP_VIDEOPROCAMP,
+                                            &VendorControlSet, &VendorIdentitySet,
+                                            &PROPSETID_VIDCAP_VIDEOCONTROL}));
   // 2BCB75C0-B27F-11D1-BA41-00A0C90D2B05 in memory order.
   const uint8_t usbcamd[16] = {0xC0, 0x75, 0xCB, 0x2B, 0x7F, 0xB2, 0xD1, 0x11,
                                0xBA, 0x41, 0x00, 0xA0, 0xC9, 0x0D, 0x2B, 0x05};
@@ -161,28 +168,25 @@ TEST_F(DispatchTest, StreamInformationOffersTheCamerasOwnFormatsAndFiveSets) {
 // ---------------------------------------------------------------- streams
 
 TEST_F(DispatchTest, EveryOpenStartsABlankPhaseAndABadFormatIsRefused) {
-  struct Case {
-    const char* name;
-    uint32_t stream;
-    KS_DATAFORMAT_VIDEOINFOHEADER* format;
-    NTSTATUS status;
-  } cases[] = {{"capture, good", 0, &good_, 0x1234},  // the host answers
-               {"still, good", 1, &good_, 0x1234},
-               {"capture, bad size", 0, &bad_, STATUS_INVALID_PARAMETER},
-               {"stream 2", 2, &good_, STATUS_INVALID_PARAMETER}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+  // Stream, format, status (0x1234: the host answers).
+  const std::tuple<uint32_t, KS_DATAFORMAT_VIDEOINFOHEADER*, NTSTATUS> cases[] = {
+      {0, &good_, 0x1234},
+      {1, &good_, 0x1234},
+      {0, &bad_, STATUS_INVALID_PARAMETER},
+      {2, &good_, STATUS_INVALID_PARAMETER}};
+  for (auto [stream, format, status] : cases) {
+    SCOPED_TRACE(testing::Message() << stream << (format == &bad_ ? " bad" : " good"));
     device_->BlankFrameActive = 0;
     device_->BlankFrameCount = 9;
     device_->BlankPacketCountdown = 3;
-    HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_OPEN_STREAM, c.stream, &c.format->DataFormat);
+    HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_OPEN_STREAM, stream, &format->DataFormat);
     AdapterPacketHandler(&srb);
-    EXPECT_EQ(srb.Status, c.status);
-    EXPECT_EQ(device_->BlankFrameActive, 1);
-    EXPECT_EQ(device_->BlankFrameCount, 0u);
-    EXPECT_EQ(device_->BlankPacketCountdown, 500u);
-    EXPECT_EQ(stream_.ReceiveControlPacket, &StreamControlPacketHandler);
-    EXPECT_EQ(stream_.ReceiveDataPacket, &StreamDataPacketHandler);
+    EXPECT_EQ(srb.Status, status);
+    EXPECT_EQ(std::make_tuple(device_->BlankFrameActive, device_->BlankFrameCount,
+                              device_->BlankPacketCountdown),
+              std::make_tuple(uint8_t(1), 0u, 500u));
+    EXPECT_EQ(std::make_pair(stream_.ReceiveControlPacket, stream_.ReceiveDataPacket),
+              std::make_pair(&StreamControlPacketHandler, &StreamDataPacketHandler));
   }
 }
 
@@ -192,36 +196,28 @@ NTSTATUS CountSetVideoFormat(DeviceContext*, PHW_STREAM_REQUEST_BLOCK srb) {
 }
 
 TEST_F(DispatchTest, StreamRequestsCheckTheFormatAndTellTheHostsInterface) {
-  struct Case {
-    const char* name;
-    uint32_t command;
-    KS_DATAFORMAT_VIDEOINFOHEADER* format;
-    uint16_t version;
-    NTSTATUS status;
-    BOOLEAN completed;
-    int setVideoFormat;
-  } cases[] = {
-      {"propose good", SRB_PROPOSE_DATA_FORMAT, &good_, 0x200, STATUS_SUCCESS, TRUE, 0},
-      {"propose bad", SRB_PROPOSE_DATA_FORMAT, &bad_, 0x200, STATUS_NO_MATCH, TRUE, 0},
-      {"set good", SRB_SET_DATA_FORMAT, &good_, 0x200, STATUS_SUCCESS, TRUE, 1},
-      {"set good, no interface", SRB_SET_DATA_FORMAT, &good_, 0, STATUS_SUCCESS, TRUE, 0},
-      {"set bad", SRB_SET_DATA_FORMAT, &bad_, 0x200, STATUS_NO_MATCH, TRUE, 0},
-      {"get", SRB_GET_DATA_FORMAT, &good_, 0x200, STATUS_NOT_IMPLEMENTED, TRUE, 0},
-      {"read", SRB_READ_DATA, &good_, 0x200, STATUS_SUCCESS, FALSE, 0},
-      {"property", SRB_GET_STREAM_PROPERTY, &good_, 0x200, STATUS_SUCCESS, FALSE, 0},
-  };
+  // Command, format, interface version; status, completed, SetVideoFormat calls.
+  const std::tuple<uint32_t, KS_DATAFORMAT_VIDEOINFOHEADER*, uint16_t, NTSTATUS, BOOLEAN, int>
+      cases[] = {{SRB_PROPOSE_DATA_FORMAT, &good_, 0x200, STATUS_SUCCESS, TRUE, 0},
+                 {SRB_PROPOSE_DATA_FORMAT, &bad_, 0x200, STATUS_NO_MATCH, TRUE, 0},
+                 {SRB_SET_DATA_FORMAT, &good_, 0x200, STATUS_SUCCESS, TRUE, 1},
+                 {SRB_SET_DATA_FORMAT, &good_, 0, STATUS_SUCCESS, TRUE, 0},  // no interface
+                 {SRB_SET_DATA_FORMAT, &bad_, 0x200, STATUS_NO_MATCH, TRUE, 0},
+                 {SRB_GET_DATA_FORMAT, &good_, 0x200, STATUS_NOT_IMPLEMENTED, TRUE, 0},
+                 {SRB_READ_DATA, &good_, 0x200, STATUS_SUCCESS, FALSE, 0},
+                 {SRB_GET_STREAM_PROPERTY, &good_, 0x200, STATUS_SUCCESS, FALSE, 0}};
   device_->CamInterface.USBCAMD_SetVideoFormat = &CountSetVideoFormat;
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    device_->CamInterface.Version = c.version;
+  for (auto [command, format, version, status, completed, setVideoFormat] : cases) {
+    SCOPED_TRACE(testing::Message()
+                 << command << " " << version << (format == &bad_ ? " bad" : ""));
+    device_->CamInterface.Version = version;
     host_.ClearLog();
     extension_ = 0;
-    HW_STREAM_REQUEST_BLOCK srb = Srb(c.command, 0, &c.format->DataFormat);
-    EXPECT_EQ(Control(&srb), c.completed);
-    EXPECT_EQ(srb.Status, c.status);
-    EXPECT_EQ(extension_, c.setVideoFormat);
-    EXPECT_EQ(host_.Log(), c.completed ? Lines{"stream-finish 3 " + std::to_string(c.command)}
-                                       : Lines{});
+    HW_STREAM_REQUEST_BLOCK srb = Srb(command, 0, &format->DataFormat);
+    EXPECT_EQ(Control(&srb), completed);
+    EXPECT_EQ(std::make_pair(srb.Status, extension_), std::make_pair(status, setVideoFormat));
+    EXPECT_EQ(host_.Log(),
+              completed ? Lines{"stream-finish 3 " + std::to_string(command)} : Lines{});
   }
   // The data handler does nothing at all.
   BOOLEAN completed = 7;
@@ -243,28 +239,22 @@ TEST_F(DispatchTest, TheFirstRunAfterAStartStaysAwayFromTheImageLibrary) {
                NoPairs);
   ASSERT_NE(IspStateOf(isp), nullptr);
   device_->IspHandle = isp;
-  device_->IspType = 1;  // the library develops the frames
+  device_->IspType = 1;        // the library develops the frames
   device_->IgnoreNextRun = 1;  // as the worker's start leaves it
-  struct Step {
-    uint32_t stream;
-    KSSTATE state;
-    uint32_t libraryState;
-    uint8_t ignoreNextRun;
-  } steps[] = {
-      {0, KSSTATE_PAUSE, 2, 1},  // not a run: told
-      {1, KSSTATE_RUN, 2, 1},    // the still stream: nobody told
-      {1, KSSTATE_STOP, 2, 1},
-      {0, KSSTATE_RUN, 2, 0},  // the first run: swallowed
-      {0, KSSTATE_RUN, 3, 0},  // the second: told
-      {0, KSSTATE_STOP, 0, 0},
-  };
-  for (const Step& step : steps) {
-    SCOPED_TRACE(testing::Message() << step.stream << "/" << step.state);
-    HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_SET_STREAM_STATE, step.stream);
-    srb.CommandData.StreamState = step.state;
+  // Stream, state; the library's state and IgnoreNextRun afterwards.
+  const std::tuple<uint32_t, KSSTATE, uint32_t, uint8_t> steps[] = {
+      {0, KSSTATE_PAUSE, 2, 1},                          // not a run: told
+      {1, KSSTATE_RUN, 2, 1},                            // the still stream: nobody told
+      {1, KSSTATE_STOP, 2, 1},  {0, KSSTATE_RUN, 2, 0},  // the first run: swallowed
+      {0, KSSTATE_RUN, 3, 0},                            // the second: told
+      {0, KSSTATE_STOP, 0, 0}};
+  for (auto [stream, state, libraryState, ignoreNextRun] : steps) {
+    SCOPED_TRACE(testing::Message() << stream << "/" << state);
+    HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_SET_STREAM_STATE, stream);
+    srb.CommandData.StreamState = state;
     EXPECT_EQ(Control(&srb), FALSE);
-    EXPECT_EQ(IspStateOf(isp)->StreamState, step.libraryState);
-    EXPECT_EQ(device_->IgnoreNextRun, step.ignoreNextRun);
+    EXPECT_EQ(std::make_pair(IspStateOf(isp)->StreamState, device_->IgnoreNextRun),
+              std::make_pair(libraryState, ignoreNextRun));
   }
   // With the driver's own route the library hears nothing.
   device_->IspType = 0;
@@ -276,46 +266,42 @@ TEST_F(DispatchTest, TheFirstRunAfterAStartStaysAwayFromTheImageLibrary) {
 // ---------------------------------------------------------------- power and idle
 
 TEST_F(DispatchTest, PowerStatesBeyondOnAndOffAreRefusedAndTheHostStillCalled) {
-  const struct {
-    int32_t state;
-    NTSTATUS status;
-  } cases[] = {
-      {PowerDeviceUnspecified, STATUS_NOT_IMPLEMENTED}, {PowerDeviceD0, STATUS_SUCCESS},
-      {PowerDeviceD1, STATUS_NOT_IMPLEMENTED},          {PowerDeviceD2, STATUS_NOT_IMPLEMENTED},
-      {PowerDeviceD3, STATUS_SUCCESS},                  {PowerDeviceMaximum, STATUS_NOT_IMPLEMENTED},
-      {6, 0x1234},                                      {-1, 0x1234},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.state);
+  const std::pair<int32_t, NTSTATUS> cases[] = {{PowerDeviceUnspecified, STATUS_NOT_IMPLEMENTED},
+                                                {PowerDeviceD0, STATUS_SUCCESS},
+                                                {PowerDeviceD1, STATUS_NOT_IMPLEMENTED},
+                                                {PowerDeviceD2, STATUS_NOT_IMPLEMENTED},
+                                                {PowerDeviceD3, STATUS_SUCCESS},
+                                                {PowerDeviceMaximum, STATUS_NOT_IMPLEMENTED},
+                                                {6, 0x1234},
+                                                {-1, 0x1234}};
+  for (auto [state, status] : cases) {
+    SCOPED_TRACE(state);
     host_.ClearLog();
     device_->InitScriptsFresh = 0;
     HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_CHANGE_POWER_STATE);
-    srb.CommandData.DeviceState = static_cast<DEVICE_POWER_STATE>(c.state);
+    srb.CommandData.DeviceState = static_cast<DEVICE_POWER_STATE>(state);
     AdapterPacketHandler(&srb);
-    EXPECT_EQ(srb.Status, c.status);
+    EXPECT_EQ(srb.Status, status);
     EXPECT_EQ(host_.Count("receive 108 table hosted"), 1u);
-    EXPECT_EQ(device_->InitScriptsFresh, c.state == PowerDeviceD0 ? 1 : 0);
+    EXPECT_EQ(device_->InitScriptsFresh, state == PowerDeviceD0 ? 1 : 0);
   }
 }
 
 TEST_F(DispatchTest, TheIdleByteIsTakenBeforeTheHostFinishesThePacket) {
-  struct Case {
-    int32_t selSuspend;
-    BOOLEAN idle;
-    uint8_t armed;
-  } cases[] = {{0, 1, 5}, {0, 0, 5}, {600000000, 1, 1}, {600000000, 0, 0}};
+  const std::tuple<int32_t, BOOLEAN, uint8_t> cases[] = {
+      {0, 1, 5}, {0, 0, 5}, {600000000, 1, 1}, {600000000, 0, 0}};
   // The host reuses a finished packet at once.
   host_.onHostedPacket = [](PHW_STREAM_REQUEST_BLOCK srb) {
     srb->CommandData.IdleState = srb->CommandData.IdleState ? 0 : 1;
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.selSuspend << "/" << int(c.idle));
-    device_->SelSuspendTimeout = c.selSuspend;
+  for (auto [selSuspend, idle, armed] : cases) {
+    SCOPED_TRACE(testing::Message() << selSuspend << "/" << int(idle));
+    device_->SelSuspendTimeout = selSuspend;
     device_->IdleArmed = 5;
     HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_NOTIFY_IDLE_STATE);
-    srb.CommandData.IdleState = c.idle;
+    srb.CommandData.IdleState = idle;
     AdapterPacketHandler(&srb);
-    EXPECT_EQ(device_->IdleArmed, c.armed);
+    EXPECT_EQ(device_->IdleArmed, armed);
   }
 }
 
@@ -324,7 +310,7 @@ TEST_F(DispatchTest, TheIdleByteIsTakenBeforeTheHostFinishesThePacket) {
 TEST_F(DispatchTest, PropertiesOfEverySetAreNotServedYet) {
   const GUID unknown = {0x12345678, 1, 2, {3, 4, 5, 6, 7, 8, 9, 10}};
   const GUID* sets[] = {&PROPSETID_VIDCAP_VIDEOPROCAMP, &VendorControlSet, &VendorIdentitySet,
-                        &PROPSETID_VIDCAP_VIDEOCONTROL, &VendorEffectSet, &unknown};
+                        &PROPSETID_VIDCAP_VIDEOCONTROL, &VendorEffectSet,  &unknown};
   for (const GUID* set : sets) {
     for (uint32_t command : {SRB_GET_DEVICE_PROPERTY, SRB_SET_DEVICE_PROPERTY}) {
       SCOPED_TRACE(testing::Message() << std::hex << set->Data1 << " " << command);
@@ -345,18 +331,15 @@ TEST_F(DispatchTest, PropertiesOfEverySetAreNotServedYet) {
 // ---------------------------------------------------------------- start and end
 
 TEST_F(DispatchTest, TheInterfaceQueryCopiesTheHostsInterfaceOnlyWhenItIsThere) {
-  struct Case {
-    const char* name;
-    bool offer, pending;
-    bool build;  // whether the I/O manager gives a request at all
-    uint16_t version;
-  } cases[] = {{"offered", true, false, true, 0x200}, {"offered later", true, true, true, 0x200},
-               {"not offered", false, false, true, 0}, {"no request", true, false, false, 0}};
+  // Offered, completed later, whether the I/O manager gives a request at all;
+  // the interface version the driver ends with.
+  const std::tuple<bool, bool, bool, uint16_t> cases[] = {
+      {1, 0, 1, 0x200}, {1, 1, 1, 0x200}, {0, 0, 1, 0}, {1, 0, 0, 0}};
   static HostCalls withoutIo;
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    host_.offerInterface = c.offer;
-    host_.queryPending = c.pending;
+  for (auto [offer, pending, build, version] : cases) {
+    SCOPED_TRACE(testing::Message() << offer << pending << build);
+    host_.offerInterface = offer;
+    host_.queryPending = pending;
     host_.offered = {};
     host_.offered.Size = 72;
     host_.offered.Version = 0x200;
@@ -365,25 +348,24 @@ TEST_F(DispatchTest, TheInterfaceQueryCopiesTheHostsInterfaceOnlyWhenItIsThere) 
     device_->CamInterface.Version = 0x7777;
     device_->ClassDeviceObject = reinterpret_cast<DEVICE_OBJECT*>(0xC1A55);
     const HostCalls* calls = GetHostCalls();
-    if (!c.build) {
+    if (!build) {
       withoutIo = *calls;
       withoutIo.BuildSynchronousFsdRequest = nullptr;
       SetHostCalls(&withoutIo);
     }
     EXPECT_EQ(QueryCamInterface(device_.context), STATUS_SUCCESS);
     SetHostCalls(calls);
-    EXPECT_EQ(device_->CamInterface.Version, c.version);
-    if (c.version != 0) {
+    EXPECT_EQ(device_->CamInterface.Version, version);
+    if (version != 0) {
       EXPECT_EQ(std::memcmp(&device_->CamInterface, &host_.offered, sizeof host_.offered), 0);
     }
-    if (c.build) {
+    if (build) {
       const IRP& q = host_.lastQuery;
       const auto& query = q.Stack.Parameters.QueryInterface;
-      EXPECT_EQ(std::make_pair(q.Stack.MajorFunction, q.Stack.MinorFunction),
-                std::make_pair(uint8_t(IRP_MJ_PNP), uint8_t(IRP_MN_QUERY_INTERFACE)));
-      EXPECT_EQ(query.InterfaceType, &GUID_USBCAMD_INTERFACE);
-      EXPECT_EQ(std::make_pair(query.Size, query.Version), std::make_pair(uint16_t(72), uint16_t(0x200)));
-      EXPECT_EQ(query.InterfaceSpecificData, nullptr);
+      EXPECT_EQ(std::make_tuple(q.Stack.MajorFunction, q.Stack.MinorFunction, query.InterfaceType,
+                                query.Size, query.Version, query.InterfaceSpecificData),
+                std::make_tuple(uint8_t(IRP_MJ_PNP), uint8_t(IRP_MN_QUERY_INTERFACE),
+                                &GUID_USBCAMD_INTERFACE, uint16_t(72), uint16_t(0x200), nullptr));
       EXPECT_EQ(q.IoStatus.Status, STATUS_NOT_SUPPORTED) << "preset before the call";
     }
     EXPECT_EQ(PoolLiveBlocks(PoolTagWdm), 0u);
@@ -422,13 +404,14 @@ TEST_F(DispatchTest, TheEntryDeclaresTheRecordAFourByteFrameContextAndTheHandler
   int driverObject = 0;
   EXPECT_EQ(DriverEntry(&driverObject, nullptr), STATUS_SUCCESS);
   EXPECT_EQ(host_.Log(), Lines{"entry " + std::to_string(sizeof(DeviceContext)) + " 4"});
-  EXPECT_EQ(host_.entryReceive, &AdapterPacketHandler);
-  EXPECT_EQ(host_.entryDriverObject, &driverObject);
+  EXPECT_EQ(std::make_pair(host_.entryReceive, host_.entryDriverObject),
+            std::make_pair(&AdapterPacketHandler, static_cast<void*>(&driverObject)));
   // The two forms differ where the host's calls differ.
-  EXPECT_EQ(CameraDeviceData.CamProcessRawVideoFrame, &ProcessRawFrame);
-  EXPECT_EQ(CameraDeviceData2.CamProcessRawVideoFrameEx, &CamProcessRawVideoFrameEx);
-  EXPECT_EQ(CameraDeviceData.CamConfigure, &CamConfigure);
-  EXPECT_EQ(CameraDeviceData2.CamConfigureEx, &CamConfigureEx);
+  EXPECT_EQ(std::make_pair(CameraDeviceData.CamProcessRawVideoFrame, CameraDeviceData.CamConfigure),
+            std::make_pair(&ProcessRawFrame, &CamConfigure));
+  EXPECT_EQ(
+      std::make_pair(CameraDeviceData2.CamProcessRawVideoFrameEx, CameraDeviceData2.CamConfigureEx),
+      std::make_pair(&CamProcessRawVideoFrameEx, &CamConfigureEx));
 }
 
 // The teardown order: monitor, worker, then the host, then the registry.
@@ -438,7 +421,8 @@ TEST(DispatchTeardownThreads, UninitialisationEndsTheWorkerBeforeTheHostLetsGo) 
   TestDevice device;
   host.context = device.context;
   device->PollingShutterKey = 100;
-  for (KEVENT& event : device->ShutterThreadEvents) KeInitializeEvent(&event, NotificationEvent, FALSE);
+  for (KEVENT& event : device->ShutterThreadEvents)
+    KeInitializeEvent(&event, NotificationEvent, FALSE);
   KeSetEvent(&device->ShutterThreadEvents[ThreadDoneEvent], 0, FALSE);  // no monitor runs
   HANDLE thread = nullptr;
   ASSERT_EQ(PsCreateSystemThread(&thread, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr,

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstring>
 #include <numeric>
+#include <tuple>
 #include <vector>
 
 #include "core/companions.h"
@@ -22,7 +23,8 @@ NTSTATUS RunNothing(void*, const char*) { return STATUS_SUCCESS; }
 NTSTATUS WritePairsNothing(void*, const uint8_t*, uint32_t) { return STATUS_SUCCESS; }
 
 bool All(const std::vector<uint8_t>& bytes, size_t count, uint8_t value) {
-  return std::all_of(bytes.begin(), bytes.begin() + count, [value](uint8_t b) { return b == value; });
+  return std::all_of(bytes.begin(), bytes.begin() + count,
+                     [value](uint8_t b) { return b == value; });
 }
 
 // A camera with its companions started for one output size, developing by the
@@ -40,15 +42,17 @@ struct FramePathTest : ::testing::Test {
     device->SpefCategory = 99;
     device->FuncHandle = FUNC_Init();
     device->SpefHandle = SPEF_Init(u"\\??\\C:\\Camera");
-    ISPFunc_Init(&device->IspHandle, device.context, nullptr, u"OV2640", 1, ReadZero,
-                 WriteNothing, RunNothing, ReadZero, WritePairsNothing);
+    ISPFunc_Init(&device->IspHandle, device.context, nullptr, u"OV2640", 1, ReadZero, WriteNothing,
+                 RunNothing, ReadZero, WritePairsNothing);
     uint32_t wireW, wireH;
     ISPFunc_StartCapture(device->IspHandle, device.context, 2, width, height, &wireW, &wireH);
     device->FrameLengthOk = 1;
     ResetFrameRateMeter(device.context);
     const uint32_t pixels = width * height;
-    output.assign(compression == CompressionRGB24 ? pixels * 3
-                  : compression == CompressionI420 ? pixels * 3 / 2 : pixels * 2, 0x55);
+    const uint32_t halves = compression == CompressionRGB24  ? 6
+                            : compression == CompressionI420 ? 3
+                                                             : 4;
+    output.assign(pixels * halves / 2, 0x55);
     raw.assign(size_t(pixels) * 2, 0);
   }
   void Stop() {
@@ -91,37 +95,26 @@ TEST_F(FramePathTest, BlankFrameIsPaintedWithoutAByteCount) {
   EXPECT_EQ(device->FrameCounter, 0u);
 }
 
-TEST_F(FramePathTest, FramesArriveUntouchedWhileTheWorkerReprograms) {
-  struct Case {
-    uint8_t command;
-    bool developed;
-  } cases[] = {{1, false}, {2, false}, {3, false}, {128, false}, {4, true}, {5, true}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(int(c.command));
-    Start(CompressionYUY2, 160, 120);
-    device->WorkerCommand = c.command;
-    KeSetEvent(&device->WorkerEvents[WorkerWakeEvent], 0, FALSE);
-    EXPECT_EQ(Frame(200), c.developed ? output.size() : 0xFEEDu);
-    EXPECT_EQ(device->FrameCounter, c.developed ? 1u : 0u);
-    EXPECT_EQ(device->FrameTimeSamples, c.developed ? 0 : -1);
-    EXPECT_EQ(output[0] != 0x55, c.developed);
-  }
-}
-
-TEST_F(FramePathTest, ByteCountFollowsTheLengthTestAndEngineerMode) {
-  struct Case {
-    uint8_t lengthOk;
-    uint32_t engineer;
-    bool full;
-  } cases[] = {{1, 0, true}, {0, 0, false}, {0, 2, true}, {0, 4, false}, {0, 6, true}, {1, 4, true}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(testing::Message() << int(c.lengthOk) << " " << c.engineer);
+// While the worker starts or stops capture frames go untouched; otherwise a
+// frame is developed and counted even when it failed the length test, and its
+// byte count is given when it passed or engineer mode bit 2 asks.
+TEST_F(FramePathTest, ByteCountFollowsTheWorkerTheLengthTestAndEngineerMode) {
+  enum { Untouched, Empty, Full };
+  const std::tuple<uint8_t, uint8_t, uint32_t, int> cases[] = {
+      {1, 1, 0, Untouched}, {2, 1, 0, Untouched}, {3, 1, 0, Untouched}, {128, 1, 0, Untouched},
+      {4, 1, 0, Full},      {5, 1, 0, Full},      {0, 1, 0, Full},      {0, 0, 0, Empty},
+      {0, 0, 2, Full},      {0, 0, 4, Empty},     {0, 0, 6, Full},      {0, 1, 4, Full}};
+  for (auto [command, lengthOk, engineer, result] : cases) {
+    SCOPED_TRACE(testing::Message() << int(command) << " " << int(lengthOk) << " " << engineer);
     Start(CompressionRGB24, 160, 120);
-    device->FrameLengthOk = c.lengthOk;
-    device->EngineerMode = c.engineer;
-    EXPECT_EQ(Frame(90), c.full ? output.size() : 0u);
-    EXPECT_EQ(device->FrameCounter, 1u) << "a bad frame still advances the cycle";
-    EXPECT_NE(output[0], 0x55) << "a bad frame is still developed";
+    device->WorkerCommand = command;
+    if (command != 0) KeSetEvent(&device->WorkerEvents[WorkerWakeEvent], 0, FALSE);
+    device->FrameLengthOk = lengthOk;
+    device->EngineerMode = engineer;
+    EXPECT_EQ(Frame(90), result == Full ? output.size() : result == Empty ? 0u : 0xFEEDu);
+    EXPECT_EQ(device->FrameCounter, result == Untouched ? 0u : 1u);
+    EXPECT_EQ(device->FrameTimeSamples, result == Untouched ? -1 : 0);
+    EXPECT_EQ(output[0] != 0x55, result != Untouched);
   }
 }
 
@@ -166,11 +159,11 @@ TEST_F(FramePathTest, RgbOutputIsABottomUpBitmapOfTheWorkBuffer) {
 }
 
 TEST_F(FramePathTest, UnknownFormatsAndShortBuffersLeaveTheOutputAlone) {
-  struct Case {
+  const struct {
     uint32_t compression, width, height, outputBytes, bytesReturned;
   } cases[] = {{0x3231564E /* NV12 */, 160, 120, 160 * 120 * 2, 160 * 120 * 2},
                {CompressionRGB24, 320, 240, 320 * 240 * 3 - 1, 0}};
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.width);
     Start(c.compression, c.width, c.height);
     output.assign(c.outputBytes, 0x55);
@@ -180,39 +173,39 @@ TEST_F(FramePathTest, UnknownFormatsAndShortBuffersLeaveTheOutputAlone) {
 }
 
 TEST_F(FramePathTest, StillByKeyFiresWithTheNextFrame) {
-  struct Case {
-    uint32_t trigger, key, releaseCount, expectTrigger;
-    uint8_t expectFromKey;
-  } cases[] = {{1, 1, 0, 2, 1}, {1, 1, 7, 2, 0}, {1, 0, 0xFFFFFFFF, 2, 0}, {1, 0, 7, 1, 0xCC},
-               {0, 1, 0, 0, 0xCC}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.trigger << c.key << " " << c.releaseCount);
+  // Trigger, key, release count; the trigger and StillFromKey after the frame.
+  const std::tuple<uint32_t, uint8_t, uint32_t, uint32_t, uint8_t> cases[] = {
+      {1, 1, 0, 2, 1},
+      {1, 1, 7, 2, 0},
+      {1, 0, 0xFFFFFFFF, 2, 0},
+      {1, 0, 7, 1, 0xCC},
+      {0, 1, 0, 0, 0xCC}};
+  for (auto [trigger, key, releaseCount, triggerAfter, fromKey] : cases) {
+    SCOPED_TRACE(testing::Message() << trigger << int(key) << " " << releaseCount);
     Start(CompressionYUY2, 160, 120);
     device->StillPin = 2;
-    device->StillTriggerState = c.trigger;
-    device->ShutterKeyState = c.key;
-    device->ShutterReleaseCount = c.releaseCount;
+    device->StillTriggerState = trigger;
+    device->ShutterKeyState = key;
+    device->ShutterReleaseCount = releaseCount;
     device->StillFromKey = 0xCC;
     Frame(100);
-    EXPECT_EQ(device->StillTriggerState, c.expectTrigger);
-    EXPECT_EQ(device->StillFromKey, c.expectFromKey);
+    EXPECT_EQ(std::make_pair(device->StillTriggerState, device->StillFromKey),
+              std::make_pair(triggerAfter, fromKey));
   }
 }
 
 TEST_F(FramePathTest, FocusMeasurementPostsAFocusStep) {
-  struct Case {
-    uint32_t featureFlags, lensKind;
-    bool posted;
-  } cases[] = {{1, 1, true}, {1, 2, true}, {1, 0, false}, {0, 1, false}, {0x10, 2, false}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.featureFlags << "/" << c.lensKind);
+  const std::tuple<uint32_t, uint32_t, bool> cases[] = {
+      {1, 1, 1}, {1, 2, 1}, {1, 0, 0}, {0, 1, 0}, {0x10, 2, 0}};
+  for (auto [featureFlags, lensKind, posted] : cases) {
+    SCOPED_TRACE(testing::Message() << featureFlags << "/" << lensKind);
     Start(CompressionYUY2, 160, 120);
-    device->FeatureFlags = c.featureFlags;
-    device->IspType = 1 | c.lensKind << 16;
+    device->FeatureFlags = featureFlags;
+    device->IspType = 1 | lensKind << 16;
     Frame(100);
-    EXPECT_EQ(device->WorkerCommand, c.posted ? WorkerFocusStep : WorkerNone);
-    EXPECT_EQ(KeReadStateEvent(&device->WorkerEvents[WorkerWakeEvent]), c.posted ? 1 : 0);
-    if (c.posted) {
+    EXPECT_EQ(device->WorkerCommand, posted ? WorkerFocusStep : WorkerNone);
+    EXPECT_EQ(KeReadStateEvent(&device->WorkerEvents[WorkerWakeEvent]), posted ? 1 : 0);
+    if (posted) {
       // A pending focus step leaves the frame path running.
       EXPECT_EQ(Frame(), output.size());
       EXPECT_EQ(device->FrameCounter, 2u);
@@ -221,17 +214,15 @@ TEST_F(FramePathTest, FocusMeasurementPostsAFocusStep) {
 }
 
 TEST(FramePath, WireSizeFollowsTheScaleMode) {
-  struct Case {
-    uint8_t scale;
-    uint32_t w, h;
-  } cases[] = {{0, 640, 480}, {1, 640, 480}, {2, 1280, 960}, {3, 320, 240},
-               {4, 2560, 1920}, {5, 160, 120}, {6, 640, 480}, {255, 640, 480}};
-  for (const Case& c : cases) {
+  const std::tuple<uint8_t, uint32_t, uint32_t> cases[] = {
+      {0, 640, 480},   {1, 640, 480}, {2, 1280, 960}, {3, 320, 240},
+      {4, 2560, 1920}, {5, 160, 120}, {6, 640, 480},  {255, 640, 480}};
+  for (auto [scale, wireW, wireH] : cases) {
     TestDevice device;
-    device.SetMode(CompressionRGB24, 640, 480, c.scale, 1, 0);
+    device.SetMode(CompressionRGB24, 640, 480, scale, 1, 0);
     uint32_t w, h;
     GetWireSize(device.context, &w, &h);
-    EXPECT_EQ(std::make_pair(w, h), std::make_pair(c.w, c.h)) << int(c.scale);
+    EXPECT_EQ(std::make_pair(w, h), std::make_pair(wireW, wireH)) << int(scale);
   }
 }
 
@@ -247,7 +238,13 @@ TEST(FrameRateMeter, ReportsInEngineerModeAfterTwentyOneIntervals) {
   // Start just below a wrap of the clock's low word: intervals must not care.
   SetKernelClock((int64_t(0x1D0) << 32) + 0xFFFFFFFFLL - 3000000);
   uint32_t value = 0;
-
+  // `frames` frames, `interval` (100 ns units) after each other.
+  auto frames = [](TestDevice& device, int count, int64_t interval) {
+    for (int frame = 0; frame < count; ++frame) {
+      AdvanceKernelClock(interval);
+      UpdateFrameRateMeter(device.context);
+    }
+  };
   // Nothing outside engineer mode, nor when all frames come at one instant
   // (which would divide by zero).
   for (uint32_t engineer : {0u, 4u}) {
@@ -255,10 +252,7 @@ TEST(FrameRateMeter, ReportsInEngineerModeAfterTwentyOneIntervals) {
     device->PhysicalDeviceObject = pdo;
     device->EngineerMode = engineer;
     ResetFrameRateMeter(device.context);
-    for (int frame = 0; frame < 30; ++frame) {
-      if (engineer == 0) AdvanceKernelClock(333333);
-      UpdateFrameRateMeter(device.context);
-    }
+    frames(device, 30, engineer == 0 ? 333333 : 0);
     EXPECT_FALSE(GetRegistryDword(key, u"FrameRateNumber", &value)) << engineer;
   }
 
@@ -267,25 +261,17 @@ TEST(FrameRateMeter, ReportsInEngineerModeAfterTwentyOneIntervals) {
   device->EngineerMode = 4;
   ResetFrameRateMeter(device.context);
   EXPECT_EQ(device->FrameTimeSamples, -1);
-  for (int frame = 1; frame <= 21; ++frame) {
-    AdvanceKernelClock(333333);  // 30 frames a second
-    UpdateFrameRateMeter(device.context);
-  }
+  frames(device, 21, 333333);  // 30 frames a second
   EXPECT_EQ(device->FrameTimeSamples, 20) << "the first frame only starts the clock";
   EXPECT_FALSE(GetRegistryDword(key, u"FrameRateNumber", &value)) << "20 intervals are too few";
-  AdvanceKernelClock(333333);
-  UpdateFrameRateMeter(device.context);
-  ASSERT_TRUE(GetRegistryDword(key, u"FrameRateNumber", &value));
+  frames(device, 1, 333333);
+  EXPECT_TRUE(GetRegistryDword(key, u"FrameRateNumber", &value));
   EXPECT_EQ(value, 3000u);  // 21 x 10^8 / ((21 x 333333 + 5) / 10) = 3000.004
-
   // Forty intervals later only the new rate counts: 25 frames a second.
-  for (int frame = 0; frame < 40; ++frame) {
-    AdvanceKernelClock(400000);
-    UpdateFrameRateMeter(device.context);
-  }
-  EXPECT_EQ(device->FrameTimeSamples, 40);
-  EXPECT_EQ(device->FrameTimeSum, 40u * 400000u);
-  ASSERT_TRUE(GetRegistryDword(key, u"FrameRateNumber", &value));
+  frames(device, 40, 400000);
+  EXPECT_EQ(std::make_pair(device->FrameTimeSamples, device->FrameTimeSum),
+            std::make_pair(40, 40u * 400000u));
+  EXPECT_TRUE(GetRegistryDword(key, u"FrameRateNumber", &value));
   EXPECT_EQ(value, 2500u);
   UnbindDeviceRegistryKey(pdo);
   SetKernelClockMode(KernelClockMode::Real);
