@@ -1,8 +1,6 @@
-// The camera descriptions shipped under cameras/: every registry file loads
-// with the keys the driver reads, every script passes the script checker, the
-// scrambled script is the scramble of its plain source, each script holds the
-// sections its registry asks for, and on the emulated camera every mode's
-// sections make the sensor send the wire that the mode's keys promise.
+// The camera descriptions under cameras/: registry files with the keys the driver
+// reads, scripts that pass the checker and hold the sections their registry asks
+// for, and on the emulated camera each mode sends the wire its keys promise.
 
 #include <gtest/gtest.h>
 
@@ -21,9 +19,9 @@
 #include "core/interface_configuration.h"
 #include "emulator/emulated_camera.h"
 #include "host/control_only_host.h"
+#include "pipeline/frame_pipeline.h"
 #include "platform/files_control.h"
 #include "platform/kernel_control.h"
-#include "pipeline/frame_pipeline.h"
 #include "platform/registry_control.h"
 #include "script/mode_selection.h"
 #include "script/script_engine.h"
@@ -40,8 +38,8 @@ const fs::path kRepository = MR740_SOURCE_DIR;
 const fs::path kCameras = kRepository / "cameras";
 
 constexpr const char* kFormats[] = {"RGB24", "YUYV", "I420"};
-constexpr const char* kProperties[] = {"Brightness", "Contrast",    "Hue",
-                                       "Saturation", "Sharpness",   "Gamma",
+constexpr const char* kProperties[] = {"Brightness",  "Contrast",     "Hue",
+                                       "Saturation",  "Sharpness",    "Gamma",
                                        "ColorEnable", "WhiteBalance", "BackLight"};
 constexpr const char* kPageSettings[] = {
     "AutoFocusEnable", "Flicker_50HZ", "LightCond", "QualityOpt",   "Zoom",    "ZoomLast",
@@ -67,12 +65,6 @@ const SizeKey* FindSizeKey(const std::string& name) {
   return nullptr;
 }
 
-struct DwordValue {
-  const char* key;  // below the device key; "" is the device key itself
-  const char* name;
-  uint32_t value;
-};
-
 struct Model {
   const char* regFile;  // below cameras/
   uint32_t instance;
@@ -82,57 +74,59 @@ struct Model {
   uint16_t bcdDevice;
   EmulatedLensKind lens;
   // Mode keys with a non-zero Enabled, as "[HighSpeed\|FullSpeed\]FORMAT\SIZE".
-  std::set<std::string> modes;
-  // The sensor's bus address and identification bytes are not listed: the
-  // rig's detection on the emulated sensor checks them.
-  std::vector<DwordValue> values;
+  const char* modes;
+  // DWORD values as "KEY\NAME=VALUE" below the device key. The sensor's bus
+  // address and identification bytes are not listed: the rig's detection on
+  // the emulated sensor checks them.
+  const char* values;
 };
 
 const std::vector<Model>& Models() {
   static const std::vector<Model> models = {
       {"ov7670-webcam/ov7670-webcam.reg", 0, "OV7670", "C:\\Cameras\\ov7670-webcam\\OV7670.txt",
        EmulatedSensorKind::OV7670, 0x0100, EmulatedLensKind::None,
-       {"YUYV\\640", "YUYV\\320", "YUYV\\352", "YUYV\\176", "YUYV\\160", "YUYV\\1280A",
-        "RGB24\\640", "RGB24\\320", "RGB24\\352", "RGB24\\176", "RGB24\\160", "I420\\640",
-        "I420\\320", "I420\\160"},
-       {{"", "StillPin", 2}, {"", "PollingShutterKey", 100},
-        {"SensorDetect", "NumOfSensor", 1}, {"SensorDetect\\Sensor00", "ReadDelay", 0},
-        {"SensorDetect\\Sensor00", "IDLength", 2}, {"OV7670\\PropertySetting", "ISPType", 0},
-        {"OV7670\\InitialSetting\\YUYV\\640", "ControlMethod", 0x0201},
-        {"OV7670\\InitialSetting\\YUYV\\640", "Enabled", 40}}},
+       "YUYV\\640 YUYV\\320 YUYV\\352 YUYV\\176 YUYV\\160 YUYV\\1280A RGB24\\640 RGB24\\320 "
+       "RGB24\\352 RGB24\\176 RGB24\\160 I420\\640 I420\\320 I420\\160",
+       "StillPin=2 PollingShutterKey=100 SensorDetect\\NumOfSensor=1 "
+       "SensorDetect\\Sensor00\\ReadDelay=0 SensorDetect\\Sensor00\\IDLength=2 "
+       "OV7670\\PropertySetting\\ISPType=0 OV7670\\InitialSetting\\YUYV\\640\\ControlMethod=0x0201 "
+       "OV7670\\InitialSetting\\YUYV\\640\\Enabled=40"},
       {"ov2640-camera/ov2640-camera.reg", 1, "OV2640", "C:\\Cameras\\ov2640-camera\\OV2640.txt",
        EmulatedSensorKind::OV2640, 0x0200, EmulatedLensKind::None,
-       {"RGB24\\640", "RGB24\\320", "RGB24\\800", "RGB24\\352", "RGB24\\160", "RGB24\\1024",
-        "RGB24\\1280A", "RGB24\\1600", "YUYV\\640", "YUYV\\320", "YUYV\\800", "YUYV\\1024",
-        "YUYV\\1600", "I420\\640", "I420\\320", "I420\\160"},
-       {{"", "StillPin", 0}, {"", "DeadPixelRGB24", 48}, {"", "BlackBodyDarkRGB24", 12},
-        {"", "BlackBodyDarkYUYV", 24}, {"SensorDetect", "NumOfSensor", 1},
-        {"SensorDetect\\Sensor00", "ReadDelay", 10000},
-        {"SensorDetect\\Sensor00", "IDLength", 4},
-        {"SensorDetect\\Sensor00\\PageSelect", "PageSelectLen", 1},
-        {"OV2640\\PropertySetting", "ISPType", 0},
-        {"OV2640\\InitialSetting\\RGB24\\1024", "ControlMethod", 0x0102},
-        {"OV2640\\InitialSetting\\RGB24\\1600", "ControlMethod", 0x0101}}},
+       "RGB24\\640 RGB24\\320 RGB24\\800 RGB24\\352 RGB24\\160 RGB24\\1024 RGB24\\1280A "
+       "RGB24\\1600 YUYV\\640 YUYV\\320 YUYV\\800 YUYV\\1024 YUYV\\1600 I420\\640 I420\\320 "
+       "I420\\160",
+       "StillPin=0 DeadPixelRGB24=48 BlackBodyDarkRGB24=12 BlackBodyDarkYUYV=24 "
+       "SensorDetect\\NumOfSensor=1 SensorDetect\\Sensor00\\ReadDelay=10000 "
+       "SensorDetect\\Sensor00\\IDLength=4 SensorDetect\\Sensor00\\PageSelect\\PageSelectLen=1 "
+       "OV2640\\PropertySetting\\ISPType=0 "
+       "OV2640\\InitialSetting\\RGB24\\1024\\ControlMethod=0x0102 "
+       "OV2640\\InitialSetting\\RGB24\\1600\\ControlMethod=0x0101"},
       {"mi2020-camera/mi2020-camera.reg", 2, "MI2020", "C:\\Cameras\\mi2020-camera\\MI2020.txt",
        EmulatedSensorKind::MI2020, 0x0100, EmulatedLensKind::HomeSwitch,
-       {"HighSpeed\\RGB24\\640", "HighSpeed\\RGB24\\320", "HighSpeed\\RGB24\\800",
-        "HighSpeed\\RGB24\\1600", "HighSpeed\\YUYV\\640", "HighSpeed\\YUYV\\320",
-        "HighSpeed\\YUYV\\800", "FullSpeed\\RGB24\\320", "FullSpeed\\RGB24\\160",
-        "FullSpeed\\YUYV\\320", "FullSpeed\\YUYV\\160"},
-       {{"SensorDetect", "NumOfSensor", 1}, {"SensorDetect\\Sensor00", "RegisterAddrLo", 0xF0},
-        {"SensorDetect\\Sensor00", "ReadDelay", 20000},
-        {"MI2020\\PropertySetting", "ISPType", 0x00020000},
-        {"MI2020\\PropertySetting", "InitPos", 40}}},
+       "HighSpeed\\RGB24\\640 HighSpeed\\RGB24\\320 HighSpeed\\RGB24\\800 HighSpeed\\RGB24\\1600 "
+       "HighSpeed\\YUYV\\640 HighSpeed\\YUYV\\320 HighSpeed\\YUYV\\800 FullSpeed\\RGB24\\320 "
+       "FullSpeed\\RGB24\\160 FullSpeed\\YUYV\\320 FullSpeed\\YUYV\\160",
+       "SensorDetect\\NumOfSensor=1 SensorDetect\\Sensor00\\RegisterAddrLo=0xF0 "
+       "SensorDetect\\Sensor00\\ReadDelay=20000 MI2020\\PropertySetting\\ISPType=0x00020000 "
+       "MI2020\\PropertySetting\\InitPos=40"},
       {"mi2021-camera/mi2021-camera.reg", 3, "MI2021", "C:\\Cameras\\mi2021-camera\\MI2021.txt",
        EmulatedSensorKind::MI2021, 0x0200, EmulatedLensKind::NoHomeSwitch,
-       {"RGB24\\640", "RGB24\\320", "RGB24\\800", "RGB24\\1280A", "RGB24\\1600", "YUYV\\640",
-        "YUYV\\320", "YUYV\\160", "YUYV\\800", "YUYV\\1600", "I420\\640", "I420\\320"},
-       {{"", "ForceHighSpeed", 1}, {"SensorDetect", "NumOfSensor", 1},
-        {"SensorDetect\\Sensor00", "RegisterAddrLo", 0xF0},
-        {"SensorDetect\\Sensor00", "ReadDelay", 0},
-        {"MI2021\\PropertySetting", "ISPType", 0x00010001}}},
+       "RGB24\\640 RGB24\\320 RGB24\\800 RGB24\\1280A RGB24\\1600 YUYV\\640 YUYV\\320 YUYV\\160 "
+       "YUYV\\800 YUYV\\1600 I420\\640 I420\\320",
+       "ForceHighSpeed=1 SensorDetect\\NumOfSensor=1 SensorDetect\\Sensor00\\RegisterAddrLo=0xF0 "
+       "SensorDetect\\Sensor00\\ReadDelay=0 MI2021\\PropertySetting\\ISPType=0x00010001"},
   };
   return models;
+}
+
+std::vector<std::string> Words(const std::string& text) {
+  std::vector<std::string> words;
+  for (size_t start = 0, end; start < text.size(); start = end + 1) {
+    end = std::min(text.find(' ', start), text.size());
+    words.push_back(text.substr(start, end - start));
+  }
+  return words;
 }
 
 std::u16string DeviceKey(const Model& model) { return DeviceSoftwareKeyPath(model.instance); }
@@ -253,11 +247,13 @@ std::set<std::string> SectionsOf(const fs::path& path) {
 // The sections the driver asks for by fixed name.
 std::set<std::string> FixedSectionNames() {
   std::set<std::string> names = {
-      "INIT", "FS\\INIT", "HS\\INIT", "POWER_DOWN", "FS\\POWER_DOWN", "HS\\POWER_DOWN",
-      "INIT_PREVIEW", "INIT_CAPTURE", "FLICKER_50HZ", "FLICKER_AUTO", "FLICKER_60HZ",
-      "NORMAL_LIGHT", "LOW_LIGHT", "BACK_LIGHT", "FS\\NORMAL_LIGHT", "FS\\LOW_LIGHT",
-      "FS\\BACK_LIGHT", "HORIZ_NOR_VERTI_NOR", "HORIZ_INV_VERTI_NOR", "HORIZ_NOR_VERTI_INV",
-      "HORIZ_INV_VERTI_INV"};
+      "INIT",           "FS\\INIT",      "HS\\INIT",     "POWER_DOWN",   "FS\\POWER_DOWN",
+      "HS\\POWER_DOWN", "INIT_PREVIEW",  "INIT_CAPTURE", "FLICKER_50HZ", "FLICKER_AUTO",
+      "FLICKER_60HZ",   "NORMAL_LIGHT",  "LOW_LIGHT",    "BACK_LIGHT",   "FS\\NORMAL_LIGHT",
+      "FS\\LOW_LIGHT",  "FS\\BACK_LIGHT"};
+  for (const char* horiz : {"HORIZ_NOR_", "HORIZ_INV_"}) {
+    for (const char* verti : {"VERTI_NOR", "VERTI_INV"}) names.insert(std::string(horiz) + verti);
+  }
   for (const char* prefix : {"", "FS\\", "HS\\"}) {
     for (const char* axis : {"HORIZ_NOR", "HORIZ_INV", "VERTI_NOR", "VERTI_INV"}) {
       names.insert(std::string(prefix) + axis);
@@ -386,8 +382,12 @@ struct CameraRig {
   }
 };
 
-TEST(CameraDescriptions, EveryRegistryFileLoadsWithTheKeysTheDriverReads) {
+// Each model's keys, and the sections its script holds against those the
+// driver asks for under these keys.
+TEST(CameraDescriptions, EveryRegistryFileHasTheKeysTheDriverReadsAndItsScriptTheirSections) {
   ResetRegistry();
+  const std::set<std::string> fixed = FixedSectionNames();
+  std::set<std::string> everyScript;
   const std::vector<fs::path> regFiles = FilesUnderCameras(".reg");
   ASSERT_EQ(regFiles.size(), Models().size()) << "one description per model under cameras/";
   for (const fs::path& file : regFiles) {
@@ -401,11 +401,13 @@ TEST(CameraDescriptions, EveryRegistryFileLoadsWithTheKeysTheDriverReads) {
   for (const Model& model : Models()) {
     SCOPED_TRACE(model.regFile);
     ASSERT_TRUE(RegistryKeyExists(DeviceKey(model)));
-    for (const DwordValue& expected : model.values) {
+    for (const std::string& expected : Words(model.values)) {
+      const size_t name = expected.rfind('\\', expected.find('=')) + 1, equals = expected.find('=');
       uint32_t value = 0xDEADBEEF;
-      EXPECT_TRUE(GetRegistryDword(KeyBelow(model, expected.key), U16(expected.name), &value))
-          << expected.key << " " << expected.name;
-      EXPECT_EQ(value, expected.value) << expected.key << " " << expected.name;
+      EXPECT_TRUE(GetRegistryDword(KeyBelow(model, expected.substr(0, name ? name - 1 : 0)),
+                                   U16(expected.substr(name, equals - name)), &value))
+          << expected;
+      EXPECT_EQ(value, std::stoul(expected.substr(equals + 1), nullptr, 0)) << expected;
     }
     const std::string root = model.sensor;
     EXPECT_EQ(String(KeyBelow(model, "SensorDetect\\Sensor00"), "SensorName"), model.sensor);
@@ -413,6 +415,18 @@ TEST(CameraDescriptions, EveryRegistryFileLoadsWithTheKeysTheDriverReads) {
     EXPECT_EQ(script, model.script);
     EXPECT_LE(script.size(), ScriptPathMaxChars);
     EXPECT_FALSE(ResolveOnDriveC(script).empty()) << script << " is not under the repository";
+    const std::set<std::string> sections = SectionsOf(ResolveOnDriveC(script));
+    everyScript.insert(sections.begin(), sections.end());
+    for (const std::string& section : sections) {
+      EXPECT_TRUE(fixed.count(section) || IsModeSectionName(section))
+          << "[" << section << "] is no section the driver asks for";
+    }
+    std::set<std::string> required = {
+        "INIT",         "HS\\INIT",     "POWER_DOWN",   "INIT_PREVIEW", "FLICKER_50HZ",
+        "FLICKER_AUTO", "FLICKER_60HZ", "NORMAL_LIGHT", "LOW_LIGHT",    "BACK_LIGHT"};
+    if (Dword(DeviceKey(model), "ForceHighSpeed") == 0) {
+      required.insert({"FS\\NORMAL_LIGHT", "FS\\LOW_LIGHT", "FS\\BACK_LIGHT"});
+    }
 
     // The offered modes, each a transport the driver and the emulator have.
     std::set<std::string> offered;
@@ -420,7 +434,10 @@ TEST(CameraDescriptions, EveryRegistryFileLoadsWithTheKeysTheDriverReads) {
       if (key.enabled == 0) continue;
       offered.insert(key.tree + key.format + "\\" + key.size);
       SCOPED_TRACE(key.tree + key.format + "\\" + key.size);
-      EXPECT_NE(FindSizeKey(key.size), nullptr);
+      const SizeKey* size = FindSizeKey(key.size);
+      EXPECT_NE(size, nullptr);
+      // Each mode's own section is looked for where the mode runs, below.
+      if (size && size->width > 800) required.insert("INIT_CAPTURE");
       EXPECT_LE(key.enabled, 40u);
       EXPECT_TRUE((key.controlMethod & 0xFF) >= 1 && (key.controlMethod & 0xFF) <= 5);
       const uint32_t wireFormat = (key.controlMethod >> 8) & 0xFF;
@@ -428,7 +445,8 @@ TEST(CameraDescriptions, EveryRegistryFileLoadsWithTheKeysTheDriverReads) {
       EXPECT_TRUE(key.alternateSetting >= 1 && key.alternateSetting <= 5);
       EXPECT_GE(key.frameRate, 166666u);
     }
-    EXPECT_EQ(offered, model.modes);
+    const std::vector<std::string> modes = Words(model.modes);
+    EXPECT_EQ(offered, std::set<std::string>(modes.begin(), modes.end()));
 
     // A property set reloads SensorI2CAddr and RegisterAddrLo from
     // PropertySetting: they must be the detected sensor's, or the script
@@ -441,6 +459,14 @@ TEST(CameraDescriptions, EveryRegistryFileLoadsWithTheKeysTheDriverReads) {
       SCOPED_TRACE(name);
       const std::u16string key = properties + u"\\" + U16(name);
       ASSERT_TRUE(RegistryKeyExists(key));
+      const bool automatic = Dword(key, "Enabled") != 0 && Dword(key, "AutoEnabled") != 0;
+      for (const char* state : {"_ON", "_OFF"}) {
+        const std::string section = "AUTO_" + Upper(name) + state;
+        if (automatic)
+          required.insert(section);
+        else
+          EXPECT_EQ(sections.count(section), 0u) << section << " never runs";
+      }
       if (Dword(key, "Enabled") == 0) continue;
       const uint32_t method = Dword(key, "ControlMethod");
       EXPECT_LE(method, 3u);
@@ -465,11 +491,27 @@ TEST(CameraDescriptions, EveryRegistryFileLoadsWithTheKeysTheDriverReads) {
       uint32_t value = 0;
       EXPECT_TRUE(GetRegistryDword(KeyBelow(model, root), U16(page), &value)) << page;
     }
+    for (const std::string& section : required) {
+      EXPECT_EQ(sections.count(section), 1u) << "[" << section << "] missing";
+    }
+    auto all = [&](std::initializer_list<const char*> names) {
+      for (const char* n : names) {
+        if (!sections.count(n)) return false;
+      }
+      return true;
+    };
+    EXPECT_TRUE(all({"HORIZ_NOR_VERTI_NOR", "HORIZ_INV_VERTI_NOR", "HORIZ_NOR_VERTI_INV",
+                     "HORIZ_INV_VERTI_INV"}) ||
+                all({"HORIZ_NOR", "HORIZ_INV", "VERTI_NOR", "VERTI_INV"}))
+        << "no way to mirror and flip";
+  }
+  for (const std::string& section : fixed) {
+    EXPECT_EQ(everyScript.count(section), 1u) << "no script has [" << section << "]";
   }
   ResetRegistry();
 }
 
-TEST(CameraDescriptions, EveryScriptPassesTheScriptChecker) {
+TEST(CameraDescriptions, ScriptsPassTheCheckerAreCrLfTextAndTheScrambledOneIsItsSourceScrambled) {
   const std::vector<fs::path> scripts = FilesUnderCameras(".txt");
   ASSERT_GE(scripts.size(), Models().size() + 1) << "four scripts and a plain source";
   for (const fs::path& script : scripts) {
@@ -487,12 +529,6 @@ TEST(CameraDescriptions, EveryScriptPassesTheScriptChecker) {
     std::fclose(out);
     EXPECT_EQ(status, 0) << report;
     EXPECT_NE(report.find(" 0 faults"), std::string::npos) << report;
-  }
-}
-
-TEST(CameraDescriptions, ScriptsAreCrLfTextAndTheScrambledOneIsItsPlainSourceScrambled) {
-  for (const fs::path& script : FilesUnderCameras(".txt")) {
-    SCOPED_TRACE(script.string());
     const std::string text = ScriptText(script);
     ASSERT_FALSE(text.empty());
     size_t lineStart = 0;
@@ -520,64 +556,6 @@ TEST(CameraDescriptions, ScriptsAreCrLfTextAndTheScrambledOneIsItsPlainSourceScr
     ASSERT_GE(scrambled, 0) << "byte " << i << " has no scrambled form";
     ASSERT_EQ(uint8_t(shipped[i]), uint8_t(scrambled)) << name << " byte " << i;
   }
-}
-
-TEST(CameraDescriptions, EachScriptHoldsTheSectionsItsRegistryAsksFor) {
-  ResetRegistry();
-  const std::set<std::string> fixed = FixedSectionNames();
-  std::set<std::string> everyScript;
-  for (const Model& model : Models()) {
-    SCOPED_TRACE(model.regFile);
-    std::string error;
-    ASSERT_TRUE(LoadRegistryFile((kCameras / model.regFile).string(), &error)) << error;
-    const fs::path script = ResolveOnDriveC(model.script);
-    ASSERT_FALSE(script.empty());
-    const std::set<std::string> sections = SectionsOf(script);
-    everyScript.insert(sections.begin(), sections.end());
-    for (const std::string& section : sections) {
-      EXPECT_TRUE(fixed.count(section) || IsModeSectionName(section))
-          << "[" << section << "] is no section the driver asks for";
-    }
-    std::set<std::string> required = {"INIT",         "HS\\INIT",     "POWER_DOWN",
-                                      "INIT_PREVIEW", "FLICKER_50HZ", "FLICKER_AUTO",
-                                      "FLICKER_60HZ", "NORMAL_LIGHT", "LOW_LIGHT",
-                                      "BACK_LIGHT"};
-    if (Dword(DeviceKey(model), "ForceHighSpeed") == 0) {
-      required.insert({"FS\\NORMAL_LIGHT", "FS\\LOW_LIGHT", "FS\\BACK_LIGHT"});
-    }
-    // Each mode's own section is looked for where the mode runs, below.
-    for (const ModeKey& key : ModeKeys(model)) {
-      if (key.enabled != 0 && FindSizeKey(key.size)->width > 800) required.insert("INIT_CAPTURE");
-    }
-    const std::u16string properties =
-        KeyBelow(model, std::string(model.sensor) + "\\PropertySetting");
-    for (const char* name : kProperties) {
-      const std::u16string key = properties + u"\\" + U16(name);
-      const bool automatic = Dword(key, "Enabled") != 0 && Dword(key, "AutoEnabled") != 0;
-      for (const char* state : {"_ON", "_OFF"}) {
-        const std::string section = "AUTO_" + Upper(name) + state;
-        if (automatic) required.insert(section);
-        else EXPECT_EQ(sections.count(section), 0u) << section << " never runs";
-      }
-    }
-    for (const std::string& section : required) {
-      EXPECT_EQ(sections.count(section), 1u) << "[" << section << "] missing";
-    }
-    auto all = [&](std::initializer_list<const char*> names) {
-      for (const char* n : names) {
-        if (!sections.count(n)) return false;
-      }
-      return true;
-    };
-    EXPECT_TRUE(all({"HORIZ_NOR_VERTI_NOR", "HORIZ_INV_VERTI_NOR", "HORIZ_NOR_VERTI_INV",
-                     "HORIZ_INV_VERTI_INV"}) ||
-                all({"HORIZ_NOR", "HORIZ_INV", "VERTI_NOR", "VERTI_INV"}))
-        << "no way to mirror and flip";
-  }
-  for (const std::string& section : fixed) {
-    EXPECT_EQ(everyScript.count(section), 1u) << "no script has [" << section << "]";
-  }
-  ResetRegistry();
 }
 
 // For every mode key a capture as the driver starts it, for each quality

@@ -80,11 +80,11 @@ TEST(FormatCatalogue, RowsCarryTheValuesOfTheFormatTable) {
     EXPECT_EQ(GuidText(r.DataRange.SubFormat), row.subtype);
     EXPECT_EQ(std::make_tuple(h.biCompression, h.biWidth, h.biHeight, h.biBitCount, h.biSizeImage),
               std::make_tuple(row.compression, row.width, row.height, row.bits, row.image));
-    EXPECT_EQ(std::make_tuple(r.ConfigCaps.MinFrameInterval, r.ConfigCaps.MaxFrameInterval,
-                              r.ConfigCaps.MinBitsPerSecond, r.ConfigCaps.MaxBitsPerSecond,
-                              r.VideoInfoHeader.dwBitRate),
-              std::make_tuple(row.minInterval, row.maxInterval, row.minBits, row.maxBits,
-                              row.bitRate));
+    EXPECT_EQ(
+        std::make_tuple(r.ConfigCaps.MinFrameInterval, r.ConfigCaps.MaxFrameInterval,
+                        r.ConfigCaps.MinBitsPerSecond, r.ConfigCaps.MaxBitsPerSecond,
+                        r.VideoInfoHeader.dwBitRate),
+        std::make_tuple(row.minInterval, row.maxInterval, row.minBits, row.maxBits, row.bitRate));
   }
 
   // What every record shares.
@@ -102,8 +102,8 @@ TEST(FormatCatalogue, RowsCarryTheValuesOfTheFormatTable) {
     EXPECT_EQ(GuidText(r.DataRange.MajorFormat), VideoGuid);
     EXPECT_EQ(GuidText(r.DataRange.Specifier), VideoInfoGuid);
     EXPECT_EQ(GuidText(caps.guid), VideoInfoGuid);
-    EXPECT_EQ(std::make_tuple(r.bFixedSizeSamples, r.bTemporalCompression,
-                              r.StreamDescriptionFlags, r.MemoryAllocationFlags, caps.VideoStandard),
+    EXPECT_EQ(std::make_tuple(r.bFixedSizeSamples, r.bTemporalCompression, r.StreamDescriptionFlags,
+                              r.MemoryAllocationFlags, caps.VideoStandard),
               std::make_tuple(1, 1, 2u, 0u, 0u));
     for (const KS_SIZE& size : {caps.InputSize, caps.MinCroppingSize, caps.MaxCroppingSize,
                                 caps.MinOutputSize, caps.MaxOutputSize}) {
@@ -132,11 +132,11 @@ TEST(FormatCatalogue, TwoStreamsOfferEveryFormatWithTheHostsTwoPropertySets) {
   for (uint32_t s = 0; s < CatalogueStreams; ++s) {
     SCOPED_TRACE(s);
     const HW_STREAM_INFORMATION& stream = StreamTable[s];
-    EXPECT_EQ(std::make_tuple(stream.NumberOfPossibleInstances, stream.DataFlow,
-                              stream.DataAccessible, stream.NumberOfFormatArrayEntries,
-                              stream.NumStreamEventArrayEntries, stream.MediumsCount,
-                              stream.BridgeStream),
-              std::make_tuple(1u, 2, 1, 40u, 0u, 0u, 0));
+    EXPECT_EQ(
+        std::make_tuple(stream.NumberOfPossibleInstances, stream.DataFlow, stream.DataAccessible,
+                        stream.NumberOfFormatArrayEntries, stream.NumStreamEventArrayEntries,
+                        stream.MediumsCount, stream.BridgeStream),
+        std::make_tuple(1u, 2, 1, 40u, 0u, 0u, 0));
     EXPECT_EQ(GuidText(*stream.Category), pins[s]);
     EXPECT_EQ(GuidText(*stream.Name), pins[s]);
     EXPECT_EQ(stream.StreamEventsArray, nullptr);
@@ -154,13 +154,13 @@ TEST(FormatCatalogue, TwoStreamsOfferEveryFormatWithTheHostsTwoPropertySets) {
     }
   }
   EXPECT_NE(StreamTable[0].StreamFormatsArray, StreamTable[1].StreamFormatsArray);
-  EXPECT_EQ(std::vector<std::string>({GuidText(PINNAME_VIDEO_CAPTURE), GuidText(PINNAME_VIDEO_STILL),
-                                      GuidText(KSDATAFORMAT_TYPE_VIDEO),
-                                      GuidText(KSDATAFORMAT_SPECIFIER_VIDEOINFO),
-                                      GuidText(MEDIASUBTYPE_RGB24), GuidText(MEDIASUBTYPE_YUY2),
-                                      GuidText(MEDIASUBTYPE_I420)}),
-            std::vector<std::string>({pins[0], pins[1], VideoGuid, VideoInfoGuid, Rgb24Guid,
-                                      Yuy2Guid, I420Guid}));
+  EXPECT_EQ(
+      std::vector<std::string>(
+          {GuidText(PINNAME_VIDEO_CAPTURE), GuidText(PINNAME_VIDEO_STILL),
+           GuidText(KSDATAFORMAT_TYPE_VIDEO), GuidText(KSDATAFORMAT_SPECIFIER_VIDEOINFO),
+           GuidText(MEDIASUBTYPE_RGB24), GuidText(MEDIASUBTYPE_YUY2), GuidText(MEDIASUBTYPE_I420)}),
+      std::vector<std::string>(
+          {pins[0], pins[1], VideoGuid, VideoInfoGuid, Rgb24Guid, Yuy2Guid, I420Guid}));
 }
 
 // ---------------------------------------------------------------- check and intersection
@@ -184,42 +184,32 @@ KS_DATAFORMAT_VIDEOINFOHEADER FormatOf(uint32_t row) {
 TEST(FormatCatalogue, CheckFormatTakesOfferedFormatsAtAnyFrameInterval) {
   TestDevice device;
   Offer(device.context, {2, 18, 35, 9});  // RGB24 640, YUYV 640, I420 320, RGB24 1600
+  using Format = KS_DATAFORMAT_VIDEOINFOHEADER;
+#define CHANGE(what) [](Format& f) { (void)f; what; }
   struct Case {
     const char* what;
     uint32_t row;
-    void (*change)(KS_DATAFORMAT_VIDEOINFOHEADER&);
+    void (*change)(Format&);
     uint32_t stream;
     bool accepted;
   } cases[] = {
-      {"offered RGB24", 2, [](KS_DATAFORMAT_VIDEOINFOHEADER&) {}, 0, true},
-      {"still pin", 35, [](KS_DATAFORMAT_VIDEOINFOHEADER&) {}, 1, true},
-      {"third pin", 2, [](KS_DATAFORMAT_VIDEOINFOHEADER&) {}, 2, false},
-      {"interval 0", 18,
-       [](KS_DATAFORMAT_VIDEOINFOHEADER& f) { f.VideoInfoHeader.AvgTimePerFrame = 0; }, 0, true},
-      {"interval far above the limit", 9,
-       [](KS_DATAFORMAT_VIDEOINFOHEADER& f) { f.VideoInfoHeader.AvgTimePerFrame = 1LL << 40; }, 0,
+      {"offered RGB24", 2, CHANGE(), 0, true},
+      {"still pin", 35, CHANGE(), 1, true},
+      {"third pin", 2, CHANGE(), 2, false},
+      {"interval 0", 18, CHANGE(f.VideoInfoHeader.AvgTimePerFrame = 0), 0, true},
+      {"interval far above the limit", 9, CHANGE(f.VideoInfoHeader.AvgTimePerFrame = 1LL << 40), 0,
        true},
-      {"negative height", 2,
-       [](KS_DATAFORMAT_VIDEOINFOHEADER& f) { f.VideoInfoHeader.bmiHeader.biHeight = -480; }, 0,
+      {"negative height", 2, CHANGE(f.VideoInfoHeader.bmiHeader.biHeight = -480), 0, false},
+      {"other image size", 2, CHANGE(f.VideoInfoHeader.bmiHeader.biSizeImage += 1), 0, false},
+      {"other width", 18, CHANGE(f.VideoInfoHeader.bmiHeader.biWidth = 320), 0, false},
+      {"YUY2 subtype on the RGB24 size", 2, CHANGE(f.DataFormat.SubFormat = MEDIASUBTYPE_YUY2), 0,
        false},
-      {"other image size", 2,
-       [](KS_DATAFORMAT_VIDEOINFOHEADER& f) { f.VideoInfoHeader.bmiHeader.biSizeImage += 1; }, 0,
-       false},
-      {"other width", 18,
-       [](KS_DATAFORMAT_VIDEOINFOHEADER& f) { f.VideoInfoHeader.bmiHeader.biWidth = 320; }, 0,
-       false},
-      {"YUY2 subtype on the RGB24 size", 2,
-       [](KS_DATAFORMAT_VIDEOINFOHEADER& f) { f.DataFormat.SubFormat = MEDIASUBTYPE_YUY2; }, 0,
-       false},
-      {"other specifier", 2,
-       [](KS_DATAFORMAT_VIDEOINFOHEADER& f) { f.DataFormat.Specifier.Data4[7] ^= 1; }, 0, false},
-      {"other major format", 2,
-       [](KS_DATAFORMAT_VIDEOINFOHEADER& f) { f.DataFormat.MajorFormat.Data1 ^= 1; }, 0, false},
-      {"a table row the camera does not offer", 36, [](KS_DATAFORMAT_VIDEOINFOHEADER&) {}, 0,
-       false},
-      {"too short to hold its header", 2,
-       [](KS_DATAFORMAT_VIDEOINFOHEADER& f) { f.DataFormat.FormatSize = 151; }, 0, false},
+      {"other specifier", 2, CHANGE(f.DataFormat.Specifier.Data4[7] ^= 1), 0, false},
+      {"other major format", 2, CHANGE(f.DataFormat.MajorFormat.Data1 ^= 1), 0, false},
+      {"a table row the camera does not offer", 36, CHANGE(), 0, false},
+      {"too short to hold its header", 2, CHANGE(f.DataFormat.FormatSize = 151), 0, false},
   };
+#undef CHANGE
   for (const Case& test : cases) {
     SCOPED_TRACE(test.what);
     KS_DATAFORMAT_VIDEOINFOHEADER format = FormatOf(test.row);
@@ -317,6 +307,7 @@ TEST(FormatCatalogue, IntersectionHandsBackTheCallersRangeClamped) {
 TEST(FormatCatalogue, IntersectionFailsWithoutAMatchOrRoom) {
   TestDevice device;
   Offer(device.context, {2, 18});
+#define CHANGE(what) [](KS_DATARANGE_VIDEO& r) { (void)r; what; }
   struct Case {
     const char* what;
     uint32_t row;
@@ -324,27 +315,23 @@ TEST(FormatCatalogue, IntersectionFailsWithoutAMatchOrRoom) {
     uint32_t bufferBytes, stream;
     NTSTATUS status;
   } cases[] = {
-      {"one byte short", 2, [](KS_DATARANGE_VIDEO&) {}, 151, 0, STATUS_BUFFER_TOO_SMALL},
-      {"a row not offered", 3, [](KS_DATARANGE_VIDEO&) {}, 152, 0, STATUS_NO_MATCH},
-      {"third stream", 2, [](KS_DATARANGE_VIDEO&) {}, 152, 2, STATUS_NO_MATCH},
-      {"other height", 2,
-       [](KS_DATARANGE_VIDEO& r) { r.VideoInfoHeader.bmiHeader.biHeight = -480; }, 152, 0,
+      {"one byte short", 2, CHANGE(), 151, 0, STATUS_BUFFER_TOO_SMALL},
+      {"a row not offered", 3, CHANGE(), 152, 0, STATUS_NO_MATCH},
+      {"third stream", 2, CHANGE(), 152, 2, STATUS_NO_MATCH},
+      {"other height", 2, CHANGE(r.VideoInfoHeader.bmiHeader.biHeight = -480), 152, 0,
        STATUS_NO_MATCH},
-      {"caps differ in one byte", 18,
-       [](KS_DATARANGE_VIDEO& r) { r.ConfigCaps.MaxFrameInterval += 1; }, 152, 0, STATUS_NO_MATCH},
-      {"variable sample size", 18, [](KS_DATARANGE_VIDEO& r) { r.bFixedSizeSamples = 0; }, 152, 0,
+      {"caps differ in one byte", 18, CHANGE(r.ConfigCaps.MaxFrameInterval += 1), 152, 0,
        STATUS_NO_MATCH},
-      {"other memory flags", 2, [](KS_DATARANGE_VIDEO& r) { r.MemoryAllocationFlags = 1; }, 152, 0,
+      {"variable sample size", 18, CHANGE(r.bFixedSizeSamples = 0), 152, 0, STATUS_NO_MATCH},
+      {"other memory flags", 2, CHANGE(r.MemoryAllocationFlags = 1), 152, 0, STATUS_NO_MATCH},
+      {"range longer than a record", 2, CHANGE(r.DataRange.FormatSize = 297), 152, 0,
        STATUS_NO_MATCH},
-      {"range longer than a record", 2, [](KS_DATARANGE_VIDEO& r) { r.DataRange.FormatSize = 297; },
-       152, 0, STATUS_NO_MATCH},
       {"bitmap header longer than the range", 2,
-       [](KS_DATARANGE_VIDEO& r) { r.VideoInfoHeader.bmiHeader.biSize = 0xFFFFFFF0; }, 0, 0,
-       STATUS_INVALID_PARAMETER},
-      {"bitmap header too short for its fields", 2,
-       [](KS_DATARANGE_VIDEO& r) { r.VideoInfoHeader.bmiHeader.biSize = 8; }, 200, 0,
-       STATUS_INVALID_PARAMETER},
+       CHANGE(r.VideoInfoHeader.bmiHeader.biSize = 0xFFFFFFF0), 0, 0, STATUS_INVALID_PARAMETER},
+      {"bitmap header too short for its fields", 2, CHANGE(r.VideoInfoHeader.bmiHeader.biSize = 8),
+       200, 0, STATUS_INVALID_PARAMETER},
   };
+#undef CHANGE
   for (const Case& test : cases) {
     SCOPED_TRACE(test.what);
     KS_DATARANGE_VIDEO range = *FormatCatalogue[test.row].DataRange;

@@ -5,12 +5,8 @@
 #include "script/mode_selection.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -30,25 +26,12 @@ class ModeSelection : public ::testing::Test {
   void SetUp() override {
     ResetRegistry();
     camera.Bind();
-    static std::atomic<int> serial{0};
-    folder_ = std::filesystem::temp_directory_path() /
-              ("mr740-modes-" + std::to_string(getpid()) + "-" + std::to_string(serial++));
-    std::filesystem::create_directories(folder_);
-    ASSERT_TRUE(MapDosDrive('C', folder_.string()));
-    clockMode_ = GetKernelClockMode();
-    SetKernelClockMode(KernelClockMode::Virtual);
+    ASSERT_TRUE(drive.mapped);
     SetRegistryString(camera.Key("InitialSetting"), u"Script", u"C:\\modes.txt");
     WriteScript("");
   }
-  void TearDown() override {
-    MapDosDrive('C', "");
-    SetKernelClockMode(clockMode_);
-    std::filesystem::remove_all(folder_);
-    ResetRegistry();
-  }
-  void WriteScript(const std::string& text) {
-    std::ofstream(folder_ / "modes.txt", std::ios::binary) << text;
-  }
+  void TearDown() override { ResetRegistry(); }
+  void WriteScript(const std::string& text) { drive.Write("modes.txt", text); }
   // The sections asked for, in order, from the script engine's log.
   Lines SectionsRun() {
     Lines sections;
@@ -71,8 +54,8 @@ class ModeSelection : public ::testing::Test {
   DeviceContext* c = camera.device.context;
   VendorRecorder host;
   DebugPrintCapture log;
-  std::filesystem::path folder_;
-  KernelClockMode clockMode_ = KernelClockMode::Real;
+  TempDriveC drive{"modes"};
+  VirtualClock clock;
 };
 
 TEST_F(ModeSelection, SectionAndModeKeyFollowFormatSizeQualityAndSpeed) {
@@ -137,11 +120,10 @@ TEST_F(ModeSelection, PairsOutsideTheTableKeepTheOldMode) {
   Select(c, CompressionRGB24, 640, 480, 0);
   ASSERT_STREQ(c->ModeSection, "RGB24\\640_QUALITY");
   const char* before = c->ModeSection;
-  const uint32_t cases[][3] = {
-      {CompressionRGB24, 720, 576}, {CompressionRGB24, 1440, 1152}, {CompressionI420, 1280, 1024},
-      {CompressionI420, 800, 600},  {CompressionI420, 720, 576},    {0x12345678, 640, 480},
-      {0, 640, 480},                {CompressionYUY2, 641, 480},    {CompressionYUY2, 0, 0},
-  };
+  const uint32_t RGB = CompressionRGB24, YUY = CompressionYUY2, I42 = CompressionI420;
+  const uint32_t cases[][3] = {{RGB, 720, 576}, {RGB, 1440, 1152}, {I42, 1280, 1024},
+                               {I42, 800, 600}, {I42, 720, 576},   {0x12345678, 640, 480},
+                               {0, 640, 480},   {YUY, 641, 480},   {YUY, 0, 0}};
   for (const auto& test : cases) {
     SCOPED_TRACE(testing::Message() << std::hex << test[0] << std::dec << " " << test[1]);
     Select(c, test[0], test[1], test[2], 0);
@@ -178,22 +160,20 @@ TEST_F(ModeSelection, SectionsRunInTheirFixedOrder) {
     const char* what;
     uint8_t initFresh, modeCurrent, fullSpeed;
     uint32_t width, height, flicker, light;
-    Lines sections;
+    const char* sections;
     uint8_t initFreshAfter;
   } cases[] = {
       {"preview at high speed", 0, 0, 0, 800, 600, 1, 0,
-       {"INIT", "HS\\INIT", "INIT_PREVIEW", "YUYV\\800_QUALITY", "FLICKER_50HZ", "NORMAL_LIGHT"}, 0},
+       "INIT; HS\\INIT; INIT_PREVIEW; YUYV\\800_QUALITY; FLICKER_50HZ; NORMAL_LIGHT", 0},
       {"capture at full speed", 0, 0, 1, 1024, 768, 2, 1,
-       {"INIT", "FS\\INIT", "INIT_CAPTURE", "YUYV\\1024_QUALITY", "FLICKER_AUTO", "FS\\LOW_LIGHT"},
-       0},
+       "INIT; FS\\INIT; INIT_CAPTURE; YUYV\\1024_QUALITY; FLICKER_AUTO; FS\\LOW_LIGHT", 0},
       {"first capture after start-up", 1, 0, 0, 640, 480, 0, 2,
-       {"INIT_PREVIEW", "YUYV\\640_QUALITY", "FLICKER_60HZ", "BACK_LIGHT"}, 0},
+       "INIT_PREVIEW; YUYV\\640_QUALITY; FLICKER_60HZ; BACK_LIGHT", 0},
       {"back light at full speed, odd flicker", 0, 0, 1, 320, 240, 9, 2,
-       {"INIT", "FS\\INIT", "INIT_PREVIEW", "YUYV\\320_QUALITY", "FLICKER_60HZ", "FS\\BACK_LIGHT"},
+       "INIT; FS\\INIT; INIT_PREVIEW; YUYV\\320_QUALITY; FLICKER_60HZ; FS\\BACK_LIGHT", 0},
+      {"page reload: flicker and light only", 0, 1, 0, 640, 480, 1, 0, "FLICKER_50HZ; NORMAL_LIGHT",
        0},
-      {"page reload: flicker and light only", 0, 1, 0, 640, 480, 1, 0,
-       {"FLICKER_50HZ", "NORMAL_LIGHT"}, 0},
-      {"page reload keeps the fresh INIT", 1, 1, 1, 640, 480, 0, 3, {"FLICKER_60HZ"}, 1},
+      {"page reload keeps the fresh INIT", 1, 1, 1, 640, 480, 0, 3, "FLICKER_60HZ", 1},
   };
   for (const char* size : {"320", "640", "800", "1024"}) {
     camera.Set(std::string("InitialSetting\\YUYV\\") + size, "ControlMethod", 0x0201);
@@ -207,7 +187,7 @@ TEST_F(ModeSelection, SectionsRunInTheirFixedOrder) {
     c->FlickerMode = test.flicker;
     c->LightCondition = test.light;
     EXPECT_EQ(RunModeSections(c), STATUS_SUCCESS);
-    EXPECT_EQ(SectionsRun(), test.sections);
+    EXPECT_EQ(Joined(SectionsRun()), test.sections);
     EXPECT_EQ(c->ModeScriptsCurrent, 0);
     EXPECT_EQ(c->InitScriptsFresh, test.initFreshAfter);
   }

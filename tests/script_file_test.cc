@@ -1,15 +1,11 @@
-// The script file and its commands: sections, the rules of a line, number
-// forms, the scrambled form, paths, the registry's Script value, the
-// checker's observer, the requests and log lines of each command, WAIT's
-// bound and the scope of DEFINE names.
+// The script file and its commands: sections, line rules, numbers, the scrambled
+// form, paths, the Script value, the observer, each command's requests and log
+// lines, WAIT's bound and the scope of DEFINE names.
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -29,39 +25,22 @@ using Lines = std::vector<std::string>;
 
 // The camera and host a run starts from.
 struct Camera {
-  uint32_t revision2 = 0;
-  uint32_t addrLo = 0;
+  uint32_t revision2 = 0, addrLo = 0;
   int32_t readDelay = 0;
   std::map<uint16_t, uint8_t> registers;
   std::deque<uint8_t> reads;
   size_t failNth = 0;  // this request fails
 };
 
-// A camera with a recording host, a virtual clock and drive C mapped onto a
-// fresh temporary folder.
+// A camera with a recording host, a virtual clock and drive C on a fresh folder.
 class ScriptFile : public ::testing::Test {
  protected:
-  void SetUp() override {
-    static std::atomic<int> serial{0};
-    folder_ = std::filesystem::temp_directory_path() /
-              ("mr740-script-" + std::to_string(getpid()) + "-" + std::to_string(serial++));
-    std::filesystem::create_directories(folder_);
-    ASSERT_TRUE(MapDosDrive('C', folder_.string()));
-    clockMode_ = GetKernelClockMode();
-    SetKernelClockMode(KernelClockMode::Virtual);
-    filesOpen_ = OpenPlatformHandles(HandleKind::File);
-    poolBlocks_ = PoolLiveBlocks(PoolTagWdm);
-  }
+  void SetUp() override { ASSERT_TRUE(drive.mapped); }
   void TearDown() override {
     EXPECT_EQ(OpenPlatformHandles(HandleKind::File), filesOpen_) << "a script file left open";
     EXPECT_EQ(PoolLiveBlocks(PoolTagWdm), poolBlocks_) << "a file name left in pool";
-    MapDosDrive('C', "");
-    SetKernelClockMode(clockMode_);
-    std::filesystem::remove_all(folder_);
   }
-  void Write(const std::string& name, const std::string& bytes) {
-    std::ofstream(folder_ / name, std::ios::binary) << bytes;
-  }
+  void Write(const std::string& name, const std::string& bytes) { drive.Write(name, bytes); }
   NTSTATUS Run(const std::string& text, const char* section, const Camera& setup = Camera()) {
     Write("s.txt", text);
     device->IsRevision2Chip = setup.revision2;
@@ -76,18 +55,25 @@ class ScriptFile : public ::testing::Test {
     ResetKernelDelayTotal();
     return ExecuteScriptFile(device.context, u"C:\\s.txt", section);
   }
-  // Runs `body` as section A.
   NTSTATUS RunA(const std::string& body, const Camera& setup = Camera()) {
     return Run("[A]\r\n" + body, "A", setup);
   }
+  // Runs s.txt from an open handle with an observer.
+  NTSTATUS Observe(const char* section, const ScriptObserver* observer, void* self) {
+    HANDLE handle = nullptr;
+    EXPECT_TRUE(OpenHostFileForReading((drive.folder / "s.txt").string(), &handle));
+    const NTSTATUS status = RunScriptFile(device.context, handle, section, observer, self);
+    ZwClose(handle);
+    return status;
+  }
 
+  TempDriveC drive{"script"};
+  VirtualClock clock;
+  uint32_t filesOpen_ = OpenPlatformHandles(HandleKind::File);
+  uint64_t poolBlocks_ = PoolLiveBlocks(PoolTagWdm);
   TestDevice device;
   VendorRecorder host;
   DebugPrintCapture log;
-  std::filesystem::path folder_;
-  KernelClockMode clockMode_ = KernelClockMode::Real;
-  uint32_t filesOpen_ = 0;
-  uint64_t poolBlocks_ = 0;
 };
 
 using ScriptCommands = ScriptFile;
@@ -102,54 +88,54 @@ std::string Body(int count, bool values = false) {
 TEST_F(ScriptFile, SectionsAndLineRulesDecideWhatRuns) {
   const std::string split =
       "WRITE 0 1 1\r\n[A]\r\nWRITE 0 2 2\r\n[B]\r\nWRITE 0 3 3\r\n[A]\r\nWRITE 0 4 4\r\n";
-  const std::string w1 = "1 0001 0001 out", w2 = "1 0002 0002 out";
+  const std::string w1 = "1 0001 0001 out", w2 = "1 0002 0002 out", w12 = w1 + "; " + w2;
+  const std::string header29 = "ABCDEFGHIJKLMNOPQRSTUVWXYZ012", header30 = header29 + "3";
   struct Case {
     const char* name;
     std::string text;
     const char* section;
     NTSTATUS status;
-    Lines requests;
+    std::string requests;
   } const cases[] = {
-      {"run for A", "[A]\r\nWRITE 0 6 32\r\n", "A", STATUS_SUCCESS, {"1 0020 0006 out"}},
-      {"lower-case a finds nothing", "[A]\r\nWRITE 0 6 32\r\n", "a", STATUS_SUCCESS, {}},
-      {"split section runs in file order", split, "A", STATUS_SUCCESS, {w2, "1 0004 0004 out"}},
-      {"lines before the first header", split, "", STATUS_SUCCESS, {w1}},
+      {"lower-case a finds nothing", split, "a", STATUS_SUCCESS, ""},
+      {"split section runs in file order", split, "A", STATUS_SUCCESS, w2 + "; 1 0004 0004 out"},
+      {"lines before the first header", split, "", STATUS_SUCCESS, w1},
       {"null runs every line", split, nullptr, STATUS_SUCCESS,
-       {w1, w2, "1 0003 0003 out", "1 0004 0004 out"}},
+       w12 + "; 1 0003 0003 out; 1 0004 0004 out"},
       {"mixed separators", "[A]\r\n\t WRITE ,\t0 , 1\t2 extra words\r\n", "A", STATUS_SUCCESS,
-       {"1 0002 0001 out"}},
+       "1 0002 0001 out"},
       {"header with blanks and lower case", "  [a] text\r\n\r\n \t\r\nWRITE 0 1 2\r\n", "A",
-       STATUS_SUCCESS, {"1 0002 0001 out"}},
+       STATUS_SUCCESS, "1 0002 0001 out"},
       {"comment in column 1", "[A]\r\n;WRITE 0 1 2\r\nWRITE 0 3 4\r\n", "A", STATUS_SUCCESS,
-       {"1 0004 0003 out"}},
+       "1 0004 0003 out"},
       {"; in column 2 is a command", "[A]\r\nWRITE 0 1 1\r\n ;WRITE 0 3 4\r\nWRITE 0 5 5\r\n", "A",
-       STATUS_INVALID_PARAMETER, {w1}},
+       STATUS_INVALID_PARAMETER, w1},
       {"; in column 2 of another section", "[A]\r\n ;X\r\n[B]\r\nWRITE 0 5 5\r\n", "B",
-       STATUS_SUCCESS, {"1 0005 0005 out"}},
-      {"header of 29 characters", "[ABCDEFGHIJKLMNOPQRSTUVWXYZ012]\r\nWRITE 0 1 1\r\n",
-       "ABCDEFGHIJKLMNOPQRSTUVWXYZ012", STATUS_SUCCESS, {w1}},
-      {"longer header cut to 29", "[ABCDEFGHIJKLMNOPQRSTUVWXYZ0123]\r\nWRITE 0 1 1\r\n",
-       "ABCDEFGHIJKLMNOPQRSTUVWXYZ012", STATUS_SUCCESS, {w1}},
-      {"longer header not under its name", "[ABCDEFGHIJKLMNOPQRSTUVWXYZ0123]\r\nWRITE 0 1 1\r\n",
-       "ABCDEFGHIJKLMNOPQRSTUVWXYZ0123", STATUS_SUCCESS, {}},
+       STATUS_SUCCESS, "1 0005 0005 out"},
+      {"header of 29 characters", "[" + header29 + "]\r\nWRITE 0 1 1\r\n", header29.c_str(),
+       STATUS_SUCCESS, w1},
+      {"longer header cut to 29", "[" + header30 + "]\r\nWRITE 0 1 1\r\n", header29.c_str(),
+       STATUS_SUCCESS, w1},
+      {"longer header not under its name", "[" + header30 + "]\r\nWRITE 0 1 1\r\n",
+       header30.c_str(), STATUS_SUCCESS, ""},
       {"127 characters and the CR", "WRITE 0 1 1" + std::string(116, ' ') + "\r\nWRITE 0 2 2\r\n",
-       nullptr, STATUS_SUCCESS, {w1, w2}},
+       nullptr, STATUS_SUCCESS, w12},
       {"no CR in 128 bytes ends the run",
        "WRITE 0 1 1\r\nWRITE 0 2 2" + std::string(117, ' ') + "\r\nWRITE 0 3 3\r\n", nullptr,
-       STATUS_SUCCESS, {w1}},
-      {"last line without CR", "WRITE 0 1 1\r\nWRITE 0 2 2", nullptr, STATUS_SUCCESS, {w1}},
+       STATUS_SUCCESS, w1},
+      {"last line without CR", "WRITE 0 1 1\r\nWRITE 0 2 2", nullptr, STATUS_SUCCESS, w1},
       {"a zero byte hides the CR",
-       std::string("WRITE 0 1 1\r\nWRITE 0 2 2\0\r\nWRITE 0 3 3\r\n", 38), nullptr,
-       STATUS_SUCCESS, {w1}},
+       std::string("WRITE 0 1 1\r\nWRITE 0 2 2\0\r\nWRITE 0 3 3\r\n", 38), nullptr, STATUS_SUCCESS,
+       w1},
       {"a word of 40 makes 31 and 9", "WRITE 0 " + std::string(38, '0') + "12\r\n", nullptr,
-       STATUS_SUCCESS, {"1 000C 0000 out"}},
+       STATUS_SUCCESS, "1 000C 0000 out"},
       {"unknown keyword", "WRITE 0 1 1\r\nPOKE 0 1 1\r\nWRITE 0 2 2\r\n", nullptr,
-       STATUS_INVALID_PARAMETER, {w1}},
+       STATUS_INVALID_PARAMETER, w1},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(Run(c.text, c.section), c.status);
-    EXPECT_EQ(host.Lines(), c.requests);
+    EXPECT_EQ(Joined(host.Lines()), c.requests);
   }
 }
 
@@ -162,13 +148,15 @@ TEST_F(ScriptFile, NumbersAreDecimalHexadecimalOrNames) {
     defines.ScriptDefines[i].Value = names[i].second;
   }
   const std::tuple<const char*, const ScriptDefineTable*, int32_t, uint32_t> cases[] = {
-      {"010", nullptr, 1, 10},          {"10", nullptr, 1, 10},      {"0AH", nullptr, 1, 10},
-      {"10H", nullptr, 1, 16},          {"0FFH", nullptr, 1, 255},   {"12HXY", nullptr, 1, 0x12},
-      {"4294967295", nullptr, 1, ~0u},  {"4294967296", nullptr, 1, 0},
-      {"1FFFFFFFFH", nullptr, 1, ~0u},  {"0X12", nullptr, 0, 99},    {"1F", nullptr, 0, 99},
-      {"0aH", nullptr, 0, 99},          {"1GH", nullptr, 0, 99},     {"A", &defines, 0, 99},
-      {"AH", nullptr, 0, 99},           {"AH", &defines, 1, 7},      {"GAIN", &defines, 1, 0x40},
-      {"GAI", &defines, 0, 99},
+      {"010", nullptr, 1, 10},         {"10", nullptr, 1, 10},
+      {"0AH", nullptr, 1, 10},         {"10H", nullptr, 1, 16},
+      {"0FFH", nullptr, 1, 255},       {"12HXY", nullptr, 1, 0x12},
+      {"4294967295", nullptr, 1, ~0u}, {"4294967296", nullptr, 1, 0},
+      {"1FFFFFFFFH", nullptr, 1, ~0u}, {"0X12", nullptr, 0, 99},
+      {"1F", nullptr, 0, 99},          {"0aH", nullptr, 0, 99},
+      {"1GH", nullptr, 0, 99},         {"A", &defines, 0, 99},
+      {"AH", nullptr, 0, 99},          {"AH", &defines, 1, 7},
+      {"GAIN", &defines, 1, 0x40},     {"GAI", &defines, 0, 99},
   };
   for (const auto& [word, table, ok, expected] : cases) {
     uint32_t value = 99;
@@ -238,16 +226,16 @@ TEST_F(ScriptFile, ScrambledTwinSendsTheSameRequestsAndLogsNothing) {
 
 TEST_F(ScriptFile, MissingEmptyOrUnreadableFilesGiveTheirDocumentedResult) {
   EXPECT_EQ(ExecuteScriptFile(device.context, u"C:\\none.txt", "INIT"), STATUS_SUCCESS);
-  EXPECT_EQ(std::filesystem::file_size(folder_ / "none.txt"), 0u);  // opened with open-if
+  EXPECT_EQ(std::filesystem::file_size(drive.folder / "none.txt"), 0u);  // opened with open-if
   EXPECT_EQ(ExecuteScriptFile(device.context, u"C:\\nofolder\\x.txt", "INIT"),
             STATUS_OBJECT_PATH_NOT_FOUND);
   // 59 characters are taken, 60 refused before anything happens.
   EXPECT_EQ(ExecuteScriptFile(device.context, (u"C:\\" + std::u16string(56, u'n')).c_str(), "I"),
             STATUS_SUCCESS);
-  EXPECT_TRUE(std::filesystem::exists(folder_ / std::string(56, 'n')));
+  EXPECT_TRUE(std::filesystem::exists(drive.folder / std::string(56, 'n')));
   EXPECT_EQ(ExecuteScriptFile(device.context, (u"C:\\" + std::u16string(57, u'n')).c_str(), "I"),
             STATUS_INVALID_PARAMETER);
-  EXPECT_FALSE(std::filesystem::exists(folder_ / std::string(57, 'n')));
+  EXPECT_FALSE(std::filesystem::exists(drive.folder / std::string(57, 'n')));
   PoolFailAllocation(1);
   EXPECT_EQ(ExecuteScriptFile(device.context, u"C:\\s.txt", "INIT"), STATUS_INSUFFICIENT_RESOURCES);
   PoolFailAllocation(0);
@@ -263,34 +251,30 @@ TEST_F(ScriptFile, MissingEmptyOrUnreadableFilesGiveTheirDocumentedResult) {
 
 TEST_F(ScriptFile, SectionRunFindsTheScriptThroughTheRegistry) {
   ResetRegistry();
-  static uint64_t pdo = 0;
-  auto* object = reinterpret_cast<DEVICE_OBJECT*>(&pdo);
-  const std::u16string deviceKey = u"\\REGISTRY\\MACHINE\\SYSTEM\\MR740TEST\\Camera";
-  ASSERT_TRUE(BindDeviceRegistryKey(object, deviceKey));
-  device->PhysicalDeviceObject = object;
+  BoundDevice camera(0);
+  DeviceContext* c = camera.device.context;
   Write("s.txt", "[A]\r\nWRITE 0 1 1\r\n");
-  WCHAR directory[ScriptValueBytes / 2];
   auto directoryIs = [&](const std::u16string& expected) {
-    GetScriptDirectory(device.context, directory);
+    WCHAR directory[ScriptValueBytes / 2];
+    GetScriptDirectory(c, directory);
     EXPECT_EQ(std::u16string(directory), expected);
   };
-  EXPECT_NE(ExecuteScriptSection(device.context, "A"), STATUS_SUCCESS);  // no Script value
+  EXPECT_NE(ExecuteScriptSection(c, "A"), STATUS_SUCCESS);  // no Script value
   directoryIs(u"");
-  SetRegistryString(deviceKey + u"\\InitialSetting", u"Script", u"");
-  EXPECT_EQ(ExecuteScriptSection(device.context, "A"), STATUS_INVALID_PARAMETER);
+  SetRegistryString(camera.Key("InitialSetting"), u"Script", u"");
+  EXPECT_EQ(ExecuteScriptSection(c, "A"), STATUS_INVALID_PARAMETER);
   EXPECT_TRUE(host.Lines().empty());
-  SetRegistryString(deviceKey + u"\\InitialSetting", u"Script", u"C:\\s.txt");
-  EXPECT_EQ(ExecuteScriptSection(device.context, "A"), STATUS_SUCCESS);
-  EXPECT_EQ(ExecuteScriptSectionForLibrary(device.context, "A"), STATUS_SUCCESS);
+  SetRegistryString(camera.Key("InitialSetting"), u"Script", u"C:\\s.txt");
+  EXPECT_EQ(ExecuteScriptSection(c, "A"), STATUS_SUCCESS);
+  EXPECT_EQ(ExecuteScriptSectionForLibrary(c, "A"), STATUS_SUCCESS);
   EXPECT_EQ(host.Lines(), (Lines{"1 0001 0001 out", "1 0001 0001 out"}));
   directoryIs(u"C:");
   // A named sensor has its own Script value below its name.
-  std::memcpy(device->SensorName, u"OV7660", 14);
-  SetRegistryString(deviceKey + u"\\OV7660\\InitialSetting", u"Script", u"s.txt");
+  std::memcpy(c->SensorName, u"OV7660", 14);
+  SetRegistryString(camera.Key("OV7660\\InitialSetting"), u"Script", u"s.txt");
   directoryIs(u"s.txt");
-  SetRegistryString(deviceKey + u"\\OV7660\\InitialSetting", u"Script", u"C:\\Cam\\Sub\\s.txt");
+  SetRegistryString(camera.Key("OV7660\\InitialSetting"), u"Script", u"C:\\Cam\\Sub\\s.txt");
   directoryIs(u"C:\\Cam\\Sub");
-  UnbindDeviceRegistryKey(object);
   ResetRegistry();
 }
 
@@ -316,21 +300,14 @@ TEST_F(ScriptFile, ObserverHearsHeadersAndFaultsAndMayGoOn) {
       "WRITE 0 2 2\r\n[B]\r\nWRITE 0 3 3\r\n[A]\r\nBEG_CNT_WR 0 10H\r\n1\r\nEND_CNT_WR\r\n"
       "WRITE 0 9\r\nBEG_BLK_W2B 0\r\n35H 1234H\r\n";
   auto at = [&](const char* line) { return uint64_t(text.find(line)); };
-  auto observe = [&](const std::string& file, const char* section, Heard* heard) {
-    Write("s.txt", file);
-    HANDLE handle = nullptr;
-    EXPECT_TRUE(OpenHostFileForReading((folder_ / "s.txt").string(), &handle));
-    NTSTATUS status = RunScriptFile(device.context, handle, section, &HeardObserver, heard);
-    ZwClose(handle);
-    return status;
-  };
+  Write("s.txt", text);
   for (BOOLEAN goOn : {TRUE, FALSE}) {
     SCOPED_TRACE(int(goOn));
     host.Clear();
     host.FailNth(3, STATUS_DEVICE_NOT_CONNECTED);  // the CNT block's burst
     Heard heard;
     heard.goOn = goOn;
-    NTSTATUS status = observe(text, "A", &heard);
+    const NTSTATUS status = Observe("A", &HeardObserver, &heard);
     if (!goOn) {
       EXPECT_EQ(status, STATUS_INVALID_PARAMETER);
       EXPECT_EQ(host.Lines(), Lines{"1 0001 0001 out"});
@@ -352,7 +329,8 @@ TEST_F(ScriptFile, ObserverHearsHeadersAndFaultsAndMayGoOn) {
   // A line without CR is told, and the run still ends as a success.
   Heard heard;
   heard.goOn = FALSE;
-  EXPECT_EQ(observe("WRITE 0 1 1\r\nWRITE 0 2 2", nullptr, &heard), STATUS_SUCCESS);
+  Write("s.txt", "WRITE 0 1 1\r\nWRITE 0 2 2");
+  EXPECT_EQ(Observe(nullptr, &HeardObserver, &heard), STATUS_SUCCESS);
   ASSERT_EQ(heard.faults.size(), 1u);
   EXPECT_EQ(std::get<0>(heard.faults[0]), 13u);
   EXPECT_EQ(std::get<1>(heard.faults[0]), ScriptFaultLineWithoutCr);
@@ -365,7 +343,8 @@ TEST_F(ScriptCommands, EachCommandSendsItsRequests) {
       pair{.registers = {{0x6001, 0x12}, {0x6002, 0x34}}}, lo{.addrLo = 0xF0},
       slowBus{.readDelay = 5000, .reads = {0x00, 0x80}}, third{.failNth = 3};
   const NTSTATUS ok = STATUS_SUCCESS, bad = STATUS_INVALID_PARAMETER;
-  const std::string read1 = "2 6000 0001 in 1", read2 = "2 6000 0002 in 1";
+  const std::string read12 = "2 6000 0001 in 1; 2 6000 0002 in 1; ", w1 = "1 0001 0001 out";
+  const std::string twoStep = "1 6000 8012 out; 2 6000 8012 in 1";
   std::string pairs32;  // the bytes of Body(32): register i, data 1
   for (int i = 0; i < 32; ++i) {
     char text[8];
@@ -377,109 +356,103 @@ TEST_F(ScriptCommands, EachCommandSendsItsRequests) {
     std::string body;
     const Camera& setup;
     NTSTATUS status;
-    Lines requests;
+    std::string requests;
     int64_t delay;
   } const cases[] = {
-      {"write", "WRITE 0 6 32\r\n", plain, ok, {"1 0020 0006 out"}, 0},
-      {"write's low byte", "WRITE 60H 12H 1FFH\r\n", plain, ok, {"1 60FF 0012 out"}, 0},
-      {"bits_op", "BITS_OP 0 7 10H 30H\r\n", ab, ok, {"2 0000 0007 in 1", "1 009B 0007 out"}, 0},
-      {"bits_op mask 0", "BITS_OP 0 7 1 0\r\n", ab, ok, {"2 0000 0007 in 1", "1 00AB 0007 out"}, 0},
+      {"write's low byte", "WRITE 60H 12H 1FFH\r\n", plain, ok, "1 60FF 0012 out", 0},
+      {"bits_op", "BITS_OP 0 7 10H 30H\r\n", ab, ok, "2 0000 0007 in 1; 1 009B 0007 out", 0},
+      {"bits_op mask 0", "BITS_OP 0 7 1 0\r\n", ab, ok, "2 0000 0007 in 1; 1 00AB 0007 out", 0},
       {"bits_op_16 seq 0", "BITS_OP_16 60H 1 2 0 0 0\r\n", pair, ok,
-       {read1, read2, "1 6012 0001 out", "1 6034 0002 out"}, 0},
+       read12 + "1 6012 0001 out; 1 6034 0002 out", 0},
       // 0x1234 -> 0x0100 | 0x0034; read the other way 0x3412 -> 0x0100 | 0x0012.
       {"bits_op_16 seq 0 merged", "BITS_OP_16 60H 1 2 100H 0FF00H 0\r\n", pair, ok,
-       {read1, read2, "1 6001 0001 out", "1 6034 0002 out"}, 0},
+       read12 + "1 6001 0001 out; 1 6034 0002 out", 0},
       {"bits_op_16 seq 1 merged", "BITS_OP_16 60H 1 2 100H 0FF00H 1\r\n", pair, ok,
-       {read1, read2, "1 6012 0001 out", "1 6001 0002 out"}, 0},
-      {"bits_op_16 seq 2", "BITS_OP_16 60H 1 2 0 0 2\r\n", pair, bad, {read1}, 0},
-      {"write2b", "WRITE2B 7AH 35H 1234H\r\n", lo, ok, {"3 7A00 0200 out [35 12 F0 34]"}, 0},
+       read12 + "1 6012 0001 out; 1 6001 0002 out", 0},
+      {"bits_op_16 seq 2", "BITS_OP_16 60H 1 2 0 0 2\r\n", pair, bad, "2 6000 0001 in 1", 0},
+      {"write2b", "WRITE2B 7AH 35H 1234H\r\n", lo, ok, "3 7A00 0200 out [35 12 F0 34]", 0},
       {"writeex revision 2", "WRITEEX 78H 338CH 0A511H\r\n", rev2, ok,
-       {"3 7800 0500 out [33 8C A5 11]"}, 0},
-      {"writeex", "WRITEEX 78H 338CH 0A511H\r\n", plain, ok, {"3 7800 0033 out [8C A5 11]"}, 0},
-      {"write2a", "WRITE2A 78H 1234H 56H\r\n", plain, ok, {"3 7800 0012 out [34 56]"}, 0},
+       "3 7800 0500 out [33 8C A5 11]", 0},
+      {"writeex", "WRITEEX 78H 338CH 0A511H\r\n", plain, ok, "3 7800 0033 out [8C A5 11]", 0},
+      {"write2a", "WRITE2A 78H 1234H 56H\r\n", plain, ok, "3 7800 0012 out [34 56]", 0},
       {"block of three and a blank line", "BEG_BLK_WR 0\r\n1 2\r\n\r\n3,4\r\n5 6\r\nEND_BLK_WR\r\n",
-       plain, ok, {"3 0000 0200 out [01 02 03 04 05 06]"}, 0},
-      {"empty block", "beg_blk_wr 0\r\nend_blk_wr\r\n", plain, ok, {"3 0000 0200 out []"}, 0},
+       plain, ok, "3 0000 0200 out [01 02 03 04 05 06]", 0},
+      {"empty block", "beg_blk_wr 0\r\nend_blk_wr\r\n", plain, ok, "3 0000 0200 out []", 0},
       {"block of 32 pairs", "BEG_BLK_WR 0\r\n" + Body(32) + "END_BLK_WR\r\n", plain, ok,
-       {"3 0000 0200 out [" + pairs32 + "]"}, 0},
-      {"33 pairs", "BEG_BLK_WR 0\r\n" + Body(33) + "END_BLK_WR\r\n", plain, bad, {}, 0},
+       "3 0000 0200 out [" + pairs32 + "]", 0},
+      {"33 pairs", "BEG_BLK_WR 0\r\n" + Body(33) + "END_BLK_WR\r\n", plain, bad, "", 0},
       {"block_w2b", "BEG_BLK_W2B 7AH\r\n35H 1234H\r\n36H,0ABCDH\r\nEND_BLK_W2B\r\n", lo, ok,
-       {"3 7A00 0200 out [35 12 F0 34 36 AB F0 CD]"}, 0},
-      {"17 block_w2b lines", "BEG_BLK_W2B 0\r\n" + Body(17) + "END_BLK_W2B\r\n", plain, bad, {}, 0},
+       "3 7A00 0200 out [35 12 F0 34 36 AB F0 CD]", 0},
+      {"17 block_w2b lines", "BEG_BLK_W2B 0\r\n" + Body(17) + "END_BLK_W2B\r\n", plain, bad, "", 0},
       {"continuous", "BEG_CNT_WR 60H 10H\r\n1\r\n0FFH extra\r\n12H,34H\r\nend_cnt_wr\r\n", plain,
-       ok, {"3 6000 0010 out [01 FF 12]"}, 0},
-      {"continuous comma", "BEG_CNT_WR 60H 10H\r\n1,2\r\nEND_CNT_WR\r\n", plain, bad, {}, 0},
+       ok, "3 6000 0010 out [01 FF 12]", 0},
+      {"continuous comma", "BEG_CNT_WR 60H 10H\r\n1,2\r\nEND_CNT_WR\r\n", plain, bad, "", 0},
       {"33 continuous bytes", "BEG_CNT_WR 0 0\r\n" + Body(33, true) + "END_CNT_WR\r\n", plain, bad,
-       {}, 0},
-      {"file ends in a block", "WRITE 0 1 1\r\nBEG_BLK_WR 0\r\n1 2\r\n", plain, bad,
-       {"1 0001 0001 out"}, 0},
-      {"no comment in a body", "BEG_BLK_WR 0\r\n;1 2\r\nEND_BLK_WR\r\n", plain, bad, {}, 0},
-      {"no header in a body", "BEG_BLK_WR 0\r\n[A]\r\nEND_BLK_WR\r\n", plain, bad, {}, 0},
-      {"delay", "DELAY 10000\r\n", plain, ok, {}, 10000},
-      {"delay 0", "DELAY 0\r\nWRITE 0 1 1\r\n", plain, ok, {"1 0001 0001 out"}, 0},
-      {"wait mask 0", "WAIT 0 4 0 0 10000\r\n", plain, ok, {"2 0000 0004 in 1"}, 10000},
-      {"wait two-step", "WAIT 60H 12H 80H 80H 100\r\n", slowBus, ok,
-       {"1 6000 8012 out", "2 6000 8012 in 1", "1 6000 8012 out", "2 6000 8012 in 1"},
+       "", 0},
+      {"file ends in a block", "WRITE 0 1 1\r\nBEG_BLK_WR 0\r\n1 2\r\n", plain, bad, w1, 0},
+      {"no comment in a body", "BEG_BLK_WR 0\r\n;1 2\r\nEND_BLK_WR\r\n", plain, bad, "", 0},
+      {"no header in a body", "BEG_BLK_WR 0\r\n[A]\r\nEND_BLK_WR\r\n", plain, bad, "", 0},
+      {"delay", "DELAY 10000\r\n", plain, ok, "", 10000},
+      {"delay 0", "DELAY 0\r\nWRITE 0 1 1\r\n", plain, ok, w1, 0},
+      {"wait mask 0", "WAIT 0 4 0 0 10000\r\n", plain, ok, "2 0000 0004 in 1", 10000},
+      {"wait two-step", "WAIT 60H 12H 80H 80H 100\r\n", slowBus, ok, twoStep + "; " + twoStep,
        2 * (5000 + 100)},
-      {"bits_op two-step", "BITS_OP 60H 12H 1 0\r\n", slowBus, ok,
-       {"1 6000 8012 out", "2 6000 8012 in 1", "1 6001 0012 out"}, 5000},
-      {"define", "DEFINE GAIN 40H\r\nWRITE 60H 12H GAIN\r\n", plain, ok, {"1 6040 0012 out"}, 0},
-      {"first define stays", "DEFINE G 1\r\nDEFINE G 2\r\nWRITE 0 1 G\r\n", plain, ok,
-       {"1 0001 0001 out"}, 0},
+      {"bits_op two-step", "BITS_OP 60H 12H 1 0\r\n", slowBus, ok, twoStep + "; 1 6001 0012 out",
+       5000},
+      {"define", "DEFINE GAIN 40H\r\nWRITE 60H 12H GAIN\r\n", plain, ok, "1 6040 0012 out", 0},
+      {"first define stays", "DEFINE G 1\r\nDEFINE G 2\r\nWRITE 0 1 G\r\n", plain, ok, w1, 0},
       {"define from a define", "DEFINE C 5\r\nDEFINE D C\r\nWRITE 0 D C\r\n", plain, ok,
-       {"1 0005 0005 out"}, 0},
-      {"define of itself", "DEFINE E E\r\nWRITE 0 1 1\r\n", plain, bad, {}, 0},
+       "1 0005 0005 out", 0},
+      {"define of itself", "DEFINE E E\r\nWRITE 0 1 1\r\n", plain, bad, "", 0},
       {"malformed define not counted", "WRITE 0 1 1\r\nDEFINE X 0Z\r\nWRITE 0 1 X\r\n", plain, bad,
-       {"1 0001 0001 out"}, 0},
-      {"malformed operand", "WRITE 0 1 0X12\r\n", plain, bad, {}, 0},
-      {"too few words", "BITS_OP_16 0 1 2 3 4\r\n", plain, bad, {}, 0},
-      {"failed request ends the run", "WRITE 0 1 1\r\nWRITE 0 2 2\r\nWRITE 0 3 3\r\nWRITE 0 4 4\r\n",
-       third, bad, {"1 0001 0001 out", "1 0002 0002 out", "1 0003 0003 out"}, 0},
+       w1, 0},
+      {"malformed operand", "WRITE 0 1 0X12\r\n", plain, bad, "", 0},
+      {"too few words", "BITS_OP_16 0 1 2 3 4\r\n", plain, bad, "", 0},
+      {"failed request ends the run",
+       "WRITE 0 1 1\r\nWRITE 0 2 2\r\nWRITE 0 3 3\r\nWRITE 0 4 4\r\n", third, bad,
+       w1 + "; 1 0002 0002 out; 1 0003 0003 out", 0},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(RunA(c.body, c.setup), c.status);
-    EXPECT_EQ(host.Lines(), c.requests);
+    EXPECT_EQ(Joined(host.Lines()), c.requests);
     EXPECT_EQ(KernelDelayTotal(), c.delay);
   }
 }
 
 TEST_F(ScriptCommands, LogLinesAreVerbatim) {
   const Camera plain, rev2{.revision2 = 1}, lo{.addrLo = 0xF0}, failing{.failNth = 1};
-  struct Case { std::string body; const Camera& setup; Lines log; } const cases[] = {
-      {"WRITE 60H 12H 0ABH\r\n", plain, {"WRITE I2CADDR = 60 REGADDR = 12 DATA = ab\n"}},
-      {"DELAY 10000\r\n", plain, {"DELAY -10000\n"}},
+  struct Case {
+    std::string body;
+    const Camera& setup;
+    std::string log;  // the lines after "Execute [A]", one after another
+  } const cases[] = {
+      {"WRITE 60H 12H 0ABH\r\n", plain, "WRITE I2CADDR = 60 REGADDR = 12 DATA = ab\n"},
+      {"DELAY 10000\r\n", plain, "DELAY -10000\n"},
       {"WAIT 0 4 0 0 100\r\n", plain,
-       {"WAIT I2CADDR = 00 REGADDR = 04 DATA = 00 MASK = 00 INTERVAL = -100\n"}},
+       "WAIT I2CADDR = 00 REGADDR = 04 DATA = 00 MASK = 00 INTERVAL = -100\n"},
       {"BEG_BLK_WR 60H\r\n1 2\r\n0AH 0BH\r\nEND_BLK_WR\r\n", plain,
-       {"BLOCK_WRITE I2CADDR = 60\n", "\tRegAddr = 01 Data = 02\n", "\tRegAddr = 0a Data = 0b\n"}},
+       "BLOCK_WRITE I2CADDR = 60\n\tRegAddr = 01 Data = 02\n\tRegAddr = 0a Data = 0b\n"},
       {"BEG_BLK_W2B 7AH\r\n35H 1234H\r\nEND_BLK_W2B\r\n", lo,
-       {"BLOCK_WRITE2B I2CADDR = 7a\n", " BLKW2B : 0x35, 0x1234\n"}},
-      {"BITS_OP 0 7 10H 30H\r\n", plain, {"BITS_OP I2CADDR = 00 REGADDR = 07 DATA = 10 MASK = 30\n"}},
+       "BLOCK_WRITE2B I2CADDR = 7a\n BLKW2B : 0x35, 0x1234\n"},
+      {"BITS_OP 0 7 10H 30H\r\n", plain, "BITS_OP I2CADDR = 00 REGADDR = 07 DATA = 10 MASK = 30\n"},
       {"BITS_OP_16 60H 1 2 0 0FF00H 1\r\n", plain,
-       {"BITS_OP_16 I2CADDR = 60 REGADDR1 = 01 REGADDR2 = 02 DATA = 00 MASK = ff00 SEQ = 01\n"}},
+       "BITS_OP_16 I2CADDR = 60 REGADDR1 = 01 REGADDR2 = 02 DATA = 00 MASK = ff00 SEQ = 01\n"},
       {"BEG_CNT_WR 60H 10H\r\n1\r\nEND_CNT_WR\r\n", plain,
-       {"CONTINUOUS_WRITE I2CADDR = 60 REGADDR = 10\n", "\tData = 01\n"}},
-      {"WRITEEX 78H 338CH 0A511H\r\n", rev2, {"WRITEEX 0x78,[0x338c,0xa511]\n"}},
-      {"WRITE2B 7AH 35H 1234H\r\n", lo, {"WRITE2B 0x7a, [0x35,0x12] [0xf0,0x34]\n"}},
-      {"WRITE2A 78H 1234H 56H\r\n", failing, {"WRITE2A 0x78,(0x12,0x34),0x56\n"}},
-      {"DEFINE A 1\r\n", plain, {}},
+       "CONTINUOUS_WRITE I2CADDR = 60 REGADDR = 10\n\tData = 01\n"},
+      {"WRITEEX 78H 338CH 0A511H\r\n", rev2, "WRITEEX 0x78,[0x338c,0xa511]\n"},
+      {"WRITE2B 7AH 35H 1234H\r\n", lo, "WRITE2B 0x7a, [0x35,0x12] [0xf0,0x34]\n"},
+      {"WRITE2A 78H 1234H 56H\r\n", failing, "WRITE2A 0x78,(0x12,0x34),0x56\n"},
+      {"DEFINE A 1\r\n", plain, ""},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.body);
     RunA(c.body, c.setup);
-    Lines expected = {"Execute [A]\n"};
-    expected.insert(expected.end(), c.log.begin(), c.log.end());
-    EXPECT_EQ(log.Lines(), expected);
+    EXPECT_EQ(Joined(log.Lines(), ""), "Execute [A]\n" + c.log);
   }
 }
 
 TEST_F(ScriptCommands, FailedLinesNameTheirFault) {
-  static const ScriptObserver observer = {
-      nullptr, [](void* self, uint64_t, ScriptFault why, const char*) -> BOOLEAN {
-        *static_cast<ScriptFault*>(self) = why;
-        return FALSE;
-      }};
   const std::pair<std::string, ScriptFault> cases[] = {
       {"POKE 1\r\n", ScriptFaultUnknownKeyword},
       {"WRITE 0 1\r\n", ScriptFaultTooFewWords},
@@ -497,13 +470,11 @@ TEST_F(ScriptCommands, FailedLinesNameTheirFault) {
     Write("s.txt", "[A]\r\n" + body);
     host.Clear();
     if (expected == ScriptFaultRequestFailed) host.FailNth(1, STATUS_DEVICE_NOT_CONNECTED);
-    ScriptFault fault = ScriptFaultNone;
-    HANDLE handle = nullptr;
-    ASSERT_TRUE(OpenHostFileForReading((folder_ / "s.txt").string(), &handle));
-    EXPECT_EQ(RunScriptFile(device.context, handle, "A", &observer, &fault),
-              STATUS_INVALID_PARAMETER);
-    ZwClose(handle);
-    EXPECT_EQ(fault, expected);
+    Heard heard;
+    heard.goOn = FALSE;
+    EXPECT_EQ(Observe("A", &HeardObserver, &heard), STATUS_INVALID_PARAMETER);
+    ASSERT_EQ(heard.faults.size(), 1u);
+    EXPECT_EQ(std::get<1>(heard.faults[0]), expected);
   }
 }
 
@@ -529,7 +500,8 @@ TEST_F(ScriptCommands, DefinesLastForOneRunOfOneSection) {
   EXPECT_EQ(RunA("WRITE 0 1 G\r\n"), STATUS_INVALID_PARAMETER);  // the next run knows no G
   // A full table ignores the 257th name, and its uses fail.
   std::string body;
-  for (int i = 0; i < 256; ++i) body += "DEFINE N" + std::to_string(i) + " " + std::to_string(i) + "\r\n";
+  for (int i = 0; i < 256; ++i)
+    body += "DEFINE N" + std::to_string(i) + " " + std::to_string(i) + "\r\n";
   body += "DEFINE LATE 1\r\nWRITE 0 1 N255\r\nWRITE 0 2 LATE\r\n";
   EXPECT_EQ(RunA(body), STATUS_INVALID_PARAMETER);
   EXPECT_EQ(host.Lines(), Lines{"1 00FF 0001 out"});

@@ -5,13 +5,12 @@
 #include "script/sensor_detection.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstring>
-#include <map>
 #include <filesystem>
+#include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -29,9 +28,10 @@ using Lines = std::vector<std::string>;
 
 // The wire of the probing state, with what register 4 gave for register 0.
 Lines ProbingLines(const char* registerZero) {
-  return {"2 0000 0004 in 1", std::string("1 00") + registerZero + " 0000 out", "1 0010 0010 out",
-          "1 0008 00C0 out",  "1 0001 00C1 out", "1 0001 00C2 out", "1 0020 0006 out",
-          "1 006A 000D out"};
+  return {"2 0000 0004 in 1", std::string("1 00") + registerZero + " 0000 out",
+          "1 0010 0010 out",  "1 0008 00C0 out",
+          "1 0001 00C1 out",  "1 0001 00C2 out",
+          "1 0020 0006 out",  "1 006A 000D out"};
 }
 
 constexpr int64_t ProbeSettle = 500000;  // 50 ms
@@ -41,28 +41,26 @@ class SensorDetection : public ::testing::Test {
   void SetUp() override {
     ResetRegistry();
     camera.Bind();
-    clockMode_ = GetKernelClockMode();
-    SetKernelClockMode(KernelClockMode::Virtual);
     ResetKernelDelayTotal();
   }
-  void TearDown() override {
-    SetKernelClockMode(clockMode_);
-    ResetRegistry();
+  void TearDown() override { ResetRegistry(); }
+  // A list of address and data pairs below `key`, with its length in `countName`.
+  using Pairs = std::vector<std::pair<uint32_t, uint32_t>>;
+  void SetList(const std::string& key, const char* countName, const Pairs& list) {
+    camera.Set(key, countName, uint32_t(list.size()));
+    for (size_t i = 0; i < list.size(); ++i) {
+      char entry[64];
+      std::snprintf(entry, sizeof entry, "%s\\%02zx", key.c_str(), i);
+      camera.Set(entry, "Address", list[i].first);
+      camera.Set(entry, "Data", list[i].second);
+    }
   }
   // A candidate: Sensor<index> with its name, bus address and identification.
-  void AddCandidate(uint32_t index, const char* name, uint32_t bus,
-                    const std::vector<std::pair<uint32_t, uint32_t>>& ids) {
-    char key[32];
-    std::snprintf(key, sizeof key, "SensorDetect\\Sensor%02x", index);
+  void AddCandidate(uint32_t index, const char* name, uint32_t bus, const Pairs& ids) {
+    const std::string key = "SensorDetect\\Sensor0" + std::to_string(index);
     SetRegistryString(camera.Key(key), u"SensorName", U16(name));
     camera.Set(key, "I2CAddr", bus);
-    camera.Set(key, "IDLength", uint32_t(ids.size()));
-    for (size_t i = 0; i < ids.size(); ++i) {
-      char entry[64];
-      std::snprintf(entry, sizeof entry, "%s\\%02zx", key, i);
-      camera.Set(entry, "Address", ids[i].first);
-      camera.Set(entry, "Data", ids[i].second);
-    }
+    SetList(key, "IDLength", ids);
   }
   std::string SensorName() {
     std::u16string name(c->SensorName, c->SensorName + SensorNameChars);
@@ -77,7 +75,7 @@ class SensorDetection : public ::testing::Test {
   DeviceContext* c = camera.device.context;
   VendorRecorder host;
   DebugPrintCapture log;
-  KernelClockMode clockMode_ = KernelClockMode::Real;
+  VirtualClock clock;
 };
 
 TEST_F(SensorDetection, BusSpeedComesFromRegisterFourAndForceHighSpeedRestartsAFullSpeedDevice) {
@@ -133,14 +131,8 @@ TEST_F(SensorDetection, FallbackCandidateIsTakenAfterFourAttemptsOfTheFirst) {
   const std::string first = "SensorDetect\\Sensor00";
   camera.Set(first, "InitDelay", 12345);
   camera.Set(first, "ReadDelay", 5000);
-  camera.Set(first + "\\InitMR740", "NumOfReg", 2);
-  camera.Set(first + "\\InitMR740\\00", "Address", 0x55);
-  camera.Set(first + "\\InitMR740\\00", "Data", 0x12);
-  camera.Set(first + "\\InitMR740\\01", "Address", 0x156);  // low byte used
-  camera.Set(first + "\\InitMR740\\01", "Data", 0x1FE);
-  camera.Set(first + "\\PageSelect", "PageSelectLen", 1);
-  camera.Set(first + "\\PageSelect\\00", "Address", 0xFF);
-  camera.Set(first + "\\PageSelect\\00", "Data", 0x01);
+  SetList(first + "\\InitMR740", "NumOfReg", {{0x55, 0x12}, {0x156, 0x1FE}});  // low bytes used
+  SetList(first + "\\PageSelect", "PageSelectLen", {{0xFF, 0x01}});
   AddCandidate(1, "FALLBACK", 0x42, {});
   camera.Set("SensorDetect\\Sensor01", "ReadDelay", 7000);
   host.registers[0x300A] = 0x98;
@@ -167,7 +159,7 @@ TEST_F(SensorDetection, IdentificationComparesTheByteReadWithAllOfData) {
   struct Case {
     std::vector<std::pair<uint32_t, uint32_t>> ids;
     std::map<uint16_t, uint8_t> answers;  // bus 0x21 registers
-    size_t reads;  // identification reads on the wire; 4 attempts fail
+    size_t reads;                         // identification reads on the wire; 4 attempts fail
     bool found;
   } cases[] = {
       {{{0x0A, 0x76}, {0x0B, 0x73}}, {{0x210A, 0x76}, {0x210B, 0x73}}, 2, true},
@@ -227,10 +219,9 @@ TEST_F(SensorDetection, AnUnpluggedDeviceEndsDetectionAtOnce) {
 }
 
 TEST_F(SensorDetection, ImageLibrariesStartWithTheSensorsSettings) {
-  const std::filesystem::path folder =
-      std::filesystem::temp_directory_path() / ("mr740-libs-" + std::to_string(getpid()));
-  std::filesystem::create_directories(folder / "Cameras");
-  ASSERT_TRUE(MapDosDrive('C', folder.string()));
+  auto drive = std::make_unique<TempDriveC>("libs");
+  std::filesystem::create_directories(drive->folder / "Cameras");
+  ASSERT_TRUE(drive->mapped);
   std::memcpy(c->SensorName, u"OV7670", 14);
   SetRegistryString(camera.Key("OV7670\\InitialSetting"), u"Script", u"C:\\Cameras\\OV7670.txt");
   camera.Set("OV7670\\PropertySetting", "ISPType", 0x00020001);
@@ -250,8 +241,7 @@ TEST_F(SensorDetection, ImageLibrariesStartWithTheSensorsSettings) {
   SPEF_Exit(c->SpefHandle);
   ExFreePool(c->WorkBuffer);
   c->WorkBuffer = nullptr;
-  MapDosDrive('C', "");
-  std::filesystem::remove_all(folder);
+  drive.reset();
 
   // No work buffer, no start.
   PoolFailAllocation(1);
@@ -280,11 +270,13 @@ TEST_F(SensorDetection, FormatListOffersTheHighestRankFirstAndTableOrderWithinAR
   } cases[] = {
       {"40 before 1", {{"RGB24\\640", 40}, {"RGB24\\1280C", 1}}, {2, 5}},
       {"1 then 40 in the table", {{"RGB24\\1280A", 1}, {"RGB24\\640", 40}}, {2, 7}},
-      {"equal ranks keep table order", {{"YUYV\\1024", 5}, {"RGB24\\320", 5}, {"I420\\176", 5}},
+      {"equal ranks keep table order",
+       {{"YUYV\\1024", 5}, {"RGB24\\320", 5}, {"I420\\176", 5}},
        {1, 20, 38}},
       {"0 and above 40 hide", {{"RGB24\\160", 41}, {"YUYV\\720", 0}, {"I420\\352", 2}}, {39}},
       {"none enabled", {}, {}},
-      {"every rank", {{"YUYV\\720", 40}, {"YUYV\\1440", 39}, {"I420\\160", 3}, {"RGB24\\484", 3}},
+      {"every rank",
+       {{"YUYV\\720", 40}, {"YUYV\\1440", 39}, {"I420\\160", 3}, {"RGB24\\484", 3}},
        {33, 32, 15, 34}},
   };
   for (const Case& test : cases) {

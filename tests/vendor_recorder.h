@@ -1,16 +1,20 @@
-// A fake capture host that records every vendor request the driver sends and
-// answers reads from a register file, for the tests of controller access and
-// scripts. Install one VendorRecorder per test; it uninstalls itself.
-//
+// For the tests of controller access and scripts: a fake capture host that
+// records every vendor request and answers reads from a register file (one per
+// test; it uninstalls itself), virtual kernel time, and drive C on a fresh folder.
 // Each request is described as a line "R VVVV IIII dir data", for example
 // "1 60AB 0012 out" (no data stage), "3 7A00 0200 out [35 12 F0 34]" or
 // "2 6000 8012 in 1" (a one-byte data stage towards the host).
 #pragma once
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <deque>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <memory>
@@ -20,7 +24,44 @@
 
 #include "core/host_contract.h"
 #include "host/control_only_host.h"
+#include "platform/files_control.h"
 #include "platform/kernel.h"
+#include "platform/kernel_control.h"
+
+// Request or log lines as one text.
+inline std::string Joined(const std::vector<std::string>& lines,
+                          const std::string& between = "; ") {
+  std::string text;
+  for (size_t i = 0; i < lines.size(); ++i) text += (i ? between : "") + lines[i];
+  return text;
+}
+
+// Virtual kernel time while it lives; the mode before it afterwards.
+struct VirtualClock {
+  KernelClockMode saved = GetKernelClockMode();
+  VirtualClock() { SetKernelClockMode(KernelClockMode::Virtual); }
+  ~VirtualClock() { SetKernelClockMode(saved); }
+};
+
+// Drive C mapped onto a fresh temporary folder while it lives.
+struct TempDriveC {
+  std::filesystem::path folder;
+  explicit TempDriveC(const std::string& tag) {
+    static std::atomic<int> serial{0};
+    folder = std::filesystem::temp_directory_path() /
+             ("mr740-" + tag + "-" + std::to_string(getpid()) + "-" + std::to_string(serial++));
+    std::filesystem::create_directories(folder);
+    mapped = MapDosDrive('C', folder.string());
+  }
+  ~TempDriveC() {
+    MapDosDrive('C', "");
+    std::filesystem::remove_all(folder);
+  }
+  void Write(const std::string& name, const std::string& bytes) const {
+    std::ofstream(folder / name, std::ios::binary) << bytes;
+  }
+  bool mapped = false;
+};
 
 struct VendorCall {
   uint8_t request = 0;
