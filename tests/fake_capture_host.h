@@ -1,11 +1,7 @@
-// A capture host for the tests of configuration, the capture lifecycle and
-// packet dispatch: it records every call the driver makes into it as a line
-// of text, gives back one DeviceContext for every packet, parses
-// configuration descriptors as the bus driver does, selects alternate
-// settings (filling in the first pipe's packet size), answers the interface
-// query, and sends vendor requests to an emulated camera when one is given
-// (else answers them with `vendorStatus`). Install one per test; it runs the
-// kernel layer on the virtual clock and restores everything when it goes.
+// A capture host that logs every call the driver makes into it as a line of
+// text, parses descriptors as the bus driver does, selects alternate settings,
+// answers the interface query and sends vendor requests to an emulated camera
+// if given. One per test; runs the kernel on the virtual clock while it lives.
 #pragma once
 
 #include <algorithm>
@@ -40,26 +36,20 @@ class FakeCaptureHost {
   FakeCaptureHost(const FakeCaptureHost&) = delete;
   FakeCaptureHost& operator=(const FakeCaptureHost&) = delete;
 
-  // ------------------------------------------------ what the host answers
   DeviceContext* context = nullptr;
-  // Vendor requests go here when set.
-  EmulatedCamera* camera = nullptr;
-  // Otherwise, or before the camera: the status of a vendor request; null
-  // answers STATUS_SUCCESS. Runs on the caller's thread without the lock.
+  EmulatedCamera* camera = nullptr;  // vendor requests go here when set
+  // Checked before the camera (null: STATUS_SUCCESS); on the caller's thread.
   std::function<NTSTATUS(uint8_t request, uint16_t value)> vendorStatus;
-  // Status of SelectAlternateInterface; packet size of each setting's pipe.
   NTSTATUS selectStatus = STATUS_SUCCESS;
-  std::map<uint8_t, uint16_t> packetSize;
-  // The interface query: whether the host offers its interface, and whether
-  // the request completes later (the driver must wait on its event).
-  bool offerInterface = true;
-  bool queryPending = false;
+  std::map<uint8_t, uint16_t> packetSize;  // of each setting's first pipe
+  // The interface query: offered, and completed later on another thread.
+  bool offerInterface = true, queryPending = false;
   USBCAMD_INTERFACE offered = {};
   IRP lastQuery = {};
   // Run when the host finishes a packet itself, before it returns.
   std::function<void(PHW_STREAM_REQUEST_BLOCK)> onHostedPacket;
 
-  // ------------------------------------------------ what the driver did
+  // What the driver did.
   void* entryDriverObject = nullptr;
   PHW_RECEIVE_DEVICE_SRB entryReceive = nullptr;
   const USBCAMD_DEVICE_DATA2* newInterfaceTable = nullptr;
@@ -73,16 +63,14 @@ class FakeCaptureHost {
     log_.clear();
   }
   size_t Count(const std::string& line) {
-    std::vector<std::string> log = Log();
+    const std::vector<std::string> log = Log();
     return size_t(std::count(log.begin(), log.end(), line));
   }
   // Index of the first line equal to `line` from `from` on, or -1.
   int Find(const std::string& line, size_t from = 0) {
     std::vector<std::string> log = Log();
-    for (size_t i = from; i < log.size(); ++i) {
-      if (log[i] == line) return int(i);
-    }
-    return -1;
+    auto at = std::find(log.begin() + std::min(from, log.size()), log.end(), line);
+    return at == log.end() ? -1 : int(at - log.begin());
   }
 
   // Waits (yielding, in real time, at most 20 s) until `done` holds.
@@ -139,13 +127,13 @@ class FakeCaptureHost {
       Record("newinterface " + Hex(version, 3) + " " + std::to_string(flags));
       return STATUS_SUCCESS;
     };
-    calls.ControlVendorCommand = [](DeviceContext*, uint8_t request, uint16_t value,
-                                    uint16_t index, void* buffer, uint32_t* length,
-                                    BOOLEAN getData, PCOMMAND_COMPLETE_FUNCTION,
-                                    void*) -> NTSTATUS {
+    calls.ControlVendorCommand = [](DeviceContext*, uint8_t request, uint16_t value, uint16_t index,
+                                    void* buffer, uint32_t* length, BOOLEAN getData,
+                                    PCOMMAND_COMPLETE_FUNCTION, void*) -> NTSTATUS {
       FakeCaptureHost* self = Instance();
       Record("vendor " + std::to_string(request) + " " + Hex(value, 4) + " " + Hex(index, 4));
-      const NTSTATUS status = self->vendorStatus ? self->vendorStatus(request, value) : STATUS_SUCCESS;
+      const NTSTATUS status =
+          self->vendorStatus ? self->vendorStatus(request, value) : STATUS_SUCCESS;
       if (status != STATUS_SUCCESS) return status;
       if (self->camera != nullptr) {
         return self->camera->ControlTransfer(request, value, index, buffer, length, getData);
@@ -254,8 +242,8 @@ struct ConfigurationBuilder {
   }
   // bmAttributes 1 isochronous, 2 bulk.
   ConfigurationBuilder& Endpoint(uint16_t maxPacketSize, uint8_t attributes = 1) {
-    bytes.insert(bytes.end(), {7, 5, 0x81, attributes, uint8_t(maxPacketSize),
-                               uint8_t(maxPacketSize >> 8), 1});
+    bytes.insert(bytes.end(),
+                 {7, 5, 0x81, attributes, uint8_t(maxPacketSize), uint8_t(maxPacketSize >> 8), 1});
     return *this;
   }
   // A class-specific descriptor of `length` bytes.

@@ -75,8 +75,6 @@ class ConfigurationTest : public ::testing::Test {
   ConfigurationBuilder plain_;
 };
 
-// ---------------------------------------------------------------- alternate settings
-
 TEST_F(ConfigurationTest, TheWalkFindsTheSettingWithTheSmallestIsochronousPacket) {
   struct Case {
     const char* name;
@@ -141,8 +139,6 @@ TEST_F(ConfigurationTest, WithoutAVideoInterfaceTheRevisionDecidesTheSettings) {
               std::make_tuple(idle, opened, revision2, interface));
   }
 }
-
-// ---------------------------------------------------------------- settings
 
 TEST_F(ConfigurationTest, TheTwelveValuesAreReadAndSelSuspendOneMeansSixtySeconds) {
   const struct {
@@ -245,8 +241,6 @@ TEST_F(ConfigurationTest, TheInterfaceIsCopiedWholeAndAFailedCopyIsReported) {
   EXPECT_EQ(device_->SavedInterface, nullptr);
 }
 
-// ---------------------------------------------------------------- frame size
-
 TEST(RawFrameSize, FollowsTheWireFormatAndScaleMode) {
   // Wire format, output, scale mode, size; bytes worked by hand from the bytes
   // per two pixels.
@@ -273,8 +267,6 @@ TEST(RawFrameSize, FollowsTheWireFormatAndScaleMode) {
         << int(wire) << "/" << int(scale) << " " << width;
   }
 }
-
-// ---------------------------------------------------------------- bandwidth
 
 // Configured with idle setting 1 (128 bytes) and a streaming setting 3 (1000
 // bytes a packet) on interface 2.

@@ -1,7 +1,6 @@
-// Adapter packet dispatch: which host calls every device request makes, the
-// stream information, stream opens and format checks, power states, the idle
-// notification, run notifications to the image library, property routing by
-// set, the interface query, and the order of teardown.
+// Adapter packet dispatch: the host calls each request makes, streams and
+// formats, power, idle, run notifications, properties, the interface query,
+// the entry and the order of teardown.
 
 #include "core/packet_dispatch.h"
 
@@ -61,6 +60,12 @@ class DispatchTest : public ::testing::Test {
     srb.StreamObject = &stream_;
     return srb;
   }
+  // Through the adapter's handler.
+  HW_STREAM_REQUEST_BLOCK Send(uint32_t command, uint32_t stream = 0, void* data = nullptr) {
+    HW_STREAM_REQUEST_BLOCK srb = Srb(command, stream, data);
+    AdapterPacketHandler(&srb);
+    return srb;
+  }
   // Through the stream's control handler: whether it completed the request.
   BOOLEAN Control(HW_STREAM_REQUEST_BLOCK* srb) {
     BOOLEAN completed = 7;
@@ -74,8 +79,6 @@ class DispatchTest : public ::testing::Test {
   int extension_ = 0;
   KS_DATAFORMAT_VIDEOINFOHEADER good_, bad_;
 };
-
-// ---------------------------------------------------------------- every code
 
 TEST_F(DispatchTest, EveryDeviceRequestReachesTheHostAsItsCodeSays) {
   struct {
@@ -122,8 +125,7 @@ TEST_F(DispatchTest, EveryDeviceRequestReachesTheHostAsItsCodeSays) {
   for (const Case& c : cases) {
     SCOPED_TRACE(FakeCaptureHost::Hex(c.command, 3));
     host_.ClearLog();
-    HW_STREAM_REQUEST_BLOCK srb = Srb(c.command, 0, c.data);
-    AdapterPacketHandler(&srb);
+    Send(c.command, 0, c.data);
     EXPECT_EQ(host_.Log(), c.log);
   }
   EXPECT_EQ(host_.newInterfaceTable, &CameraDeviceData2);
@@ -138,8 +140,7 @@ TEST_F(DispatchTest, StreamInformationOffersTheCamerasOwnFormatsAndFiveSets) {
       HW_STREAM_INFORMATION rows[2];
     } info = {};
     std::memset(&info.rows[1], 0xA5, sizeof info.rows[1]);
-    HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_GET_STREAM_INFO, 0, &info.header);
-    AdapterPacketHandler(&srb);
+    Send(SRB_GET_STREAM_INFO, 0, &info.header);
     const auto& header = info.header.StreamHeader;
     EXPECT_EQ(std::make_tuple(header.NumberOfStreams, header.NumDevPropArrayEntries,
                               header.DevicePropertiesArray),
@@ -165,8 +166,6 @@ TEST_F(DispatchTest, StreamInformationOffersTheCamerasOwnFormatsAndFiveSets) {
   EXPECT_EQ(std::memcmp(&GUID_USBCAMD_INTERFACE, usbcamd, 16), 0);
 }
 
-// ---------------------------------------------------------------- streams
-
 TEST_F(DispatchTest, EveryOpenStartsABlankPhaseAndABadFormatIsRefused) {
   // Stream, format, status (0x1234: the host answers).
   const std::tuple<uint32_t, KS_DATAFORMAT_VIDEOINFOHEADER*, NTSTATUS> cases[] = {
@@ -179,9 +178,7 @@ TEST_F(DispatchTest, EveryOpenStartsABlankPhaseAndABadFormatIsRefused) {
     device_->BlankFrameActive = 0;
     device_->BlankFrameCount = 9;
     device_->BlankPacketCountdown = 3;
-    HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_OPEN_STREAM, stream, &format->DataFormat);
-    AdapterPacketHandler(&srb);
-    EXPECT_EQ(srb.Status, status);
+    EXPECT_EQ(Send(SRB_OPEN_STREAM, stream, &format->DataFormat).Status, status);
     EXPECT_EQ(std::make_tuple(device_->BlankFrameActive, device_->BlankFrameCount,
                               device_->BlankPacketCountdown),
               std::make_tuple(uint8_t(1), 0u, 500u));
@@ -263,8 +260,6 @@ TEST_F(DispatchTest, TheFirstRunAfterAStartStaysAwayFromTheImageLibrary) {
   ISPFunc_Exit(isp, device_.context, nullptr);
 }
 
-// ---------------------------------------------------------------- power and idle
-
 TEST_F(DispatchTest, PowerStatesBeyondOnAndOffAreRefusedAndTheHostStillCalled) {
   const std::pair<int32_t, NTSTATUS> cases[] = {{PowerDeviceUnspecified, STATUS_NOT_IMPLEMENTED},
                                                 {PowerDeviceD0, STATUS_SUCCESS},
@@ -305,8 +300,6 @@ TEST_F(DispatchTest, TheIdleByteIsTakenBeforeTheHostFinishesThePacket) {
   }
 }
 
-// ---------------------------------------------------------------- properties
-
 TEST_F(DispatchTest, PropertiesOfEverySetAreNotServedYet) {
   const GUID unknown = {0x12345678, 1, 2, {3, 4, 5, 6, 7, 8, 9, 10}};
   const GUID* sets[] = {&PROPSETID_VIDCAP_VIDEOPROCAMP, &VendorControlSet, &VendorIdentitySet,
@@ -317,9 +310,7 @@ TEST_F(DispatchTest, PropertiesOfEverySetAreNotServedYet) {
       KSPROPERTY property = {*set, 1, 0};
       STREAM_PROPERTY_DESCRIPTOR descriptor = {};
       descriptor.Property = &property;
-      HW_STREAM_REQUEST_BLOCK srb = Srb(command, 0, &descriptor);
-      AdapterPacketHandler(&srb);
-      EXPECT_EQ(srb.Status, STATUS_NOT_SUPPORTED);
+      EXPECT_EQ(Send(command, 0, &descriptor).Status, STATUS_NOT_SUPPORTED);
     }
   }
   STREAM_PROPERTY_DESCRIPTOR empty = {};
@@ -327,8 +318,6 @@ TEST_F(DispatchTest, PropertiesOfEverySetAreNotServedYet) {
   RoutePropertyRequest(FALSE, nullptr, device_.context, &srb);
   EXPECT_EQ(srb.Status, STATUS_NOT_SUPPORTED);
 }
-
-// ---------------------------------------------------------------- start and end
 
 TEST_F(DispatchTest, TheInterfaceQueryCopiesTheHostsInterfaceOnlyWhenItIsThere) {
   // Offered, completed later, whether the I/O manager gives a request at all;
@@ -383,16 +372,13 @@ TEST_F(DispatchTest, InitialisationTakesTheRealDeviceObjectAndCompletionSaysConn
     config.ClassDeviceObject = cls;
     config.PhysicalDeviceObject = physical;
     config.RealPhysicalDeviceObject = given;
-    HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_INITIALIZE_DEVICE, 0, &config);
-    AdapterPacketHandler(&srb);
-    EXPECT_EQ(device_->PhysicalDeviceObject, given ? real : physical);
-    EXPECT_EQ(device_->ClassDeviceObject, cls);
+    Send(SRB_INITIALIZE_DEVICE, 0, &config);
+    EXPECT_EQ(std::make_pair(device_->PhysicalDeviceObject, device_->ClassDeviceObject),
+              std::make_pair(given ? real : physical, cls));
   }
 
   device_->SelSuspendTimeout = 600000000;
-  HW_STREAM_REQUEST_BLOCK srb = Srb(SRB_INITIALIZATION_COMPLETE);
-  AdapterPacketHandler(&srb);
-  EXPECT_EQ(srb.Status, STATUS_SUCCESS);
+  EXPECT_EQ(Send(SRB_INITIALIZATION_COMPLETE).Status, STATUS_SUCCESS);
   uint32_t connected = 0;
   ASSERT_TRUE(GetRegistryDword(ServiceKeyPath, u"ConnectionState", &connected));
   EXPECT_EQ(connected, 1u);
