@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "emulator/emulated_camera.h"
@@ -40,7 +41,7 @@ TEST(EmulatedFaults, NthRequestFailsAloneAndHasNoEffect) {
   }
 }
 
-TEST(EmulatedFaults, FilterFailsTheMatchingRequestsAsOftenAsAsked) {
+TEST(EmulatedFaults, FiltersAndTheAlternateSettingFailAsOftenAsAsked) {
   EmulatedCamera cam;
   cam.FailRequestsMatching([](const ControlRequestInfo& r) { return r.request == 5; },
                            STATUS_IO_DEVICE_ERROR, 2);
@@ -61,13 +62,9 @@ TEST(EmulatedFaults, FilterFailsTheMatchingRequestsAsOftenAsAsked) {
   EXPECT_EQ(Read(cam, 0, 4, &value), STATUS_SUCCESS);
   cam.ClearRequestFaults();
   EXPECT_EQ(ReadTwoStep(cam, 0x60, 0x0A, &value), STATUS_SUCCESS);
-}
-
-TEST(EmulatedFaults, AlternateSettingFailsOnceWhenAsked) {
-  EmulatedCamera cam;
   cam.FailNextSelectAlternateSetting(STATUS_INSUFFICIENT_RESOURCES);
   EXPECT_EQ(cam.SelectAlternateSetting(3), STATUS_INSUFFICIENT_RESOURCES);
-  EXPECT_EQ(cam.CurrentAlternateSetting(), 0);
+  EXPECT_EQ(cam.CurrentAlternateSetting(), 0) << "left as it was";
   EXPECT_EQ(cam.SelectAlternateSetting(3), STATUS_SUCCESS);
   EXPECT_EQ(cam.CurrentAlternateSetting(), 3);
 }
@@ -81,24 +78,18 @@ TEST(EmulatedFaults, UnpluggedCameraAnswersNothingAndStopsItsStream) {
   cam.Unplug();
   EXPECT_FALSE(cam.IsPlugged());
   EXPECT_FALSE(cam.IsStreaming());
-  struct Case {
-    uint8_t request;
-    uint16_t value, index;
-    bool getData;
-    int length;
-  };
-  const Case cases[] = {
+  // request, value, index, in, data length (-1: no data stage)
+  const std::tuple<uint8_t, uint16_t, uint16_t, bool, int> cases[] = {
       {1, 0x0020, 6, false, -1}, {2, 0, 4, true, 1},    {3, 0x6000, 0x0200, false, 2},
       {5, 0, 0, false, -1},      {6, 0, 0, true, 64},   {7, 0, 0, false, -1},
       {8, 0x6003, 0, true, 2},   {11, 0, 0, false, -1}, {9, 0, 0, false, -1},
   };
-  for (const Case& c : cases) {
+  for (const auto& [request, value, index, in, size] : cases) {
     uint8_t buffer[64] = {};
-    uint32_t length = c.length < 0 ? 0 : uint32_t(c.length);
-    uint32_t* lengthPointer = c.length < 0 ? nullptr : &length;
-    EXPECT_EQ(cam.ControlTransfer(c.request, c.value, c.index, buffer, lengthPointer, c.getData),
+    uint32_t length = size < 0 ? 0 : uint32_t(size);
+    EXPECT_EQ(cam.ControlTransfer(request, value, index, buffer, size < 0 ? nullptr : &length, in),
               STATUS_DEVICE_NOT_CONNECTED)
-        << "request " << int(c.request);
+        << "request " << int(request);
   }
   EXPECT_FALSE(cam.NextPacket(&packet));
   std::vector<std::vector<uint8_t>> packets;
@@ -116,67 +107,46 @@ std::vector<std::vector<uint8_t>> Packets(EmulatedCamera& cam, size_t count) {
 }
 
 TEST(EmulatedFaults, SpoiledPacketsDifferFromTheCleanStreamOnlyWhereAsked) {
-  struct Case {
-    const char* name;
-    PacketFaultKind kind;
-    StreamPacketRole role;
-    uint32_t parameter;
-    uint64_t times;
+  using V = std::vector<uint8_t>;
+  using R = StreamPacketRole;
+  using F = PacketFaultKind;
+  // name, fault, role, parameter, times, the spoiled form of a clean packet
+  const std::tuple<const char*, F, R, uint32_t, uint64_t, V (*)(V)> cases[] = {
+      {"drop the end of a frame", F::Drop, R::FrameEnd, 0, 1, [](V) { return V(); }},
+      {"cut data packets to 10 bytes", F::Truncate, R::FrameData, 10, 3,
+       [](V p) { return p.resize(10), p; }},
+      {"invert the flags of a frame end", F::CorruptByte, R::FrameEnd, 1, 1,
+       [](V p) { return p[1] = uint8_t(~p[1]), p; }},
+      {"invert a data packet's payload", F::CorruptPayload, R::FrameData, 0, 1,
+       [](V p) {
+         for (size_t k = p[0]; k < p.size(); ++k) p[k] = uint8_t(~p[k]);
+         return p;
+       }},
+      {"start header claims 3 bytes more", F::HeaderBeyondPacket, R::FrameStart, 3, 2,
+       [](V p) { return p[0] = uint8_t(p.size() + 3), p; }},
   };
-  const Case cases[] = {
-      {"drop the end of a frame", PacketFaultKind::Drop, StreamPacketRole::FrameEnd, 0, 1},
-      {"cut data packets to 10 bytes", PacketFaultKind::Truncate, StreamPacketRole::FrameData, 10,
-       3},
-      {"invert the flags of a frame end", PacketFaultKind::CorruptByte, StreamPacketRole::FrameEnd,
-       1, 1},
-      {"invert a data packet's payload", PacketFaultKind::CorruptPayload,
-       StreamPacketRole::FrameData, 0, 1},
-      {"start header claims 3 bytes more", PacketFaultKind::HeaderBeyondPacket,
-       StreamPacketRole::FrameStart, 3, 2},
-  };
-  for (const Case& c : cases) {
+  for (const auto& [name, kind, role, parameter, times, spoil] : cases) {
+    SCOPED_TRACE(name);
     EmulatedCamera clean(WithSensor(EmulatedSensorKind::OV7670));
     EmulatedCamera spoiled(WithSensor(EmulatedSensorKind::OV7670));
-    const StreamPacketRole role = c.role;
-    spoiled.AddPacketFault(c.kind, [role](const StreamPacketInfo& p) { return p.role == role; },
-                           c.parameter, c.times);
+    spoiled.AddPacketFault(
+        kind, [role = role](const StreamPacketInfo& p) { return p.role == role; }, parameter,
+        times);
     // Two frames of 160 x 120 YUYV at 1024 bytes a microframe, and idle time.
-    const size_t count = 800;
-    const auto a = Packets(clean, count);
-    const auto b = Packets(spoiled, count);
-    ASSERT_EQ(a.size(), count);
-    ASSERT_EQ(b.size(), count);
+    const auto a = Packets(clean, 800), b = Packets(spoiled, 800);
+    ASSERT_TRUE(a.size() == 800 && b.size() == 800);
     uint64_t differing = 0;
-    for (size_t i = 0; i < count; ++i) {
+    for (size_t i = 0; i < a.size(); ++i) {
       if (a[i] == b[i]) continue;
       ++differing;
-      const std::vector<uint8_t>& good = a[i];
-      const std::vector<uint8_t>& bad = b[i];
-      ASSERT_FALSE(good.empty()) << c.name;
-      switch (c.kind) {
-        case PacketFaultKind::Drop:
-          EXPECT_TRUE(bad.empty()) << c.name;
-          EXPECT_EQ(good[1], 0x02) << c.name;
-          break;
-        case PacketFaultKind::Truncate:
-          EXPECT_EQ(bad, std::vector<uint8_t>(good.begin(), good.begin() + 10)) << c.name;
-          break;
-        case PacketFaultKind::CorruptByte:
-          ASSERT_EQ(bad.size(), good.size());
-          EXPECT_EQ(bad[1], 0xFD) << c.name;
-          break;
-        case PacketFaultKind::CorruptPayload:
-          ASSERT_EQ(bad.size(), good.size());
-          EXPECT_TRUE(bad[0] == good[0] && bad[1] == good[1]) << "the header is left";
-          for (size_t k = good[0]; k < good.size(); ++k) ASSERT_EQ(bad[k], uint8_t(~good[k]));
-          break;
-        case PacketFaultKind::HeaderBeyondPacket:
-          ASSERT_EQ(bad.size(), good.size());
-          EXPECT_EQ(bad[0], good.size() + 3) << c.name;
-          break;
-      }
+      ASSERT_FALSE(a[i].empty());
+      const R was = (a[i][1] & 0x02)         ? R::FrameEnd
+                    : a[i].size() == a[i][0] ? R::FrameStart
+                                             : R::FrameData;
+      EXPECT_EQ(was, role) << "packet " << i;
+      EXPECT_EQ(b[i], spoil(a[i])) << "packet " << i;
     }
-    EXPECT_EQ(differing, c.times) << c.name;
+    EXPECT_EQ(differing, times);
   }
 }
 

@@ -1,7 +1,6 @@
-// The emulated camera's USB identity and its isochronous stream: descriptors
-// as the driver walks them, packet sizes and headers at each alternate
-// setting, the frame each mode produces, the frame rate, the button, and the
-// sensor state each frame is drawn with.
+// The emulated camera's USB identity and its isochronous stream: descriptors,
+// packets at each alternate setting, frames of each mode, frame rate, button,
+// and the sensor state each frame is drawn with.
 
 #include <gtest/gtest.h>
 
@@ -59,8 +58,7 @@ TEST(EmulatedUsbIdentity, DescriptorsCarryTheChipRevisionAndTheStreamingInterfac
     std::vector<uint16_t> settings;
     int idleSetting;
     uint16_t smallest, bcdDevice;  // the chip revision
-  };
-  const Case cases[] = {
+  } const cases[] = {
       {"high speed defaults", true, true, 0, {}, 1, 128, 0x0200},
       {"full speed defaults", false, true, 0, {}, 1, 128, 0x0100},
       {"interface after two others", true, true, 2, {}, 1, 128, 0x0102},
@@ -79,9 +77,9 @@ TEST(EmulatedUsbIdentity, DescriptorsCarryTheChipRevisionAndTheStreamingInterfac
     EmulatedCamera cam(config);
     const std::vector<uint8_t> device = cam.DeviceDescriptorBytes();
     ASSERT_EQ(device.size(), 18u);
-    EXPECT_TRUE(device[0] == 18 && device[1] == 1);
-    EXPECT_EQ(device[12] | device[13] << 8, c.bcdDevice) << "bcdDevice, little-endian at 12";
-    EXPECT_EQ(cam.DeviceDescriptor().bcdDevice, c.bcdDevice);
+    EXPECT_EQ(std::tuple(device[0], device[1], device[12] | device[13] << 8,
+                         cam.DeviceDescriptor().bcdDevice),
+              std::tuple(18, 1, int(c.bcdDevice), c.bcdDevice));
     const std::vector<uint8_t> bytes = cam.ConfigurationDescriptorBytes();
     ASSERT_GE(bytes.size(), 9u);
     // Type 2, wTotalLength, bNumInterfaces.
@@ -90,8 +88,8 @@ TEST(EmulatedUsbIdentity, DescriptorsCarryTheChipRevisionAndTheStreamingInterfac
     const Walk walk = WalkConfiguration(bytes);
     EXPECT_EQ(std::tuple(walk.found, walk.idleSetting, walk.smallest),
               std::tuple(c.class14, c.idleSetting, c.smallest));
-    EXPECT_TRUE(!c.class14 || (walk.interfaceNumber == c.before &&
-                               walk.settings == cam.AlternateSettingCount()));
+    EXPECT_TRUE(!c.class14 ||
+                (walk.interfaceNumber == c.before && walk.settings == cam.AlternateSettingCount()));
     EXPECT_EQ(cam.StreamingInterfaceNumber(), c.before);
   }
 }
@@ -111,10 +109,9 @@ TEST(EmulatedStream, PacketsFitEachAlternateSettingAndCarryTheHeader) {
     bool highSpeed;
     uint8_t setting, headerLength;
     uint32_t capacity;  // bytes per (micro)frame
-  };
-  const Case cases[] = {
-      {false, 1, 4, 128},   {false, 2, 4, 384}, {false, 3, 4, 640}, {false, 4, 2, 896},
-      {false, 5, 12, 1023}, {true, 1, 4, 128},  {true, 2, 4, 512},  {true, 3, 2, 1024},
+  } const cases[] = {
+      {false, 1, 4, 128},   {false, 2, 4, 384},  {false, 3, 4, 640}, {false, 4, 2, 896},
+      {false, 5, 12, 1023}, {true, 1, 4, 128},   {true, 2, 4, 512},  {true, 3, 2, 1024},
       {true, 4, 4, 2048},   {true, 5, 12, 3072},
   };
   for (const Case& c : cases) {
@@ -142,7 +139,8 @@ TEST(EmulatedStream, PacketsFitEachAlternateSettingAndCarryTheHeader) {
         ASSERT_EQ(p[0], c.headerLength);
         EXPECT_EQ(p[1], i + 1 == frame.size() ? 0x02 : 0x00) << "packet " << i;
         EXPECT_TRUE(!(edge || i + 2 < frame.size()) ||
-                    p.size() == (edge ? c.headerLength : c.capacity)) << "packet " << i;
+                    p.size() == (edge ? c.headerLength : c.capacity))
+            << "packet " << i;
         bytes += p.size() - p[0];
       }
       EXPECT_EQ(bytes, 38400u);
@@ -172,49 +170,45 @@ TEST(EmulatedStream, FrameLengthFollowsTheModeTheScriptWrote) {
     size_t bytes;
     bool twoLinesShort = false;
   };
+  using V = std::vector<RegisterWrite>;
+  using M = std::vector<VariableWrite>;
   const uint8_t ov = 0x60;
   // OV2640: sensor bank SVGA, then the DSP bank.
-  auto svga = [&](std::vector<RegisterWrite> more) {
+  auto svga = [&](V more) {
     more.insert(more.begin(), {{ov, 0xFF, 0x01}, {ov, 0x12, 0x40}, {ov, 0xFF, 0x00}});
     return more;
   };
-  // 640 x 480 Bayer: DSP bank raw, 160 x 120 in fours.
-  const auto vgaBayer = svga({{ov, 0x05, 0x01}, {ov, 0x5A, 0xA0}, {ov, 0x5B, 0x78}});
+  // DSP bank raw, output size in fours (0x5A, 0x5B, 0x5C high bits).
+  const V uxga = {{ov, 0xFF, 0}, {ov, 5, 1}, {ov, 0x5A, 0x90}, {ov, 0x5B, 0x2C}, {ov, 0x5C, 5}};
+  const V sxga = {{ov, 0x05, 0x01}, {ov, 0x5A, 0x40}, {ov, 0x5B, 0xF0}, {ov, 0x5C, 0x01}};
+  const V vga = svga({{ov, 0x05, 0x01}, {ov, 0x5A, 0xA0}, {ov, 0x5B, 0x78}});
+  const V qvga = svga({{ov, 0x5A, 0x50}, {ov, 0x5B, 0x3C}});
+  // CIF in the sensor bank, 4:2:0 in the DSP bank.
+  const V qcif = {{ov, 0xFF, 1},    {ov, 0x12, 0x10}, {ov, 0xFF, 0},
+                  {ov, 0xDA, 0x0C}, {ov, 0x5A, 0x2C}, {ov, 0x5B, 0x24}};
+  const M miVga = {{0x2703, 640}, {0x2705, 480}, {0x2755, 1}, {0xA103, 1}};
+  const M miQvga = {{0x2703, 320}, {0x2705, 240}, {0x2755, 1}};
+  const M mi420 = {{0x2703, 320}, {0x2705, 240}, {0x2755, 2}};
+  const M miCapture = {{0x2757, 1}, {0xA103, 2}}, miUxga = {{0x2703, 1600}, {0x2705, 1200}};
   const Case cases[] = {
       {"OV7670 power-on", K::OV7670, {}, {}, 640, 480, L::Yuyv, 614400},
       {"OV7670 VGA Bayer", K::OV7670, {{0x42, 0x12, 0x01}}, {}, 640, 480, L::Bayer, 307200},
       {"OV7670 QQVGA", K::OV7670, kSmallYuyv, {}, 160, 120, L::Yuyv, 38400},
       {"OV7670 CIF", K::OV7670, {{0x42, 0x12, 0x20}}, {}, 352, 288, L::Yuyv, 202752},
       {"OV7670 QCIF", K::OV7670, {{0x42, 0x12, 0x08}}, {}, 176, 144, L::Yuyv, 50688},
-      {"OV2640 UXGA Bayer", K::OV2640,
-       {{ov, 0xFF, 0x00}, {ov, 0x05, 0x01}, {ov, 0x5A, 0x90}, {ov, 0x5B, 0x2C}, {ov, 0x5C, 0x05}},
-       {}, 1600, 1200, L::Bayer, 1920000},
-      {"OV2640 1280x960 Bayer", K::OV2640,
-       {{ov, 0x05, 0x01}, {ov, 0x5A, 0x40}, {ov, 0x5B, 0xF0}, {ov, 0x5C, 0x01}}, {}, 1280, 960,
-       L::Bayer, 1228800},
-      {"OV2640 VGA Bayer", K::OV2640, vgaBayer, {}, 640, 480, L::Bayer, 307200},
-      {"OV2640 VGA Bayer two lines short", K::OV2640, vgaBayer, {}, 640, 480, L::Bayer, 305920,
-       true},
-      {"OV2640 QVGA YUYV", K::OV2640, svga({{ov, 0x5A, 0x50}, {ov, 0x5B, 0x3C}}), {}, 320, 240,
-       L::Yuyv, 153600},
-      {"OV2640 QCIF 4:2:0", K::OV2640,
-       {{ov, 0xFF, 0x01}, {ov, 0x12, 0x10}, {ov, 0xFF, 0x00}, {ov, 0xDA, 0x0C}, {ov, 0x5A, 0x2C},
-        {ov, 0x5B, 0x24}},
-       {}, 176, 144, L::Yuv420, 38016},
-      {"OV2640 asks for more than the readout", K::OV2640,
-       svga({{ov, 0x05, 0x01}, {ov, 0x5A, 0x40}, {ov, 0x5B, 0xF0}, {ov, 0x5C, 0x01}}), {}, 800, 600,
-       L::Bayer, 480000},
+      {"OV2640 UXGA Bayer", K::OV2640, uxga, {}, 1600, 1200, L::Bayer, 1920000},
+      {"OV2640 1280x960 Bayer", K::OV2640, sxga, {}, 1280, 960, L::Bayer, 1228800},
+      {"OV2640 VGA Bayer", K::OV2640, vga, {}, 640, 480, L::Bayer, 307200},
+      {"OV2640 VGA two lines short", K::OV2640, vga, {}, 640, 480, L::Bayer, 305920, true},
+      {"OV2640 QVGA YUYV", K::OV2640, qvga, {}, 320, 240, L::Yuyv, 153600},
+      {"OV2640 QCIF 4:2:0", K::OV2640, qcif, {}, 176, 144, L::Yuv420, 38016},
+      {"OV2640 more than the readout", K::OV2640, svga(sxga), {}, 800, 600, L::Bayer, 480000},
       {"MI2021 power-on", K::MI2021, {}, {}, 800, 600, L::Yuyv, 960000},
-      {"MI2021 VGA Bayer", K::MI2021, {}, {{0x2703, 640}, {0x2705, 480}, {0x2755, 1}, {0xA103, 1}},
-       640, 480, L::Bayer, 307200},
-      {"MI2021 capture context", K::MI2021, {}, {{0x2757, 1}, {0xA103, 2}}, 1600, 1200, L::Bayer,
-       1920000},
-      {"MI2021 binned context refuses UXGA", K::MI2021, {}, {{0x2703, 1600}, {0x2705, 1200}}, 800,
-       600, L::Yuyv, 960000},
-      {"MI2021 4:2:0", K::MI2021, {}, {{0x2703, 320}, {0x2705, 240}, {0x2755, 2}}, 320, 240,
-       L::Yuv420, 115200},
-      {"MI2020 through bursts", K::MI2020, {}, {{0x2703, 320}, {0x2705, 240}, {0x2755, 1}}, 320,
-       240, L::Bayer, 76800},
+      {"MI2021 VGA Bayer", K::MI2021, {}, miVga, 640, 480, L::Bayer, 307200},
+      {"MI2021 capture context", K::MI2021, {}, miCapture, 1600, 1200, L::Bayer, 1920000},
+      {"MI2021 binned context refuses UXGA", K::MI2021, {}, miUxga, 800, 600, L::Yuyv, 960000},
+      {"MI2021 4:2:0", K::MI2021, {}, mi420, 320, 240, L::Yuv420, 115200},
+      {"MI2020 through bursts", K::MI2020, {}, miQvga, 320, 240, L::Bayer, 76800},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -252,16 +246,12 @@ TEST(EmulatedStream, FrameRateFollowsTheClockDividerAndTheBandwidth) {
     bool highSpeed;
     uint8_t clockDivider;  // OV7670 CLKRC
     bool vga;              // 640 x 480 YUYV instead of 160 x 120
-    int64_t period;        // expected time between frame starts
-  };
-  const Case cases[] = {
-      // 1/30 s is 333333.3 in 100 ns; frames start at the first (micro)frame
-      // at or after each sensor frame's beginning.
+    int64_t period;        // between frame starts, in 100 ns
+  } const cases[] = {
       {"30 per second", true, 0x00, false, 333333},
       {"15 per second", true, 0x01, false, 666666},
       {"7.5 per second at full speed", false, 0x03, false, 1333333},
-      // 614400 bytes in 1019-byte packets take 603 ms: the camera catches
-      // every 19th sensor frame (19 x 33.3 ms = 633 ms).
+      // 614400 bytes in 1019-byte packets take 603 ms: every 19th frame.
       {"bandwidth bound", false, 0x00, true, 19 * 333333},
   };
   for (const Case& c : cases) {
@@ -301,7 +291,7 @@ TEST(EmulatedStream, ButtonShowsInTheHeaderAndRegisterFromItsFrame) {
   }
 }
 
-TEST(EmulatedStream, StreamStopsAndStartsOnRequestFive) {
+TEST(EmulatedStream, StreamStopsAndStartsOnRequestFiveAndWireRegistersAgree) {
   EmulatedCamera cam(Ov7670());
   ASSERT_TRUE(WriteAll(cam, kSmallYuyv));
   ASSERT_EQ(cam.SelectAlternateSetting(2), STATUS_SUCCESS);
@@ -326,38 +316,9 @@ TEST(EmulatedStream, StreamStopsAndStartsOnRequestFive) {
   ASSERT_TRUE(CollectFrame(cam, &frame, &pulled));
   EXPECT_EQ(frame.bytes.size(), 38400u);
   EXPECT_EQ(frame.startPacket, 0u) << "a frame begins at once";
-}
-
-TEST(EmulatedStream, EachSensorHasItsMirrorAndFlipBits) {
-  struct Case {
-    EmulatedSensorKind kind;
-    std::vector<RegisterWrite> writes;
-    std::vector<uint16_t> quadAt0020;  // MI: the read mode register, 16-bit
-    bool mirror, flip;
-  };
-  const Case cases[] = {
-      {K::OV7670, {{0x42, 0x1E, 0x20}}, {}, true, false},
-      {K::OV7670, {{0x42, 0x1E, 0x10}}, {}, false, true},
-      {K::OV2640, {{0x60, 0xFF, 0x01}, {0x60, 0x04, 0x80}}, {}, true, false},
-      {K::OV2640, {{0x60, 0xFF, 0x01}, {0x60, 0x04, 0x40}}, {}, false, true},
-      {K::OV2640, {{0x60, 0x04, 0xC0}}, {}, false, false},  // DSP bank: no effect
-      {K::MI2021, {}, {0x0002}, true, false},
-      {K::MI2021, {}, {0x0001}, false, true},
-  };
-  for (const Case& c : cases) {
-    EmulatedCamera cam(WithSensor(c.kind));
-    ASSERT_TRUE(WriteAll(cam, c.writes));
-    for (uint16_t v : c.quadAt0020) ASSERT_EQ(WriteQuad(cam, 0x78, 0x0020, v), STATUS_SUCCESS);
-    const WireFrameInfo info = cam.CurrentWireFrame();
-    EXPECT_EQ(std::pair(info.mirror, info.flip), std::pair(c.mirror, c.flip)) << int(c.kind);
-  }
-}
-
-TEST(EmulatedStream, WireRegistersAgreeWhenTheScriptWritesTheSensorsMode) {
-  EmulatedCamera cam(Ov7670());
-  ASSERT_TRUE(WriteAll(cam, kSmallYuyv));
+  // The controller's wire registers against the sensor's mode: 160 = 0x00A0,
+  // 120 = 0x0078, layout 1 (YUYV).
   EXPECT_FALSE(cam.WireRegistersAgree());
-  // 160 = 0x00A0, 120 = 0x0078, layout 1 (YUYV).
   ASSERT_EQ(
       Send(cam, 3, 0x0000, 0x0200, {0x20, 0xA0, 0x21, 0x00, 0x22, 0x78, 0x23, 0x00, 0x24, 0x01}),
       STATUS_SUCCESS);
@@ -366,9 +327,6 @@ TEST(EmulatedStream, WireRegistersAgreeWhenTheScriptWritesTheSensorsMode) {
   EXPECT_FALSE(cam.WireRegistersAgree()) << "Bayer said, YUYV sent";
 }
 
-// The camera's built-in picture, drawn as the stream asks for it: mirror and
-// flip reverse it, the light and the brightness move its levels, its Bayer
-// frames start B G / G R, and a lens blurs the bar edges away from the focus.
 TEST(EmulatedStream, BuiltInPictureFollowsOrientationLightAndLens) {
   auto draw = [](uint32_t w, uint32_t h, L layout, std::function<void(FrameRequest*)> change) {
     FrameRequest r;
@@ -396,9 +354,8 @@ TEST(EmulatedStream, BuiltInPictureFollowsOrientationLightAndLens) {
     EXPECT_NE(turned, vga);
     EXPECT_EQ(wrong, 0u) << (mirror ? "mirror" : "flip");
   }
-  // Mean luma of the plain picture is about 120; a brightness of +32 adds 32
-  // to each colour, which is (66 + 129 + 25) / 256 x 32 = 27.5 luma where
-  // nothing clips (the white and yellow bars do): between 18 and 28.
+  // Brightness +32 adds (66 + 129 + 25) / 256 x 32 = 27.5 luma where nothing
+  // clips (the white and yellow bars do).
   const double base = MeanLuma(draw(w, h, L::Yuyv, [](FrameRequest*) {}));
   EXPECT_TRUE(base > 80 && base < 160) << base;
   const std::tuple<const char*, void (*)(FrameRequest*), double, double> light[] = {
@@ -410,18 +367,21 @@ TEST(EmulatedStream, BuiltInPictureFollowsOrientationLightAndLens) {
     const double moved = MeanLuma(draw(w, h, L::Yuyv, change)) - base;
     EXPECT_TRUE(moved >= low && moved <= high) << name << ": " << moved;
   }
-  // The second of eight bars is yellow (red and green, no blue); the fifth
-  // magenta (red and blue, no green). Line 200, well inside each bar.
+  // Bayer B G / G R: the second bar is yellow (no blue), the fifth magenta
+  // (no green).
   const std::vector<uint8_t> bayer = draw(640, 480, L::Bayer, [](FrameRequest*) {});
-  for (const auto& [x, y, lit] : {std::tuple{120, 200, false}, {121, 200, true}, {121, 201, true},
-                                  {360, 200, true}, {361, 200, false}, {360, 201, false},
+  for (const auto& [x, y, lit] : {std::tuple{120, 200, false},
+                                  {121, 200, true},
+                                  {121, 201, true},
+                                  {360, 200, true},
+                                  {361, 200, false},
+                                  {360, 201, false},
                                   {361, 201, true}}) {
     const uint8_t sample = bayer[size_t(y) * 640 + x];
     EXPECT_TRUE(lit ? sample > 150 : sample < 40) << x << "," << y << ": " << int(sample);
   }
-  // Seven bar edges across a line; at the focus each is one jump of more
-  // than 16. Sixty steps away an edge spreads over 2 x 60 x 640 / 800 / 4 =
-  // 24 pixels.
+  // Seven bar edges a line, each one jump of more than 16 at the focus, and
+  // spread over 2 x 60 x 640 / 800 / 4 = 24 pixels sixty steps away.
   for (const auto& [at, fewest, most] :
        {std::tuple{100, 7, 7}, {96, 0, 6}, {40, 0, 2}, {150, 0, 3}}) {
     const std::vector<uint8_t> f = draw(w, h, L::Yuyv, [at = at](FrameRequest* r) {
@@ -442,8 +402,6 @@ struct CountingSource : FrameSource {
   }
 };
 
-// What the picture is drawn with comes from the sensor's registers; the
-// scene's own tests check how it is drawn.
 TEST(EmulatedStream, FrameSourceSeesTheSensorStateOfEachFrame) {
   struct Case {
     const char* name;
@@ -456,13 +414,23 @@ TEST(EmulatedStream, FrameSourceSeesTheSensorStateOfEachFrame) {
   // 16 + GAIN sixteenths, brightness a two's complement offset.
   const Case cases[] = {
       {"power-on", {}, false, false, 0, 16, 256},
-      {"mirror, flip, brightness -16, gain 1.5", {{0x42, 0x1E, 0x30}, {0x42, 0x55, 0xF0},
-       {0x42, 0x00, 0x08}}, true, true, -16, 24, 384},
+      {"mirror, flip, brightness -16, gain 1.5",
+       {{0x42, 0x1E, 0x30}, {0x42, 0x55, 0xF0}, {0x42, 0x00, 0x08}},
+       true,
+       true,
+       -16,
+       24,
+       384},
       {"brightness +32", {{0x42, 0x55, 0x20}}, false, false, 32, 16, 256},
       {"exposure doubled", {{0x42, 0x10, 0x80}}, false, false, 0, 16, 512},
       {"exposure halved", {{0x42, 0x10, 0x20}}, false, false, 0, 16, 128},
-      {"gain doubled, exposure doubled", {{0x42, 0x00, 0x10}, {0x42, 0x10, 0x80}}, false, false, 0,
-       32, 1024},
+      {"gain doubled, exposure doubled",
+       {{0x42, 0x00, 0x10}, {0x42, 0x10, 0x80}},
+       false,
+       false,
+       0,
+       32,
+       1024},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -488,6 +456,24 @@ TEST(EmulatedStream, FrameSourceSeesTheSensorStateOfEachFrame) {
         << r.lensPosition << " " << r.lensFocusPosition;
     ASSERT_EQ(frame.bytes.size(), 38400u);
     EXPECT_TRUE(frame.bytes[9] == 0x5A && frame.bytes[10] == 0x00) << "padded after the 10 bytes";
+  }
+  // Each sensor's own bits; MI sensors: the read mode register 0x0020 (-1: not written).
+  const std::tuple<K, std::vector<RegisterWrite>, int, bool, bool> orientations[] = {
+      {K::OV7670, {{0x42, 0x1E, 0x20}}, -1, true, false},
+      {K::OV7670, {{0x42, 0x1E, 0x10}}, -1, false, true},
+      {K::OV2640, {{0x60, 0xFF, 0x01}, {0x60, 0x04, 0x80}}, -1, true, false},
+      {K::OV2640, {{0x60, 0xFF, 0x01}, {0x60, 0x04, 0x40}}, -1, false, true},
+      {K::OV2640, {{0x60, 0x04, 0xC0}}, -1, false, false},  // DSP bank: no effect
+      {K::MI2021, {}, 0x0002, true, false},
+      {K::MI2021, {}, 0x0001, false, true}};
+  for (const auto& [kind, writes, readMode, mirror, flip] : orientations) {
+    EmulatedCamera cam(WithSensor(kind));
+    ASSERT_TRUE(WriteAll(cam, writes));
+    if (readMode >= 0) {
+      ASSERT_EQ(WriteQuad(cam, 0x78, 0x0020, uint16_t(readMode)), STATUS_SUCCESS);
+    }
+    const WireFrameInfo info = cam.CurrentWireFrame();
+    EXPECT_EQ(std::pair(info.mirror, info.flip), std::pair(mirror, flip)) << int(kind);
   }
 }
 

@@ -1,6 +1,6 @@
-// Small helpers for the emulated camera's tests: vendor requests in the
-// driver's wire forms, and frame collection from the stream the way the
-// driver's packet routine cuts it.
+// Helpers for the emulated camera's tests: vendor requests in the driver's
+// wire forms, and frames cut from the stream as the driver's packet routine
+// cuts them.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,6 @@
 
 namespace emutest {
 
-// A camera with one sensor of `kind`.
 inline EmulatedCameraConfig WithSensor(EmulatedSensorKind kind, uint16_t bcdDevice = 0x0200) {
   EmulatedCameraConfig config;
   config.sensors = {EmulatedSensorConfig{kind}};
@@ -31,11 +30,12 @@ inline NTSTATUS Read(EmulatedCamera& cam, uint8_t bus, uint8_t reg, uint8_t* val
 
 // Requests 1 and 2 with 0x8000: the two-step read.
 inline NTSTATUS ReadTwoStep(EmulatedCamera& cam, uint8_t bus, uint8_t reg, uint8_t* value) {
-  NTSTATUS status = cam.ControlTransfer(1, uint16_t(bus << 8), uint16_t(0x8000 | reg), nullptr,
-                                        nullptr, false);
-  if (status < 0) return status;
+  NTSTATUS status =
+      cam.ControlTransfer(1, uint16_t(bus << 8), uint16_t(0x8000 | reg), nullptr, nullptr, false);
   uint32_t length = 1;
-  return cam.ControlTransfer(2, uint16_t(bus << 8), uint16_t(0x8000 | reg), value, &length, true);
+  return status < 0 ? status
+                    : cam.ControlTransfer(2, uint16_t(bus << 8), uint16_t(0x8000 | reg), value,
+                                          &length, true);
 }
 
 // An out request with a data stage.
@@ -71,12 +71,10 @@ inline bool WriteAll(EmulatedCamera& cam, const std::vector<RegisterWrite>& writ
 // Selects `setting` and starts the stream (request 5, value 1).
 inline NTSTATUS StartStream(EmulatedCamera& cam, uint8_t setting = 5) {
   NTSTATUS status = cam.SelectAlternateSetting(setting);
-  if (status < 0) return status;
-  return cam.ControlTransfer(5, 1, 0, nullptr, nullptr, false);
+  return status < 0 ? status : cam.ControlTransfer(5, 1, 0, nullptr, nullptr, false);
 }
 
-// A frame as the driver's packet routine sees it: what lies between the
-// header-only start packet and the packet flagged last.
+// What lies between the header-only start packet and the packet flagged last.
 struct CollectedFrame {
   std::vector<uint8_t> bytes;
   uint64_t startPacket = 0;  // packets pulled before the start packet
@@ -84,9 +82,9 @@ struct CollectedFrame {
   uint8_t endFlags = 0;
 };
 
-// Pulls packets until one whole frame went by. `pulled` counts every packet
-// pulled so far (kept by the caller across calls). False if the stream ended
-// or `limit` packets passed without a whole frame.
+// Pulls packets until one whole frame went by; `pulled` counts every packet
+// pulled (kept by the caller across calls). False if the stream ended or
+// `limit` packets passed without a whole frame.
 inline bool CollectFrame(EmulatedCamera& cam, CollectedFrame* frame, uint64_t* pulled,
                          uint64_t limit = 200000) {
   *frame = CollectedFrame();
@@ -96,12 +94,10 @@ inline bool CollectFrame(EmulatedCamera& cam, CollectedFrame* frame, uint64_t* p
     if (!cam.NextPacket(&packet)) return false;
     const uint64_t index = (*pulled)++;
     if (packet.empty()) continue;
-    const uint8_t header = packet[0];
-    const uint8_t flags = packet.size() > 1 ? packet[1] : 0;
+    const uint8_t header = packet[0], flags = packet.size() > 1 ? packet[1] : 0;
     if (!inFrame) {
-      inFrame = packet.size() == header && !(flags & 0x02);
-      if (inFrame) frame->startPacket = index;
-      if (!inFrame) continue;
+      if (!(inFrame = packet.size() == header && !(flags & 0x02))) continue;
+      frame->startPacket = index;
     }
     frame->flagsOr |= flags;
     if (header < packet.size())
@@ -111,12 +107,11 @@ inline bool CollectFrame(EmulatedCamera& cam, CollectedFrame* frame, uint64_t* p
   return false;
 }
 
-// Average of every byte at an even offset of a YUYV frame: its mean luma.
+// Mean of the bytes at even offsets of a YUYV frame: its mean luma.
 inline double MeanLuma(const std::vector<uint8_t>& yuyv) {
-  if (yuyv.empty()) return 0;
   double sum = 0;
   for (size_t i = 0; i < yuyv.size(); i += 2) sum += yuyv[i];
-  return sum / double(yuyv.size() / 2);
+  return yuyv.empty() ? 0 : sum / double(yuyv.size() / 2);
 }
 
 }  // namespace emutest
