@@ -330,7 +330,9 @@ TEST(CaptureCycleThreads, StopAndStartRacingTheWorkerLeaveItIdle) {
   EXPECT_EQ(FastMutexBalance(), 0);
 }
 
-TEST(CaptureRequests, OnlyStreamZeroStartsAndStopsAndOnlyOnce) {
+// Only stream 0 starts and stops, and only once; a stop holds the shutter
+// monitor for about two seconds.
+TEST(CaptureRequests, StartsStopsAndTheShutterHold) {
   FakeCaptureHost host;
   TestDevice device;
   host.context = device.context;
@@ -352,12 +354,6 @@ TEST(CaptureRequests, OnlyStreamZeroStartsAndStopsAndOnlyOnce) {
     EXPECT_EQ(std::make_tuple(device->WorkerCommand, device->StreamOpen, device->FramesToDrop),
               std::make_tuple(command, streamOpen, posts && start ? 0u : 5u));
   }
-}
-
-TEST(CaptureRequests, AStopHoldsTheShutterMonitorForAboutTwoSeconds) {
-  FakeCaptureHost host;
-  TestDevice device;
-  host.context = device.context;
   const std::pair<uint32_t, uint32_t> cases[] = {{1000, 2}, {3000, 1}, {250, 8}, {2000, 1},
                                                  {1999, 1}, {100, 20}, {0, 77}};
   for (auto [period, hold] : cases) {
