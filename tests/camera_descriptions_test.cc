@@ -12,6 +12,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "core/device_context.h"
@@ -277,10 +278,8 @@ bool IsModeSectionName(const std::string& name) {
   return false;
 }
 
-struct Wire {
-  uint32_t width = 0, height = 0;
-  WireFrameLayout layout = WireFrameLayout::Bayer;
-};
+// A wire frame's width, height and layout.
+using Wire = std::tuple<uint32_t, uint32_t, int>;
 
 uint32_t CompressionOf(const std::string& format) {
   return format == "RGB24"  ? CompressionRGB24
@@ -299,13 +298,12 @@ uint32_t ScaleOf(uint32_t controlMethod) {
 // 960 frame; the layout by WireFormat, or by the output format for 0.
 Wire PromisedWire(const SizeKey& size, const std::string& format, uint32_t controlMethod,
                   uint32_t rawPipelineKind) {
-  const uint32_t s = ScaleOf(controlMethod);
-  Wire wire{size.width * kScaleUp[s] / kScaleDown[s], size.height * kScaleUp[s] / kScaleDown[s]};
-  if (size.width == 1024 && rawPipelineKind != 1) wire = {1280, 960};
-  const uint32_t wireFormat = (controlMethod >> 8) & 0xFF;
+  const uint32_t s = ScaleOf(controlMethod), wireFormat = (controlMethod >> 8) & 0xFF;
   const bool yuyv = wireFormat == 2 || (wireFormat == 0 && format == "YUYV");
-  wire.layout = yuyv ? WireFrameLayout::Yuyv : WireFrameLayout::Bayer;
-  return wire;
+  const int layout = int(yuyv ? WireFrameLayout::Yuyv : WireFrameLayout::Bayer);
+  if (size.width == 1024 && rawPipelineKind != 1) return {1280, 960, layout};
+  return {size.width * kScaleUp[s] / kScaleDown[s], size.height * kScaleUp[s] / kScaleDown[s],
+          layout};
 }
 
 // The capture host of these tests: vendor requests go to one emulated camera.
@@ -603,14 +601,11 @@ TEST(CameraDescriptions, EachModeMakesTheEmulatedSensorSendTheWireItsKeysPromise
           ASSERT_EQ(rig.StartMode(CompressionOf(key.format), size, quality), STATUS_SUCCESS);
           // The driver found the description's mode key and a section of the script.
           const DeviceContext* c = rig.context();
-          EXPECT_EQ(c->ControlMethod, key.controlMethod);
-          EXPECT_EQ(c->FrameInterval, key.frameRate);
-          EXPECT_EQ(c->StreamAlternateSetting, key.alternateSetting);
+          EXPECT_EQ(std::make_tuple(c->ControlMethod, c->FrameInterval, c->StreamAlternateSetting),
+                    std::make_tuple(key.controlMethod, key.frameRate, key.alternateSetting));
           EXPECT_EQ(sections.count(c->ModeSection), 1u) << "[" << c->ModeSection << "] missing";
           const WireFrameInfo wire = rig.camera->CurrentWireFrame();
-          EXPECT_EQ(wire.width, promised.width);
-          EXPECT_EQ(wire.height, promised.height);
-          EXPECT_EQ(int(wire.layout), int(promised.layout));
+          EXPECT_EQ(Wire(wire.width, wire.height, int(wire.layout)), promised);
           EXPECT_TRUE(rig.camera->WireRegistersAgree());
           // The driver's own length test and raw buffer, checked on their own
           // elsewhere, must take what the sensor sends.
