@@ -307,9 +307,11 @@ TEST_F(BandwidthTest, AllocationSelectsTheModesSettingAndRoundsTheFrameToPackets
   const std::tuple<uint32_t, uint32_t, uint16_t, uint32_t, uint32_t, uint32_t, uint32_t> cases[] = {
       {640, 480, 24, CompressionRGB24, 0x0100, 308000, CompressionRGB24},  // 307200
       {640, 480, 24, 0, 0x0100, 308000, CompressionRGB24},
-      {640, 480, 16, CompressionYUY2, 0x0203, 154000, CompressionYUY2},   // 307200 / 4 * 4 / 2
-      {320, 240, 12, CompressionI420, 0x0000, 116000, CompressionI420}};  // 240 * 3 * 320 / 2
+      {800, 600, 24, CompressionRGB24, 0x0100, 480000, CompressionRGB24},  // a whole number
+      {640, 480, 16, CompressionYUY2, 0x0203, 154000, CompressionYUY2},    // 307200 / 4 * 4 / 2
+      {320, 240, 12, CompressionI420, 0x0000, 116000, CompressionI420}};   // 240 * 3 * 320 / 2
   SetMode(u"RGB24", u"640", 0x0100);
+  SetMode(u"RGB24", u"800", 0x0100);
   SetMode(u"YUYV", u"640", 0x0203);
   SetMode(u"I420", u"320", 0x0000);
   for (auto [width, height, bits, biCompression, controlMethod, frameLength, compression] : cases) {
