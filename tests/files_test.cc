@@ -1,18 +1,19 @@
-// The file layer as the script reader uses it: object names onto host paths,
-// open-if, reads at explicit offsets, case-insensitive lookup, fault
-// injection, and no handle left open.
+// The file layer as the script reader uses it: object names onto host paths, open-if, reads at
+// explicit offsets, case-insensitive lookup, fault injection, and no handle left open.
 
 #include "platform/files.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "platform/files_control.h"
@@ -24,8 +25,7 @@ namespace {
 namespace fs = std::filesystem;
 
 // ZwCreateFile as the script reader calls it.
-NTSTATUS OpenAsDriver(const std::u16string& name, HANDLE* handle,
-                      ULONG disposition = FILE_OPEN_IF,
+NTSTATUS OpenAsDriver(const std::u16string& name, HANDLE* handle, ULONG disposition = FILE_OPEN_IF,
                       ULONG attributes = OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE,
                       ACCESS_MASK access = FILE_READ_DATA, IO_STATUS_BLOCK* io = nullptr) {
   std::u16string copy = name;
@@ -41,7 +41,8 @@ NTSTATUS ReadAt(HANDLE handle, int64_t offset, void* buffer, ULONG length, uint6
   IO_STATUS_BLOCK io{-1, 99};
   LARGE_INTEGER at;
   at.QuadPart = offset;
-  NTSTATUS status = ZwReadFile(handle, nullptr, nullptr, nullptr, &io, buffer, length, &at, nullptr);
+  NTSTATUS status =
+      ZwReadFile(handle, nullptr, nullptr, nullptr, &io, buffer, length, &at, nullptr);
   *got = io.Information;
   if (status != STATUS_INVALID_PARAMETER) {
     EXPECT_EQ(io.Status, status);
@@ -60,8 +61,8 @@ std::string ReadWhole(HANDLE handle) {
   return text;
 }
 
-// Drive T onto a fresh folder, drive Q unmapped. No other letter is touched,
-// so a mapping another suite (or MR740_DRIVE_C) made stays.
+// Drive T onto a fresh folder, drive Q unmapped; other letters, which other suites (or
+// MR740_DRIVE_C) may have mapped, stay.
 class Files : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -96,21 +97,28 @@ class Files : public ::testing::Test {
 using FilesThreads = Files;
 
 TEST_F(Files, ObjectNamesMapOntoHostPathsOrAreRefusedAsMalformed) {
-  const std::pair<std::u16string, const char*> cases[] = {  // host path below T:, or refused
+  // The host path below T:, or refused (Q: is not mapped).
+  const std::pair<std::u16string, const char*> cases[] = {
       {u"\\??\\T:\\Cameras\\OV7670\\Cam.txt", "/Cameras/OV7670/Cam.txt"},
       {u"\\??\\t:\\a.txt", "/a.txt"},
       {u"\\??\\T:\\with blank\\x y.TXT", "/with blank/x y.TXT"},
       {u"\\??\\T:\\caf\u00E9.txt", "/caf\xC3\xA9.txt"},
-      {u"\\??\\Q:\\a.txt", nullptr},  // drive not mapped
-      {u"\\??\\T:\\..\\etc\\passwd", nullptr},  {u"\\??\\T:\\a\\..\\..\\b", nullptr},
-      {u"\\??\\T:\\a\\.\\b", nullptr},          {u"\\??\\T:\\a\\\\b", nullptr},
-      {u"\\??\\T:\\a\\", nullptr},              {u"\\??\\T:\\", nullptr},
-      {u"\\??\\T:a.txt", nullptr},              {u"\\??\\T:\\a/../b", nullptr},
-      {u"\\??\\T:\\a*.txt", nullptr},           {u"\\??\\T:\\a\x01.txt", nullptr},
-      {u"\\??\\1:\\a.txt", nullptr},            {u"T:\\a.txt", nullptr},
-      {u"\\DosDevices\\T:\\a.txt", nullptr},    {u"\\??\\\\T:\\a.txt", nullptr},
-      {std::u16string(u"\\??\\T:\\a") + char16_t(0xD800) + u"b", nullptr},
-  };
+      {u"\\??\\Q:\\a.txt", nullptr},
+      {u"\\??\\T:\\..\\etc\\passwd", nullptr},
+      {u"\\??\\T:\\a\\..\\..\\b", nullptr},
+      {u"\\??\\T:\\a\\.\\b", nullptr},
+      {u"\\??\\T:\\a\\\\b", nullptr},
+      {u"\\??\\T:\\a\\", nullptr},
+      {u"\\??\\T:\\", nullptr},
+      {u"\\??\\T:a.txt", nullptr},
+      {u"\\??\\T:\\a/../b", nullptr},
+      {u"\\??\\T:\\a*.txt", nullptr},
+      {u"\\??\\T:\\a\x01.txt", nullptr},
+      {u"\\??\\1:\\a.txt", nullptr},
+      {u"T:\\a.txt", nullptr},
+      {u"\\DosDevices\\T:\\a.txt", nullptr},
+      {u"\\??\\\\T:\\a.txt", nullptr},
+      {std::u16string(u"\\??\\T:\\a") + char16_t(0xD800) + u"b", nullptr}};
   EXPECT_FALSE(MapDosDrive('1', root_));
   EXPECT_FALSE(MapDosDrive('[', root_));
   for (const auto& [name, hostPath] : cases) {
@@ -121,59 +129,68 @@ TEST_F(Files, ObjectNamesMapOntoHostPathsOrAreRefusedAsMalformed) {
   }
 }
 
-TEST_F(Files, CreateFileOpensCreatesOrRefusesByName) {
+TEST_F(Files, CreateFileOpensCreatesOrRefusesByNameAndFindsOtherCase) {
   Write("/Cameras/OV7670/Cam.txt", "script");
   fs::create_directories(root_ + "/Empty");
+  Write("/cams/a.txt", "lower");
+  Write("/cams/A.TXT", "upper");
+  Write("/cams/A.txt", "mixed");
+  fs::create_directories(root_ + "/CAMS");  // exact folder for an upper-case name
   ASSERT_TRUE(MapDosDrive('U', root_ + "/no such folder"));
   constexpr ULONG CI = OBJ_CASE_INSENSITIVE;
-  struct Case {  // hostFile: the file that must then exist with `contents`
-    std::u16string name;
-    ULONG disposition, attributes;
-    NTSTATUS status;
-    uint64_t information;
-    const char *hostFile, *contents;
-  } const cases[] = {
-      {u"\\??\\T:\\Cameras\\OV7670\\Cam.txt", FILE_OPEN_IF, CI, STATUS_SUCCESS, FILE_OPENED,
-       "/Cameras/OV7670/Cam.txt", "script"},
-      {u"\\??\\T:\\Cameras\\OV7670\\Cam.txt", FILE_OPEN, CI, STATUS_SUCCESS, FILE_OPENED,
-       "/Cameras/OV7670/Cam.txt", "script"},
-      {u"\\??\\T:\\Empty\\New.txt", FILE_OPEN_IF, CI, STATUS_SUCCESS, FILE_CREATED,
-       "/Empty/New.txt", ""},
-      {u"\\??\\T:\\Empty\\Other.txt", FILE_OPEN, CI, STATUS_OBJECT_NAME_NOT_FOUND},
-      {u"\\??\\T:\\Missing\\Cam.txt", FILE_OPEN_IF, CI, STATUS_OBJECT_PATH_NOT_FOUND},
-      {u"\\??\\T:\\Cameras\\OV7670\\Cam.txt\\x", FILE_OPEN_IF, CI, STATUS_OBJECT_PATH_NOT_FOUND},
-      {u"\\??\\Q:\\Cam.txt", FILE_OPEN_IF, CI, STATUS_OBJECT_PATH_NOT_FOUND},
-      {u"\\??\\U:\\Cam.txt", FILE_OPEN_IF, CI, STATUS_OBJECT_PATH_NOT_FOUND},
-      {u"\\??\\T:\\..\\Cam.txt", FILE_OPEN_IF, CI, STATUS_OBJECT_NAME_INVALID},
-      {u"C:\\Cam.txt", FILE_OPEN_IF, CI, STATUS_OBJECT_NAME_INVALID},
-      {u"\\??\\T:\\Empty", FILE_OPEN_IF, CI, STATUS_ACCESS_DENIED},
-      {u"\\??\\T:\\Cam.txt", FILE_OVERWRITE_IF, CI, STATUS_NOT_SUPPORTED},
+  const NTSTATUS ok = STATUS_SUCCESS, noPath = STATUS_OBJECT_PATH_NOT_FOUND;
+  const uint64_t opened = FILE_OPENED, created = FILE_CREATED;
+  // Name (below T: unless it names its drive), disposition, attributes, status; on success the
+  // information, and the host file that must then hold the contents read.
+  using Case =
+      std::tuple<std::u16string, ULONG, ULONG, NTSTATUS, uint64_t, std::string, std::string>;
+  const Case cases[] = {
+      {u"Cameras\\OV7670\\Cam.txt", FILE_OPEN_IF, CI, ok, opened, "/Cameras/OV7670/Cam.txt",
+       "script"},
+      {u"Cameras\\OV7670\\Cam.txt", FILE_OPEN, CI, ok, opened, "/Cameras/OV7670/Cam.txt", "script"},
+      {u"Empty\\New.txt", FILE_OPEN_IF, CI, ok, created, "/Empty/New.txt", ""},
+      {u"Empty\\Other.txt", FILE_OPEN, CI, STATUS_OBJECT_NAME_NOT_FOUND, 0, "", ""},
+      {u"Missing\\Cam.txt", FILE_OPEN_IF, CI, noPath, 0, "", ""},
+      {u"Cameras\\OV7670\\Cam.txt\\x", FILE_OPEN_IF, CI, noPath, 0, "", ""},
+      {u"\\??\\Q:\\Cam.txt", FILE_OPEN_IF, CI, noPath, 0, "", ""},
+      {u"\\??\\U:\\Cam.txt", FILE_OPEN_IF, CI, noPath, 0, "", ""},
+      {u"..\\Cam.txt", FILE_OPEN_IF, CI, STATUS_OBJECT_NAME_INVALID, 0, "", ""},
+      {u"C:\\Cam.txt", FILE_OPEN_IF, CI, STATUS_OBJECT_NAME_INVALID, 0, "", ""},
+      {u"Empty", FILE_OPEN_IF, CI, STATUS_ACCESS_DENIED, 0, "", ""},
+      {u"Cam.txt", FILE_OVERWRITE_IF, CI, STATUS_NOT_SUPPORTED, 0, "", ""},
       // Other case: found at every level when the name asks for it ...
-      {u"\\??\\T:\\CAMERAS\\ov7670\\cam.TXT", FILE_OPEN_IF, CI, STATUS_SUCCESS, FILE_OPENED,
-       "/Cameras/OV7670/Cam.txt", "script"},
+      {u"CAMERAS\\ov7670\\cam.TXT", FILE_OPEN_IF, CI, ok, opened, "/Cameras/OV7670/Cam.txt",
+       "script"},
       // ... and not when it does not: the folder is missing, the file is new.
-      {u"\\??\\T:\\CAMERAS\\OV7670\\Cam.txt", FILE_OPEN_IF, 0, STATUS_OBJECT_PATH_NOT_FOUND},
-      {u"\\??\\T:\\Cameras\\OV7670\\CAM.TXT", FILE_OPEN_IF, 0, STATUS_SUCCESS, FILE_CREATED,
-       "/Cameras/OV7670/CAM.TXT", ""},
+      {u"CAMERAS\\OV7670\\Cam.txt", FILE_OPEN_IF, 0, noPath, 0, "", ""},
+      {u"Cameras\\OV7670\\CAM.TXT", FILE_OPEN_IF, 0, ok, created, "/Cameras/OV7670/CAM.TXT", ""},
+      // The exact name first, else the smallest match: "A.TXT" < "A.txt" < "a.txt".
+      {u"cams\\a.txt", FILE_OPEN_IF, CI, ok, opened, "/cams/a.txt", "lower"},
+      {u"cams\\A.TXT", FILE_OPEN_IF, CI, ok, opened, "/cams/A.TXT", "upper"},
+      {u"cams\\a.TXT", FILE_OPEN_IF, CI, ok, opened, "/cams/A.TXT", "upper"},
+      {u"CAMS\\a.txt", FILE_OPEN_IF, CI, ok, created, "/CAMS/a.txt", ""},  // exact folder wins
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(NarrowAscii(c.name));
+  for (const auto& [name, disposition, attributes, status, information, hostFile, contents] :
+       cases) {
+    SCOPED_TRACE(NarrowAscii(name));
+    const std::u16string full = name.find(u':') != name.npos ? name : u"\\??\\T:\\" + name;
     HANDLE handle = nullptr;
     IO_STATUS_BLOCK io{-1, 99};
-    NTSTATUS status = OpenAsDriver(c.name, &handle, c.disposition, c.attributes, FILE_READ_DATA, &io);
-    EXPECT_EQ(status, c.status) << NtStatusName(status);
+    EXPECT_EQ(OpenAsDriver(full, &handle, disposition, attributes, FILE_READ_DATA, &io), status);
     if (!NT_SUCCESS(status)) {
       EXPECT_EQ(handle, nullptr);
       continue;
     }
-    EXPECT_EQ(io.Status, STATUS_SUCCESS);
-    EXPECT_EQ(io.Information, c.information);
-    EXPECT_EQ(ReadWhole(handle), c.contents);  // an empty file reads as ended at once
+    EXPECT_EQ(std::make_pair(io.Status, io.Information), std::make_pair(ok, information));
+    EXPECT_EQ(ReadWhole(handle), contents);  // an empty file reads as ended at once
     EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
-    EXPECT_EQ(HostText(c.hostFile), c.contents);
+    EXPECT_EQ(HostText(hostFile), contents);
   }
   // Nothing appeared where an open failed.
-  EXPECT_FALSE(fs::exists(root_ + "/Missing"));
+  std::vector<std::string> top;
+  for (const auto& entry : fs::directory_iterator(root_)) top.push_back(entry.path().filename());
+  std::sort(top.begin(), top.end());
+  EXPECT_EQ(top, (std::vector<std::string>{"CAMS", "Cameras", "Empty", "cams"}));
   EXPECT_FALSE(fs::exists(root_ + "/Empty/Other.txt"));
   MapDosDrive('U', "");
 }
@@ -184,24 +201,25 @@ TEST_F(Files, ReadsBringTheBytesAtTheirOffsetAndEndOfFileAtOrPastTheEnd) {
   Write("/Cam.txt", text);
   HANDLE handle = nullptr;
   ASSERT_EQ(OpenAsDriver(u"\\??\\T:\\Cam.txt", &handle), STATUS_SUCCESS);
-  struct Case { int64_t offset; ULONG length; NTSTATUS status; uint64_t bytes; } const cases[] = {
+  // Offset, length, status, bytes read; a short last read keeps the rest of the buffer.
+  const std::tuple<int64_t, ULONG, NTSTATUS, uint64_t> cases[] = {
       {0, 128, STATUS_SUCCESS, 128},
-      {256, 128, STATUS_SUCCESS, 44},  // the short last read keeps the rest of the buffer
+      {256, 128, STATUS_SUCCESS, 44},
       {299, 128, STATUS_SUCCESS, 1},
       {300, 128, STATUS_END_OF_FILE, 0},
       {int64_t(1) << 40, 128, STATUS_END_OF_FILE, 0},
       {17, 0, STATUS_SUCCESS, 0},
-      {-1, 128, STATUS_INVALID_PARAMETER, 0},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.offset);
-    std::vector<char> buffer(c.length + 1, '#');
+      {-1, 128, STATUS_INVALID_PARAMETER, 0}};
+  for (const auto& [offset, length, status, bytes] : cases) {
+    SCOPED_TRACE(offset);
+    std::vector<char> buffer(length + 1, '#');
     uint64_t got = 0;
-    EXPECT_EQ(ReadAt(handle, c.offset, buffer.data(), c.length, &got), c.status);
-    if (c.status == STATUS_INVALID_PARAMETER) continue;
-    EXPECT_EQ(got, c.bytes);
-    EXPECT_EQ(std::string(buffer.data(), got), text.substr(std::min<size_t>(c.offset, 300), got));
-    for (size_t i = got; i < buffer.size(); ++i) ASSERT_EQ(buffer[i], '#') << i;
+    EXPECT_EQ(ReadAt(handle, offset, buffer.data(), length, &got), status);
+    if (status == STATUS_INVALID_PARAMETER) continue;
+    EXPECT_EQ(got, bytes);
+    std::string expected = text.substr(std::min<size_t>(offset, 300), got);
+    expected.resize(buffer.size(), '#');
+    EXPECT_EQ(std::string(buffer.begin(), buffer.end()), expected);
   }
   EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
 }
@@ -246,30 +264,6 @@ TEST_F(Files, ReadRefusesBadHandlesAndArguments) {
   EXPECT_EQ(handle, nullptr);
 }
 
-TEST_F(Files, CaseInsensitiveLookupPrefersTheExactNameThenTheSmallestMatch) {
-  Write("/cams/a.txt", "lower");
-  Write("/cams/A.TXT", "upper");
-  Write("/cams/A.txt", "mixed");
-  fs::create_directories(root_ + "/CAMS");  // exact folder for an upper-case name
-  Write("/Other/Cam.txt", "other");
-  const std::pair<std::u16string, const char*> cases[] = {
-      {u"\\??\\T:\\cams\\a.txt", "lower"},
-      {u"\\??\\T:\\cams\\A.TXT", "upper"},
-      {u"\\??\\T:\\cams\\a.TXT", "upper"},  // no exact entry: "A.TXT" < "A.txt" < "a.txt"
-      {u"\\??\\T:\\oTHER\\cAM.tXT", "other"},
-      {u"\\??\\T:\\CAMS\\a.txt", ""},  // the exact folder wins; the file is new there
-  };
-  for (const auto& [name, contents] : cases) {
-    SCOPED_TRACE(NarrowAscii(name));
-    HANDLE handle = nullptr;
-    ASSERT_EQ(OpenAsDriver(name, &handle), STATUS_SUCCESS);
-    EXPECT_EQ(ReadWhole(handle), contents);
-    EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
-  }
-  EXPECT_TRUE(fs::exists(root_ + "/CAMS/a.txt"));
-  EXPECT_EQ(std::distance(fs::directory_iterator(root_), fs::directory_iterator()), 3);
-}
-
 TEST_F(Files, InjectedReadFailureHitsTheNthReadOnceAndLeavesTheBuffer) {
   Write("/Cam.txt", "0123456789");
   HANDLE handle = nullptr;
@@ -292,9 +286,8 @@ TEST_F(Files, InjectedReadFailureHitsTheNthReadOnceAndLeavesTheBuffer) {
   EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
 }
 
-// Two threads read two scripts through their own handles, a third opens and
-// closes a handle on the first over and over: every read brings its own file's
-// bytes.
+// Two threads read two scripts through their own handles while a third opens and closes the
+// first over and over: every read brings its own file's bytes.
 TEST_F(FilesThreads, ConcurrentReadsOnDifferentHandlesSeeTheirOwnBytes) {
   std::string texts[2];
   for (int i = 0; i < 4096; ++i) {

@@ -1,16 +1,17 @@
-// The kernel layer on one thread: event states, timed waits and delays in
-// virtual time, the system time, pool accounting and fault injection, the leak
-// report, the balance check, the debug print capture, status names, and the
-// driver faults that abort (recursive fast mutex, bad pool frees).
+// The kernel layer on one thread: events, waits and delays in virtual time, the system time,
+// pool accounting, faults and leaks, the balance check, debug print capture, status names, and
+// the driver faults that abort.
+
+#include "platform/kernel.h"
 
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <ctime>
 #include <string>
+#include <tuple>
 #include <vector>
 
-#include "platform/kernel.h"
 #include "platform/kernel_control.h"
 #include "tests/kernel_test_clock.h"
 
@@ -35,13 +36,13 @@ class KernelClock : public ::testing::Test {
 };
 
 TEST_F(KernelClock, EventsGivePreviousStateAndOnlySynchronizationResetsOnWait) {
-  struct Case { EVENT_TYPE type; LONG stateAfterWait; NTSTATUS secondWait; };
-  const Case cases[] = {{NotificationEvent, 1, STATUS_SUCCESS},
-                        {SynchronizationEvent, 0, STATUS_TIMEOUT}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(testing::Message() << "type " << c.type);
+  // Event type, state after a satisfied wait, and the second wait's result.
+  const std::tuple<EVENT_TYPE, LONG, NTSTATUS> cases[] = {
+      {NotificationEvent, 1, STATUS_SUCCESS}, {SynchronizationEvent, 0, STATUS_TIMEOUT}};
+  for (const auto& [type, stateAfterWait, secondWait] : cases) {
+    SCOPED_TRACE(testing::Message() << "type " << type);
     KEVENT event{};
-    KeInitializeEvent(&event, c.type, FALSE);
+    KeInitializeEvent(&event, type, FALSE);
     EXPECT_EQ(KeSetEvent(&event, 0, FALSE), 0);
     EXPECT_EQ(KeSetEvent(&event, 0, FALSE), 1);
     KeClearEvent(&event);
@@ -49,33 +50,45 @@ TEST_F(KernelClock, EventsGivePreviousStateAndOnlySynchronizationResetsOnWait) {
     EXPECT_EQ(WaitFor(&event, 0), STATUS_TIMEOUT);
     KeSetEvent(&event, 0, FALSE);
     EXPECT_EQ(WaitFor(&event, -10), STATUS_SUCCESS);
-    EXPECT_EQ(KeReadStateEvent(&event), c.stateAfterWait);
-    EXPECT_EQ(WaitFor(&event, -10), c.secondWait);
+    EXPECT_EQ(KeReadStateEvent(&event), stateAfterWait);
+    EXPECT_EQ(WaitFor(&event, -10), secondWait);
   }
-  // A zero-filled event, as the host hands the device record over, is a clear
-  // notification event even before its Initialize call.
+  // A zero-filled event, as the host hands the device record over, is a clear notification
+  // event even before its Initialize call.
   KEVENT raw{};
   KeSetEvent(&raw, 0, FALSE);
   EXPECT_EQ(WaitFor(&raw, 0), STATUS_SUCCESS);
   EXPECT_EQ(WaitFor(&raw, 0), STATUS_SUCCESS);
 }
 
-TEST_F(KernelClock, UnsatisfiedTimedWaitEndsExactlyAtItsDeadline) {
-  struct Case { const char* name; int64_t timeout; int64_t clockAfter; };
-  const Case cases[] = {
-      {"relative 1 ms", -10000, kStart + 10000},
-      {"absolute, 5 s ahead", kStart + 50000000, kStart + 50000000},
-      {"absolute, already past", kStart - 1, kStart},
-      {"absolute zero: test and return", 0, kStart},
-      {"longest relative: no overflow", INT64_MIN, INT64_MAX},
+TEST_F(KernelClock, UnsatisfiedWaitsAndDelaysEndExactlyAtTheirDeadlineWithoutSleeping) {
+  // A wait on a clear event, or a delay; its interval; the clock after it; only delays count
+  // in the delay total.
+  const std::tuple<const char*, bool, int64_t, int64_t> cases[] = {
+      {"wait, relative 1 ms", false, -10000, kStart + 10000},
+      {"wait, absolute 5 s ahead", false, kStart + 50000000, kStart + 50000000},
+      {"wait, absolute already past", false, kStart - 1, kStart},
+      {"wait, absolute zero: test and return", false, 0, kStart},
+      {"wait, longest relative: no overflow", false, INT64_MIN, INT64_MAX},
+      {"delay, relative 200 ms, the worker's pause", true, -2000000, kStart + 2000000},
+      {"delay, absolute 3 ms ahead", true, kStart + 30000, kStart + 30000},
+      {"delay, absolute in the past", true, kStart - 30000, kStart},
+      {"delay, zero", true, 0, kStart},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& [name, delay, interval, clockAfter] : cases) {
+    SCOPED_TRACE(name);
     SetKernelClock(kStart);
+    ResetKernelDelayTotal();
     KEVENT event;
     KeInitializeEvent(&event, NotificationEvent, FALSE);
-    EXPECT_EQ(WaitFor(&event, c.timeout), STATUS_TIMEOUT);
-    EXPECT_EQ(Clock(), c.clockAfter);
+    LARGE_INTEGER at;
+    at.QuadPart = interval;
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(delay ? KeDelayExecutionThread(KernelMode, FALSE, &at) : WaitFor(&event, interval),
+              delay ? STATUS_SUCCESS : STATUS_TIMEOUT);
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(100));
+    EXPECT_EQ(Clock(), clockAfter);
+    EXPECT_EQ(KernelDelayTotal(), delay ? clockAfter - kStart : 0);
   }
   // A signalled event ends the wait at once and leaves the clock alone.
   SetKernelClock(kStart);
@@ -83,29 +96,6 @@ TEST_F(KernelClock, UnsatisfiedTimedWaitEndsExactlyAtItsDeadline) {
   KeInitializeEvent(&event, NotificationEvent, TRUE);
   EXPECT_EQ(WaitFor(&event, -20000000), STATUS_SUCCESS);
   EXPECT_EQ(Clock(), kStart);
-  EXPECT_EQ(KernelDelayTotal(), 0);
-}
-
-TEST_F(KernelClock, DelayAdvancesClockByItsIntervalWithoutSleeping) {
-  struct Case { const char* name; int64_t interval; int64_t advance; };
-  const Case cases[] = {
-      {"relative 200 ms, the worker's pause", -2000000, 2000000},
-      {"absolute, 3 ms ahead", kStart + 30000, 30000},
-      {"absolute, in the past", kStart - 30000, 0},
-      {"zero", 0, 0},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    SetKernelClock(kStart);
-    ResetKernelDelayTotal();
-    LARGE_INTEGER interval;
-    interval.QuadPart = c.interval;
-    auto before = std::chrono::steady_clock::now();
-    EXPECT_EQ(KeDelayExecutionThread(KernelMode, FALSE, &interval), STATUS_SUCCESS);
-    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(100));
-    EXPECT_EQ(Clock(), kStart + c.advance);
-    EXPECT_EQ(KernelDelayTotal(), c.advance);
-  }
 }
 
 TEST_F(KernelClock, SystemTimeIsVirtualOrTheWallClock) {
@@ -124,26 +114,24 @@ TEST_F(KernelClock, SystemTimeIsVirtualOrTheWallClock) {
 // ---------------------------------------------------------------- pool
 
 TEST(KernelPool, NthAllocationFailsAndTheOthersWork) {
-  struct Case {
-    uint64_t nth;
-    bool every;
-    std::vector<bool> succeeds;  // five allocations in a row
-  };
-  const Case cases[] = {
+  // The allocation to fail, whether all after it fail too, and which of five in a row succeed.
+  const std::tuple<uint64_t, bool, std::vector<bool>> cases[] = {
       {1, false, {false, true, true, true, true}},
       {3, false, {true, true, false, true, true}},
       {2, true, {true, false, false, false, false}},
       {0, false, {true, true, true, true, true}},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(testing::Message() << "nth " << c.nth << " every " << c.every);
-    PoolFailAllocation(c.nth, c.every);
+  for (const auto& [nth, every, succeeds] : cases) {
+    SCOPED_TRACE(testing::Message() << "nth " << nth << " every " << every);
+    PoolFailAllocation(nth, every);
     std::vector<void*> blocks;
-    for (size_t i = 0; i < c.succeeds.size(); ++i) {
+    std::vector<bool> got;
+    for (size_t i = 0; i < succeeds.size(); ++i) {
       void* block = ExAllocatePoolWithTag(NonPagedPool, 16, kTagA);
-      EXPECT_EQ(block != nullptr, c.succeeds[i]) << "allocation " << i + 1;
+      got.push_back(block != nullptr);
       if (block) blocks.push_back(block);
     }
+    EXPECT_EQ(got, succeeds);
     PoolFailAllocation(0);
     for (void* block : blocks) ExFreePoolWithTag(block, kTagA);
   }
@@ -160,11 +148,9 @@ TEST(KernelPool, LiveBlocksAndBytesAreCountedPerTagAndLeftOnesReported) {
   void* odd = ExAllocatePoolWithTag(NonPagedPool, 8, 0x00017354);  // 'T' 's' 0x01 0x00
   ASSERT_TRUE(a1 && b1 && a2 && odd);
   EXPECT_EQ(reinterpret_cast<uintptr_t>(a1) % 16, 0u);
-  EXPECT_EQ(PoolLiveBlocks(kTagA), 2u);
-  EXPECT_EQ(PoolLiveBytes(kTagA), 64u);
-  EXPECT_EQ(PoolLiveBlocks(kTagB), 1u);
-  EXPECT_EQ(PoolLiveBytes(kTagB), 100u);
-  EXPECT_EQ(PoolLiveBlocks(), allBefore + 4);
+  EXPECT_EQ(std::vector<uint64_t>({PoolLiveBlocks(kTagA), PoolLiveBytes(kTagA),
+                                   PoolLiveBlocks(kTagB), PoolLiveBytes(kTagB), PoolLiveBlocks()}),
+            std::vector<uint64_t>({2, 64, 1, 100, allBefore + 4}));
 
   std::vector<std::string> leaks;  // this test's lines among those of any live block
   {
@@ -239,16 +225,16 @@ TEST(KernelDebugPrint, CapturesNestAndRestoreThePreviousSink) {
 }
 
 TEST(KernelStatus, NtStatusNameNamesKnownCodesAndWritesOthersInHex) {
-  struct Case { NTSTATUS status; const char* name; };
-  const Case cases[] = {
-      {0x00000000, "STATUS_SUCCESS"},         {0x00000102, "STATUS_TIMEOUT"},
+  const std::pair<NTSTATUS, std::string> cases[] = {
+      {0x00000000, "STATUS_SUCCESS"},
+      {0x00000102, "STATUS_TIMEOUT"},
       {NTSTATUS(0xC00000BBu), "STATUS_NOT_SUPPORTED"},
       {NTSTATUS(0xC000000Du), "STATUS_INVALID_PARAMETER"},
       {NTSTATUS(0xC000009Au), "STATUS_INSUFFICIENT_RESOURCES"},
       {NTSTATUS(0x80000005u), "STATUS_BUFFER_OVERFLOW"},
-      {NTSTATUS(0xC0000016u), "0xC0000016"}, {0x00000001, "0x00000001"},
-  };
-  for (const Case& c : cases) EXPECT_STREQ(NtStatusName(c.status), c.name);
+      {NTSTATUS(0xC0000016u), "0xC0000016"},
+      {0x00000001, "0x00000001"}};
+  for (const auto& [status, name] : cases) EXPECT_EQ(NtStatusName(status), name);
 }
 
 // ---------------------------------------------------------------- driver faults

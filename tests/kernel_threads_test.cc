@@ -1,13 +1,13 @@
-// The kernel layer across threads: a worker loop in the driver's manner that
-// must not lose a wake-up, fast mutex exclusion and its counters, timed waits
-// in virtual time against a clock moved by hand or by auto-advance, per-thread
-// priorities, thread start failure and the shutdown balance.
+// The kernel layer across threads: a worker loop that must not lose a wake-up, fast mutex
+// exclusion, timed waits in virtual time, per-thread priorities, thread start failure and the
+// shutdown balance.
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "platform/kernel.h"
@@ -21,9 +21,9 @@ constexpr KPRIORITY kEndingPriority = 13;
 
 void StartThread(PKSTART_ROUTINE routine, void* context) {
   HANDLE handle = nullptr;
-  ASSERT_EQ(PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, routine,
-                                 context),
-            STATUS_SUCCESS);
+  ASSERT_EQ(
+      PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, routine, context),
+      STATUS_SUCCESS);
   ZwClose(handle);
 }
 
@@ -42,9 +42,8 @@ class KernelThreads : public ::testing::Test {
   }
 };
 
-// The worker's mailbox: a command word, a wake event, a stop event and a done
-// event, as the driver's worker thread has them, and an acknowledgement the
-// poster waits for at the end of each burst of posts.
+// The driver's worker mailbox: a command word, wake, stop and done events, and an acknowledgement
+// the poster waits for at the end of each burst of posts.
 struct Mailbox {
   KEVENT wake, stop, done, ack;
   std::atomic<uint32_t> command{0};
@@ -78,8 +77,7 @@ void WorkerLoop(void* context) {
 
 TEST_F(KernelThreads, WorkerLoopLosesNoWakeUpUnderManyPosts) {
   constexpr uint32_t kRounds = 1500;
-  // Real time here: the waits below return as soon as they are signalled, and
-  // their limit of ten seconds is only reached when a wake-up was lost.
+  // Real time: the waits return when signalled; their 10 s limit is reached only on a lost wake-up.
   constexpr int64_t kGuard = -100000000;
   SetKernelClockMode(KernelClockMode::Real);
   for (EVENT_TYPE wakeType : {NotificationEvent, SynchronizationEvent}) {
@@ -92,8 +90,7 @@ TEST_F(KernelThreads, WorkerLoopLosesNoWakeUpUnderManyPosts) {
     const KernelCounters before = GetKernelCounters();
     KeSetPriorityThread(KeGetCurrentThread(), kSignalPriority);
     StartThread(WorkerLoop, &box);
-    // Bursts of one to four posts; within a burst later posts replace earlier
-    // ones, and the last one of each burst must be carried out.
+    // Bursts of one to four posts, later ones replacing earlier; the last must be carried out.
     uint32_t post = 0;
     for (uint32_t round = 0; round < kRounds; ++round) {
       const uint32_t burst = round % 4 + 1;
@@ -116,8 +113,8 @@ TEST_F(KernelThreads, WorkerLoopLosesNoWakeUpUnderManyPosts) {
     EXPECT_EQ(box.lastSeen, post);
     EXPECT_GE(box.carriedOut, kRounds);
     EXPECT_LE(box.carriedOut, post);
-    // Priorities belong to each thread: the worker began at 0 although the
-    // poster had raised itself, and each signal carries its signaller's.
+    // Priorities are per thread: the worker began at 0 although the poster had raised itself,
+    // and each signal carries its signaller's.
     EXPECT_EQ(box.priorityAtStart, 0);
     EXPECT_EQ(CurrentThreadPriority(), kSignalPriority);
     EXPECT_EQ(LastSetEventPriority(&box.ack), kSignalPriority);
@@ -168,12 +165,12 @@ TEST_F(KernelThreads, FastMutexExcludesOtherThreadsAndItsCountsBalance) {
     for (int t = 0; t < kThreads; ++t) StartThread(HammerMutex, &shared);
     HammerMutex(&shared);  // the test thread takes part too, as no system thread
     ASSERT_TRUE(JoinSystemThreads());
-    EXPECT_EQ(shared.overlaps.load(), 0);
-    EXPECT_EQ(shared.counter, long{kRounds} * (kThreads + 1));
     const KernelCounters after = GetKernelCounters();
     const uint64_t rounds = uint64_t{kRounds} * (kThreads + 1);
-    EXPECT_EQ(after.mutexAcquires - before.mutexAcquires, rounds);
-    EXPECT_EQ(after.mutexReleases - before.mutexReleases, rounds);
+    EXPECT_EQ(std::vector<uint64_t>({uint64_t(shared.overlaps.load()), uint64_t(shared.counter),
+                                     after.mutexAcquires - before.mutexAcquires,
+                                     after.mutexReleases - before.mutexReleases}),
+              std::vector<uint64_t>({0, rounds, rounds, rounds}));
     EXPECT_EQ(FastMutexBalance(), 0);
   }
 }
@@ -194,41 +191,34 @@ void WaitOnce(void* context) {
 }
 
 TEST_F(KernelThreads, TimedWaitEndsWhenSignalledOrWhenTheClockReachesItsDeadline) {
-  // Signalled after the first advance, or else the clock moves one tick more.
-  struct Case { const char* name; int64_t timeout, firstAdvance; bool signal; NTSTATUS status;
-                int64_t clockAtReturn; } const cases[] = {
+  // Timeout, first advance; then signalled, or else the clock moves one tick more; the result.
+  const std::tuple<const char*, int64_t, int64_t, bool, NTSTATUS, int64_t> cases[] = {
       {"relative, signalled one tick early", -1000, 999, true, STATUS_SUCCESS, kStart + 999},
       {"relative, times out on the tick", -1000, 999, false, STATUS_TIMEOUT, kStart + 1000},
       {"absolute, signalled early", kStart + 5000, 4999, true, STATUS_SUCCESS, kStart + 4999},
       {"absolute, times out on the tick", kStart + 5000, 4999, false, STATUS_TIMEOUT,
        kStart + 5000},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& [name, timeout, firstAdvance, signal, status, clockAtReturn] : cases) {
+    SCOPED_TRACE(name);
     SetKernelClock(kStart);
     TimedWaiter waiter;
     KeInitializeEvent(&waiter.event, SynchronizationEvent, FALSE);
-    waiter.timeout = c.timeout;
+    waiter.timeout = timeout;
     StartThread(WaitOnce, &waiter);
-    // The deadline is fixed once the thread is in its wait.
-    ASSERT_TRUE(WaitForVirtualTimedWaiters(1));
-    AdvanceKernelClock(c.firstAdvance);
-    if (c.signal) {
-      KeSetEvent(&waiter.event, 0, FALSE);
-    } else {
-      AdvanceKernelClock(1);
-    }
+    ASSERT_TRUE(WaitForVirtualTimedWaiters(1));  // the deadline is fixed once it waits
+    AdvanceKernelClock(firstAdvance);
+    signal ? void(KeSetEvent(&waiter.event, 0, FALSE)) : AdvanceKernelClock(1);
     ASSERT_TRUE(JoinSystemThreads());
-    EXPECT_EQ(waiter.status, c.status);
-    EXPECT_EQ(waiter.clockAtReturn, c.clockAtReturn);
+    EXPECT_EQ(std::make_pair(waiter.status, waiter.clockAtReturn),
+              std::make_pair(status, clockAtReturn));
   }
 }
 
 TEST_F(KernelThreads, AutoAdvanceMeetsDeadlinesInTheirOrder) {
-  // The earlier waiter times out first and then signals the later one, which
-  // must see that signal before its own deadline: the clock may not jump to
-  // the later deadline while the earlier one is still pending. Several rounds,
-  // since a wrong order would show only now and then.
+  // The earlier waiter times out, then signals the later one, which must see that signal before
+  // its own deadline: the clock may not jump past a pending earlier deadline. Several rounds,
+  // since a wrong order shows only now and then.
   for (int round = 0; round < 5; ++round) {
     SCOPED_TRACE(testing::Message() << "round " << round);
     SetKernelClockAutoAdvance(false);
@@ -246,10 +236,8 @@ TEST_F(KernelThreads, AutoAdvanceMeetsDeadlinesInTheirOrder) {
     ASSERT_TRUE(WaitForVirtualTimedWaiters(2));
     SetKernelClockAutoAdvance(true);
     ASSERT_TRUE(JoinSystemThreads());
-    EXPECT_EQ(early.status, STATUS_TIMEOUT);
-    EXPECT_EQ(early.clockAtReturn, kStart + 1000);
-    EXPECT_EQ(late.status, STATUS_SUCCESS);
-    EXPECT_EQ(late.clockAtReturn, kStart + 1000);
+    EXPECT_EQ(std::make_tuple(early.status, early.clockAtReturn, late.status, late.clockAtReturn),
+              std::make_tuple(STATUS_TIMEOUT, kStart + 1000, STATUS_SUCCESS, kStart + 1000));
   }
 }
 

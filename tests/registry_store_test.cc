@@ -1,23 +1,30 @@
-// The registry store over the platform registry: the level walk of sub key
-// creation, the sized value query and its defaults, the sensor root, and no
-// key handle left open after any operation.
+// The registry store over the platform registry: the level walk of sub key creation, the sized
+// value query and its defaults, the sensor root, and no key handle left open.
+
+#include "settings/registry_store.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "platform/handles.h"
 #include "platform/kernel_control.h"
 #include "platform/registry_control.h"
-#include "settings/registry_store.h"
 #include "tests/device_fixture.h"
 
 namespace {
 
 const std::u16string kDeviceKey =
     u"\\REGISTRY\\MACHINE\\SYSTEM\\CurrentControlSet\\Control\\Class\\{Image}\\0000";
+
+// A DWORD as the control side reads it; -1 when there is none.
+int64_t Dword(const std::u16string& path, const std::u16string& name) {
+  uint32_t value = 0;
+  return GetRegistryDword(path, name, &value) ? int64_t{value} : -1;
+}
 
 class RegistryStore : public ::testing::Test {
  protected:
@@ -43,29 +50,18 @@ class RegistryStore : public ::testing::Test {
 };
 
 TEST_F(RegistryStore, SubKeyWalkCreatesEachLevelFromTheStartOfThePath) {
-  struct Case {
-    const char16_t* path;
-    uint64_t creates;                     // ZwCreateKey calls of the walk
-    std::vector<std::u16string> created;  // below the device key
-  } const cases[] = {
-      {u"a\\b\\c", 3, {u"a", u"a\\b", u"a\\b\\c"}},
-      {u"x", 1, {u"x"}},
-      {u"PropertySetting\\Brightness\\PageSelect", 3,
-       {u"PropertySetting", u"PropertySetting\\Brightness"}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(NarrowAscii(c.path));
+  // Path, and the ZwCreateKey calls of the walk, one a level.
+  const std::pair<std::u16string, uint64_t> cases[] = {
+      {u"a\\b\\c", 3}, {u"x", 1}, {u"PropertySetting\\Brightness\\PageSelect", 3}};
+  for (const auto& [path, creates] : cases) {
+    SCOPED_TRACE(NarrowAscii(path));
     HANDLE parent = OpenDevice(), key = nullptr;
     const uint64_t before = RegistryCallCount();
-    ASSERT_EQ(CreateRegistrySubKey(parent, SubKeyAccess, c.path, &key), STATUS_SUCCESS);
-    EXPECT_EQ(RegistryCallCount() - before, c.creates);
-    for (const std::u16string& level : c.created) {
-      EXPECT_TRUE(RegistryKeyExists(kDeviceKey + u"\\" + level)) << NarrowAscii(level);
-    }
+    ASSERT_EQ(CreateRegistrySubKey(parent, SubKeyAccess, path.c_str(), &key), STATUS_SUCCESS);
+    EXPECT_EQ(RegistryCallCount() - before, creates);
     // The handle is to the last level: a value set through it lands there.
     WriteRegistryDword(key, u"Marker", 7);
-    uint32_t marker = 0;
-    EXPECT_TRUE(GetRegistryDword(kDeviceKey + u"\\" + c.path, u"Marker", &marker) && marker == 7);
+    EXPECT_EQ(Dword(kDeviceKey + u"\\" + path, u"Marker"), 7);
     ZwClose(key);
     ZwClose(parent);
   }
@@ -84,29 +80,25 @@ TEST_F(RegistryStore, QueryCopiesAtMostTheBufferAndTellsTheStoredLength) {
   SetRegistryBinary(kDeviceKey, u"FourBytes", {0x78, 0x56, 0x34, 0x12});
   SetRegistryBinary(kDeviceKey, u"Long", std::vector<uint8_t>(10, 0xAB));
   SetRegistryString(kDeviceKey, u"Script", u"C:\\Cam\\a.txt");
-  struct Case {
-    const char16_t* name;
-    uint32_t bufferLength;
-    NTSTATUS status;
-    uint32_t lengthAfter;
-    std::vector<uint8_t> bytes;  // the buffer's first bytes after the call; the rest untouched
-  } const cases[] = {
+  // Name, buffer length, status, length after, and the buffer's first bytes after the call (the
+  // rest untouched). A 4-byte value of another type reads like a DWORD; a longer one is cut,
+  // never written past the buffer.
+  using Case = std::tuple<std::u16string, uint32_t, NTSTATUS, uint32_t, std::vector<uint8_t>>;
+  const Case cases[] = {
       {u"Number", 8, STATUS_SUCCESS, 4, {0x44, 0x33, 0x22, 0x11}},
-      // A 4-byte value of another type reads like a DWORD.
       {u"FourBytes", 4, STATUS_SUCCESS, 4, {0x78, 0x56, 0x34, 0x12}},
-      // A stored value longer than the destination is cut, never written past it.
       {u"Long", 4, STATUS_SUCCESS, 10, {0xAB, 0xAB, 0xAB, 0xAB}},
       {u"Script", 8, STATUS_SUCCESS, 26, {'C', 0, ':', 0, '\\', 0, 'C', 0}},
       {u"Missing", 8, STATUS_OBJECT_NAME_NOT_FOUND, 8, {}},
   };
   HANDLE key = OpenDevice();
-  for (const Case& c : cases) {
-    SCOPED_TRACE(NarrowAscii(c.name));
-    std::vector<uint8_t> buffer(12, 0xEE), expected = c.bytes;
+  for (const auto& [name, bufferLength, status, lengthAfter, bytes] : cases) {
+    SCOPED_TRACE(NarrowAscii(name));
+    std::vector<uint8_t> buffer(12, 0xEE), expected = bytes;
     expected.resize(12, 0xEE);
-    uint32_t length = c.bufferLength;
-    EXPECT_EQ(QueryRegistryValue(key, c.name, buffer.data(), &length), c.status);
-    EXPECT_EQ(length, c.lengthAfter);
+    uint32_t length = bufferLength;
+    EXPECT_EQ(QueryRegistryValue(key, name.c_str(), buffer.data(), &length), status);
+    EXPECT_EQ(length, lengthAfter);
     EXPECT_EQ(buffer, expected);
   }
   EXPECT_EQ(PoolLiveBlocks(PoolTagWdm), 0u);
@@ -141,7 +133,7 @@ TEST_F(RegistryStore, SensorRootIsTheNamedSubKeyOrTheDeviceKeyItself) {
     WriteRegistryDword(key, u"SeparateCtrl", 1);
     ZwClose(key);
     const std::u16string root = name.empty() ? kDeviceKey : kDeviceKey + u"\\" + name;
-    EXPECT_TRUE(GetRegistryDword(root + u"\\InitialSetting", u"SeparateCtrl", nullptr));
+    EXPECT_EQ(Dword(root + u"\\InitialSetting", u"SeparateCtrl"), 1);
   }
   UnbindDeviceRegistryKey(device->PhysicalDeviceObject);
   HANDLE key = nullptr;
@@ -149,12 +141,12 @@ TEST_F(RegistryStore, SensorRootIsTheNamedSubKeyOrTheDeviceKeyItself) {
 }
 
 TEST_F(RegistryStore, ServiceWritesReportFailureOnlyThroughTheirResult) {
-  uint32_t one = 1, value = 0;
+  uint32_t one = 1;
   EXPECT_TRUE(WriteServiceDword(ServiceKeyName, u"ConnectionState", &one));
-  EXPECT_TRUE(GetRegistryDword(ServiceKeyPath, u"ConnectionState", &value) && value == 1);
+  EXPECT_EQ(Dword(ServiceKeyPath, u"ConnectionState"), 1);
   RegistryFailOperation(1, STATUS_ACCESS_DENIED);
   EXPECT_FALSE(WriteServiceDword(ServiceKeyName, u"PrpKeyNumber", &one));
-  EXPECT_FALSE(GetRegistryDword(ServiceKeyPath, u"PrpKeyNumber", &value));
+  EXPECT_EQ(Dword(ServiceKeyPath, u"PrpKeyNumber"), -1);
 }
 
 }  // namespace

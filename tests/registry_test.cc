@@ -1,7 +1,7 @@
-// The registry as the driver calls it and as the tools keep it: keys, values,
-// device and service keys, the value records, fault injection, handle
-// accounting, the ".reg" text form, atomic saves, the file kept across
-// restarts, and concurrent writers.
+// The registry as the driver calls it and as the tools keep it: keys, values, device and service
+// keys, the value records, fault injection, the ".reg" text form, the file, concurrent writers.
+
+#include "platform/registry.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -18,13 +18,13 @@
 #include <vector>
 
 #include "platform/handles.h"
-#include "platform/registry.h"
 #include "platform/registry_control.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using Bytes = std::vector<uint8_t>;
+using Listing = std::vector<std::tuple<std::u16string, ULONG, Bytes>>;
 const std::u16string kBase = u"\\REGISTRY\\MACHINE\\SOFTWARE\\Mr740Test";
 const std::string kHeader = "Windows Registry Editor Version 5.00\r\n\r\n";
 const std::string kBaseLine = "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Mr740Test]\r\n";
@@ -84,6 +84,15 @@ int64_t Dword(const std::u16string& path, const std::u16string& name) {
   return GetRegistryDword(path, name, &value) ? int64_t{value} : -1;
 }
 
+// The values of a key as the control side lists them, in order.
+Listing Listed(const std::u16string& path) {
+  std::vector<RegistryValueEntry> values;
+  EXPECT_TRUE(ListRegistryValues(path, &values));
+  Listing listed;
+  for (const auto& v : values) listed.emplace_back(v.name, v.type, v.data);
+  return listed;
+}
+
 DEVICE_OBJECT* FakeDevice(int index) {
   static char devices[4];
   return reinterpret_cast<DEVICE_OBJECT*>(&devices[index]);
@@ -136,60 +145,56 @@ using RegistryThreads = Registry;
 // ---------------------------------------------------------------- keys and values
 
 TEST_F(Registry, CreateMakesEveryMissingLevelAndReportsTheLastOne) {
-  struct Case {
-    const char* label;
-    std::vector<std::u16string> existing;  // below kBase, created first
-    bool relative;                         // relative to kBase, else absolute
-    std::u16string path;
-    NTSTATUS status;
-    ULONG disposition;
-    std::vector<std::u16string> mustExist, baseChildren;  // below kBase
-  };
   const std::u16string longName(255, u'k');
   std::u16string deepest = u"d";  // kBase is three levels below \REGISTRY
   for (size_t level = 4; level < RegistryMaxKeyDepth; ++level) deepest += u"\\d";
   const NTSTATUS ok = STATUS_SUCCESS, bad = STATUS_OBJECT_NAME_INVALID;
   const ULONG made = REG_CREATED_NEW_KEY, opened = REG_OPENED_EXISTING_KEY;
-  const Case cases[] = {
-      {"absolute, three new levels", {}, false, kBase + u"\\a\\b\\c", ok, made,
-       {u"a", u"a\\b", u"a\\b\\c"}, {u"a"}},
-      {"absolute, existing key", {u"a\\b"}, false, kBase + u"\\a\\b", ok, opened, {u"a\\b"}, {u"a"}},
-      {"absolute, other case", {u"Alpha"}, false, u"\\registry\\machine\\software\\MR740TEST\\ALPHA",
-       ok, opened, {u"alpha"}, {u"Alpha"}},
-      {"relative, below a level in other case", {u"a"}, true, u"A\\b\\c", ok, made, {u"a\\b\\c"},
-       {u"a"}},
-      {"relative, empty name opens the key itself", {}, true, u"", ok, opened, {}, {}},
-      {"longest name", {}, true, longName, ok, made, {longName}, {longName}},
-      {"name over 255 characters", {}, true, longName + u"k", bad, 0, {}, {}},
-      {"deepest key", {}, true, deepest, ok, made, {deepest}, {u"d"}},
-      {"one level deeper", {}, true, deepest + u"\\d", bad, 0, {}, {}},
-      {"empty level", {}, true, u"a\\\\b", bad, 0, {}, {}},
-      {"trailing backslash", {}, true, u"a\\", bad, 0, {}, {}},
-      {"leading backslash on a relative path", {}, true, u"\\a", bad, 0, {}, {}},
-      {"zero inside a name", {}, true, std::u16string(u"a\0b", 3), bad, 0, {}, {}},
-      {"outside \\REGISTRY", {}, false, u"\\Machine\\x", STATUS_OBJECT_PATH_NOT_FOUND, 0, {}, {}},
-      {"no root and no leading backslash", {}, false, u"REGISTRY\\MACHINE", bad, 0, {}, {}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.label);
+  using Keys = std::vector<std::u16string>;
+  // Below kBase: a key made first, and the key that must exist after; then kBase's children.
+  // The path is relative to kBase or absolute.
+  const std::tuple<std::u16string, bool, std::u16string, NTSTATUS, ULONG, std::u16string, Keys>
+      cases[] = {
+          {u"", false, kBase + u"\\a\\b\\c", ok, made, u"a\\b\\c", {u"a"}},
+          {u"a\\b", false, kBase + u"\\a\\b", ok, opened, u"a\\b", {u"a"}},
+          {u"Alpha",
+           false,
+           u"\\registry\\machine\\software\\MR740TEST\\ALPHA",
+           ok,
+           opened,
+           u"alpha",
+           {u"Alpha"}},
+          {u"a", true, u"A\\b\\c", ok, made, u"a\\b\\c", {u"a"}},
+          {u"", true, u"", ok, opened, u"", {}},  // the key itself
+          {u"", true, longName, ok, made, longName, {longName}},
+          {u"", true, longName + u"k", bad, 0, u"", {}},
+          {u"", true, deepest, ok, made, deepest, {u"d"}},
+          {u"", true, deepest + u"\\d", bad, 0, u"", {}},
+          {u"", true, u"a\\\\b", bad, 0, u"", {}},
+          {u"", true, u"a\\", bad, 0, u"", {}},
+          {u"", true, u"\\a", bad, 0, u"", {}},
+          {u"", true, std::u16string(u"a\0b", 3), bad, 0, u"", {}},
+          {u"", false, u"\\Machine\\x", STATUS_OBJECT_PATH_NOT_FOUND, 0, u"", {}},
+          {u"", false, u"REGISTRY\\MACHINE", bad, 0, u"", {}},
+      };
+  for (const auto& [existing, relative, path, status, disposition, exists, children] : cases) {
+    SCOPED_TRACE(NarrowAscii(path));
     ResetRegistry();
-    ASSERT_TRUE(CreateRegistryKeyPath(kBase));
-    for (const auto& path : c.existing) ASSERT_TRUE(CreateRegistryKeyPath(kBase + u"\\" + path));
+    ASSERT_TRUE(CreateRegistryKeyPath(existing.empty() ? kBase : kBase + u"\\" + existing));
     HANDLE base = nullptr, key = kUntouched;
     ASSERT_EQ(CreateKey(nullptr, kBase, &base), STATUS_SUCCESS);
-    ULONG disposition = 99;
-    EXPECT_EQ(CreateKey(c.relative ? base : nullptr, c.path, &key, &disposition), c.status);
-    if (NT_SUCCESS(c.status)) {
-      EXPECT_EQ(disposition, c.disposition);
+    ULONG got = 99;
+    EXPECT_EQ(CreateKey(relative ? base : nullptr, path, &key, &got), status);
+    if (NT_SUCCESS(status)) {
+      EXPECT_EQ(got, disposition);
       EXPECT_EQ(ZwClose(key), STATUS_SUCCESS);
     } else {
-      EXPECT_EQ(key, kUntouched);
-      EXPECT_EQ(disposition, 99u);
+      EXPECT_EQ(std::make_pair(key, got), std::make_pair(kUntouched, ULONG{99}));
     }
-    for (const auto& path : c.mustExist) EXPECT_TRUE(RegistryKeyExists(kBase + u"\\" + path));
-    std::vector<std::u16string> children;
-    ASSERT_TRUE(ListRegistrySubKeys(kBase, &children));
-    EXPECT_EQ(children, c.baseChildren);
+    EXPECT_TRUE(exists.empty() || RegistryKeyExists(kBase + u"\\" + exists));
+    Keys listed;
+    ASSERT_TRUE(ListRegistrySubKeys(kBase, &listed));
+    EXPECT_EQ(listed, children);
     EXPECT_EQ(ZwClose(base), STATUS_SUCCESS);
   }
 }
@@ -212,58 +217,37 @@ TEST_F(Registry, HandlesOnOneKeyShareItAndOutliveEachOther) {
   EXPECT_EQ(ZwClose(second), STATUS_SUCCESS);
 }
 
-TEST_F(Registry, PartialRecordIsSizedByTheBufferLength) {
-  // The record is TitleIndex, Type, DataLength (three 32-bit words), then the data.
-  const Bytes stored = {0x11, 0x22, 0x33, 0x44, 0x55};
-  ASSERT_TRUE(SetRegistryBinary(kBase, u"Blob", stored));
-  struct Case { ULONG length; NTSTATUS status; bool headerFilled, dataCopied; } const cases[] = {
+TEST_F(Registry, ValueRecordsAreSizedByTheBufferLengthAndNothingIsWrittenPastThem) {
+  const Bytes blob = {0x11, 0x22, 0x33, 0x44, 0x55};
+  ASSERT_TRUE(SetRegistryBinary(kBase, u"Blob", blob));
+  ASSERT_TRUE(SetRegistryValue(kBase, u"Pos", REG_DWORD, {0x78, 0x56, 0x34, 0x12}));
+  ASSERT_TRUE(SetRegistryDword(kBase, u"", 7));
+  HANDLE key = nullptr;
+  ASSERT_EQ(CreateKey(nullptr, kBase, &key), STATUS_SUCCESS);
+  // The partial record: TitleIndex, Type, DataLength, then the data; 17 bytes for "Blob".
+  const std::tuple<ULONG, NTSTATUS, bool, bool> partial[] = {
       {0, STATUS_BUFFER_TOO_SMALL, false, false}, {11, STATUS_BUFFER_TOO_SMALL, false, false},
       {12, STATUS_BUFFER_OVERFLOW, true, false},  {16, STATUS_BUFFER_OVERFLOW, true, false},
       {17, STATUS_SUCCESS, true, true},           {64, STATUS_SUCCESS, true, true},
   };
-  HANDLE key = nullptr;
-  ASSERT_EQ(CreateKey(nullptr, kBase, &key), STATUS_SUCCESS);
-  UNICODE_STRING name = Counted(u"blob");
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.length);
-    Bytes buffer(1 + 64 + 1, 0xCC);  // one byte in, so the record is not aligned
+  UNICODE_STRING blobName = Counted(u"blob");
+  for (const auto& [length, status, headerFilled, dataCopied] : partial) {
+    SCOPED_TRACE(length);
+    Bytes buffer(66, 0xCC), expected(66, 0xCC);  // one byte in, so the record is not aligned
     ULONG needed = 0;
-    EXPECT_EQ(ZwQueryValueKey(key, &name, KeyValuePartialInformation,
-                              c.length == 0 ? nullptr : buffer.data() + 1, c.length, &needed),
-              c.status);
+    EXPECT_EQ(ZwQueryValueKey(key, &blobName, KeyValuePartialInformation,
+                              length == 0 ? nullptr : &buffer[1], length, &needed),
+              status);
     EXPECT_EQ(needed, 17u);
-    std::vector<uint32_t> words(3);
-    std::memcpy(words.data(), buffer.data() + 1, 12);
-    const std::vector<uint32_t> header = {0, REG_BINARY, 5}, guard(3, 0xCCCCCCCCu);
-    EXPECT_EQ(words, c.headerFilled ? header : guard);
-    EXPECT_EQ(Bytes(buffer.begin() + 13, buffer.begin() + 18), c.dataCopied ? stored : Bytes(5, 0xCC));
-    EXPECT_EQ(buffer[0], 0xCC);
-    EXPECT_EQ(buffer[18], 0xCC);
+    const uint32_t header[3] = {0, REG_BINARY, 5};
+    if (headerFilled) std::memcpy(&expected[1], header, 12);
+    if (dataCopied) std::copy(blob.begin(), blob.end(), &expected[13]);
+    EXPECT_EQ(buffer, expected);
   }
-  ULONG untouched = 0xDEAD;
-  UNICODE_STRING missing = Counted(u"Blobs");
-  uint8_t record[32];
-  EXPECT_EQ(ZwQueryValueKey(key, &missing, KeyValuePartialInformation, record, 32, &untouched),
-            STATUS_OBJECT_NAME_NOT_FOUND);
-  EXPECT_EQ(untouched, 0xDEADu);
-  EXPECT_EQ(ZwClose(key), STATUS_SUCCESS);
-}
-
-TEST_F(Registry, FullRecordPutsTheDataOnAFourByteBoundaryAfterTheName) {
-  // Fixed words at 0, 4, 8, 12, 16: TitleIndex, Type, DataOffset, DataLength,
-  // NameLength; the name at 20. "Pos" is 6 bytes, 26 rounds up to 28; "Blob"
-  // is 8 bytes, 28 already; the default value has no name, data at 20.
-  ASSERT_TRUE(SetRegistryValue(kBase, u"Pos", REG_DWORD, {0x78, 0x56, 0x34, 0x12}));
-  ASSERT_TRUE(SetRegistryBinary(kBase, u"Blob", {0x11, 0x22, 0x33, 0x44, 0x55}));
-  ASSERT_TRUE(SetRegistryDword(kBase, u"", 7));
-  struct Case {
-    std::u16string name;
-    ULONG length;
-    NTSTATUS status;
-    ULONG needed, dataOffset, dataLength;
-    size_t nameBytesCopied;  // when the fixed words are written
-  } const cases[] = {
-      {u"Pos", 0, STATUS_BUFFER_TOO_SMALL, 32, 28, 4, 0},
+  // The full record: TitleIndex, Type, DataOffset, DataLength, NameLength, the name at 20, the
+  // data on the next four-byte boundary ("Pos": 26 rounds up to 28; "Blob": 28 already).
+  const std::tuple<std::u16string, ULONG, NTSTATUS, ULONG, ULONG, ULONG, size_t> full[] = {
+      // name, buffer length, status, needed, data offset and length, name bytes copied
       {u"Pos", 19, STATUS_BUFFER_TOO_SMALL, 32, 28, 4, 0},
       {u"Pos", 20, STATUS_BUFFER_OVERFLOW, 32, 28, 4, 0},
       {u"Pos", 23, STATUS_BUFFER_OVERFLOW, 32, 28, 4, 3},
@@ -272,36 +256,41 @@ TEST_F(Registry, FullRecordPutsTheDataOnAFourByteBoundaryAfterTheName) {
       {u"Blob", 33, STATUS_SUCCESS, 33, 28, 5, 8},
       {u"", 24, STATUS_SUCCESS, 24, 20, 4, 0},
   };
-  HANDLE key = nullptr;
-  ASSERT_EQ(CreateKey(nullptr, kBase, &key), STATUS_SUCCESS);
-  for (const Case& c : cases) {
-    SCOPED_TRACE(std::to_string(c.name.size()) + " characters, length " + std::to_string(c.length));
-    UNICODE_STRING name = Counted(c.name);
-    std::vector<uint8_t> buffer(1 + 64, 0xCC);
-    ULONG needed = 0;
-    EXPECT_EQ(ZwQueryValueKey(key, &name, KeyValueFullInformation,
-                              c.length == 0 ? nullptr : buffer.data() + 1, c.length, &needed),
-              c.status);
-    EXPECT_EQ(needed, c.needed);
+  for (const auto& [name, length, status, needed, dataOffset, dataLength, nameCopied] : full) {
+    SCOPED_TRACE(NarrowAscii(name) + " in " + std::to_string(length));
+    UNICODE_STRING counted = Counted(name);
+    Bytes buffer(1 + 64, 0xCC);
     const uint8_t* record = buffer.data() + 1;
+    ULONG got = 0;
+    EXPECT_EQ(ZwQueryValueKey(key, &counted, KeyValueFullInformation,
+                              length == 0 ? nullptr : &buffer[1], length, &got),
+              status);
+    EXPECT_EQ(got, needed);
     std::vector<uint32_t> words(5);
     std::memcpy(words.data(), record, 20);
-    if (c.status != STATUS_BUFFER_TOO_SMALL) {
-      const ULONG type = c.name == u"Blob" ? REG_BINARY : REG_DWORD, nameBytes = c.name.size() * 2;
-      EXPECT_EQ(words, (std::vector<uint32_t>{0, type, c.dataOffset, c.dataLength, nameBytes}));
-      EXPECT_EQ(std::memcmp(record + 20, c.name.data(), c.nameBytesCopied), 0);
+    if (status != STATUS_BUFFER_TOO_SMALL) {
+      const ULONG type = name == u"Blob" ? REG_BINARY : REG_DWORD;
+      EXPECT_EQ(words,
+                (std::vector<uint32_t>{0, type, dataOffset, dataLength, ULONG(name.size() * 2)}));
+      EXPECT_EQ(std::memcmp(record + 20, name.data(), nameCopied), 0);
     }
-    if (c.status == STATUS_SUCCESS) {
+    if (status == STATUS_SUCCESS) {
       RegistryValueEntry stored;
-      ASSERT_TRUE(GetRegistryValue(kBase, c.name, &stored));
-      EXPECT_EQ(Bytes(record + c.dataOffset, record + c.dataOffset + c.dataLength), stored.data);
+      ASSERT_TRUE(GetRegistryValue(kBase, name, &stored));
+      EXPECT_EQ(Bytes(record + dataOffset, record + dataOffset + dataLength), stored.data);
     }
-    const size_t written = c.status == STATUS_BUFFER_TOO_SMALL ? 0
-                           : c.status == STATUS_SUCCESS        ? c.needed
-                                                               : 20 + c.nameBytesCopied;
-    for (size_t i = written; i < 64; ++i) ASSERT_EQ(record[i], 0xCC) << "byte " << i;
+    const size_t written = status == STATUS_BUFFER_TOO_SMALL ? 0
+                           : status == STATUS_SUCCESS        ? needed
+                                                             : 20 + nameCopied;
+    EXPECT_EQ(Bytes(record + written, record + 64), Bytes(64 - written, 0xCC));
     EXPECT_EQ(buffer[0], 0xCC);
   }
+  uint8_t record[32];
+  ULONG untouched = 0xDEAD;
+  UNICODE_STRING missing = Counted(u"Blobs");
+  EXPECT_EQ(ZwQueryValueKey(key, &missing, KeyValuePartialInformation, record, 32, &untouched),
+            STATUS_OBJECT_NAME_NOT_FOUND);
+  EXPECT_EQ(untouched, 0xDEADu);
   EXPECT_EQ(ZwClose(key), STATUS_SUCCESS);
 }
 
@@ -309,12 +298,8 @@ TEST_F(Registry, DwordStringAndBinaryRoundTripBetweenDriverAndControlSide) {
   const std::u16string path = kBase + u"\\InitialSetting";
   Bytes large(300);
   for (size_t i = 0; i < large.size(); ++i) large[i] = static_cast<uint8_t>(i * 7 + 1);
-  struct Case {
-    std::u16string name;
-    ULONG type;
-    Bytes bytes;
-    bool driverWrites;  // else the control side writes
-  } const cases[] = {
+  // Name, type, bytes, and whether the driver writes it (else the control side did).
+  const std::tuple<std::u16string, ULONG, Bytes, bool> cases[] = {
       {u"FrameRate", REG_DWORD, {0x78, 0x56, 0x34, 0x12}, true},  // little-endian
       {u"SensorName", REG_SZ, {'O', 0, 'V', 0, '7', 0, '6', 0, 0, 0}, true},
       {u"Empty", REG_BINARY, {}, true},
@@ -326,21 +311,18 @@ TEST_F(Registry, DwordStringAndBinaryRoundTripBetweenDriverAndControlSide) {
   ASSERT_TRUE(SetRegistryString(path, u"Script", u"C:\\mr740.scr"));
   HANDLE key = nullptr;
   ASSERT_EQ(CreateKey(nullptr, path, &key), STATUS_SUCCESS);
-  for (const Case& c : cases) {
-    SCOPED_TRACE(NarrowAscii(c.name));
-    if (c.driverWrites) {
-      ASSERT_EQ(SetValue(key, c.name, c.type, c.bytes.data(), ULONG(c.bytes.size())),
-                STATUS_SUCCESS);
+  for (const auto& [name, type, bytes, driverWrites] : cases) {
+    SCOPED_TRACE(NarrowAscii(name));
+    if (driverWrites) {
+      ASSERT_EQ(SetValue(key, name, type, bytes.data(), ULONG(bytes.size())), STATUS_SUCCESS);
     }
-    ULONG type = 0;
+    ULONG gotType = 0;
     Bytes data;
-    ASSERT_EQ(QueryValue(key, c.name, &type, &data), STATUS_SUCCESS);
-    EXPECT_EQ(type, c.type);
-    EXPECT_EQ(data, c.bytes);
+    ASSERT_EQ(QueryValue(key, name, &gotType, &data), STATUS_SUCCESS);
+    EXPECT_EQ(std::tie(gotType, data), std::tie(type, bytes));
     RegistryValueEntry entry;
-    ASSERT_TRUE(GetRegistryValue(path, c.name, &entry));
-    EXPECT_EQ(entry.type, c.type);
-    EXPECT_EQ(entry.data, c.bytes);
+    ASSERT_TRUE(GetRegistryValue(path, name, &entry));
+    EXPECT_EQ(std::tie(entry.type, entry.data), std::tie(type, bytes));
   }
   std::u16string sensor;
   EXPECT_TRUE(GetRegistryString(path, u"SensorName", &sensor));
@@ -363,14 +345,9 @@ TEST_F(Registry, ValueNamesCompareWithoutCaseAndKeepTheirFirstSpelling) {
   ASSERT_EQ(SetDword(key, u"CURRENTVALUE", 4), STATUS_SUCCESS);
   const uint8_t two[2] = {9, 8};
   ASSERT_EQ(SetValue(key, u"currentflag", REG_BINARY, two, 2), STATUS_SUCCESS);
-  std::vector<RegistryValueEntry> values;
-  ASSERT_TRUE(ListRegistryValues(kBase, &values));
-  std::vector<std::tuple<std::u16string, ULONG, Bytes>> listed;
-  for (const auto& v : values) listed.emplace_back(v.name, v.type, v.data);
-  EXPECT_EQ(listed, (std::vector<std::tuple<std::u16string, ULONG, Bytes>>{
-                        {u"CurrentValue", REG_DWORD, {4, 0, 0, 0}},
-                        {u"CurrentFlag", REG_BINARY, {9, 8}},
-                        {u"", REG_DWORD, {3, 0, 0, 0}}}));
+  EXPECT_EQ(Listed(kBase), (Listing{{u"CurrentValue", REG_DWORD, {4, 0, 0, 0}},
+                                    {u"CurrentFlag", REG_BINARY, {9, 8}},
+                                    {u"", REG_DWORD, {3, 0, 0, 0}}}));
   EXPECT_EQ(ZwClose(key), STATUS_SUCCESS);
 }
 
@@ -389,26 +366,25 @@ TEST_F(Registry, ServiceKeyWritesGoToTheAbsolutePath) {
   EXPECT_EQ(write(1, u"Services\\X", u"V", 1), STATUS_INVALID_PARAMETER);  // absolute paths only
 }
 
-TEST_F(Registry, DeviceOpensTheSoftwareKeyBoundToIt) {
-  const std::u16string softwareKey =
-      u"\\REGISTRY\\MACHINE\\SYSTEM\\CurrentControlSet\\Control\\Class\\{Image}\\0003";
+TEST_F(Registry, DeviceOpensAndNamesTheSoftwareKeyBoundToIt) {
+  const std::u16string instance = u"{6BDD1FC6-810F-11D0-BEC7-08002BE2092F}\\0003";
+  const std::u16string softwareKey = DeviceSoftwareKeyPath(3);
+  EXPECT_EQ(softwareKey,
+            u"\\REGISTRY\\MACHINE\\SYSTEM\\CurrentControlSet\\Control\\Class\\" + instance);
   ASSERT_TRUE(BindDeviceRegistryKey(FakeDevice(0), softwareKey));
-  struct Case {
-    const char* label;
-    DEVICE_OBJECT* pdo;
-    ULONG keyType;
-    NTSTATUS status;
-  } const cases[] = {
-      {"bound device", FakeDevice(0), PLUGPLAY_REGKEY_DRIVER, STATUS_SUCCESS},
-      {"unbound device", FakeDevice(1), PLUGPLAY_REGKEY_DRIVER, STATUS_OBJECT_NAME_NOT_FOUND},
-      {"no device", nullptr, PLUGPLAY_REGKEY_DRIVER, STATUS_INVALID_PARAMETER},
-      {"hardware key", FakeDevice(0), PLUGPLAY_REGKEY_DEVICE, STATUS_INVALID_PARAMETER},
+  ASSERT_TRUE(BindDeviceRegistryKey(FakeDevice(1), kBase + u"\\0007"));
+  EXPECT_FALSE(BindDeviceRegistryKey(FakeDevice(3), u"SYSTEM\\NotAbsolute"));
+  const std::tuple<DEVICE_OBJECT*, ULONG, NTSTATUS> opens[] = {
+      {FakeDevice(0), PLUGPLAY_REGKEY_DRIVER, STATUS_SUCCESS},
+      {FakeDevice(2), PLUGPLAY_REGKEY_DRIVER, STATUS_OBJECT_NAME_NOT_FOUND},  // unbound
+      {FakeDevice(3), PLUGPLAY_REGKEY_DRIVER, STATUS_OBJECT_NAME_NOT_FOUND},  // binding refused
+      {nullptr, PLUGPLAY_REGKEY_DRIVER, STATUS_INVALID_PARAMETER},
+      {FakeDevice(0), PLUGPLAY_REGKEY_DEVICE, STATUS_INVALID_PARAMETER},  // the hardware key
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.label);
+  for (const auto& [device, keyType, status] : opens) {
     HANDLE key = kUntouched, sub = nullptr;
-    EXPECT_EQ(IoOpenDeviceRegistryKey(c.pdo, c.keyType, 0x20000, &key), c.status);
-    if (!NT_SUCCESS(c.status)) {
+    EXPECT_EQ(IoOpenDeviceRegistryKey(device, keyType, 0x20000, &key), status);
+    if (!NT_SUCCESS(status)) {
       EXPECT_EQ(key, kUntouched);
       continue;
     }
@@ -419,52 +395,34 @@ TEST_F(Registry, DeviceOpensTheSoftwareKeyBoundToIt) {
   }
   EXPECT_TRUE(GetRegistryDword(softwareKey, u"StreamOpen", nullptr));
   EXPECT_TRUE(RegistryKeyExists(softwareKey + u"\\ov7670\\propertysetting"));
+
+  // The driver key name: class-relative when below the class key, else the whole path.
+  const ULONG bytes = (43 + 1) * 2;  // 38 of the GUID, a backslash, four digits, the zero
+  const std::tuple<DEVICE_OBJECT*, DEVICE_REGISTRY_PROPERTY, ULONG, NTSTATUS, std::u16string>
+      names[] = {
+          {FakeDevice(0), DevicePropertyDriverKeyName, bytes, STATUS_SUCCESS, instance},
+          {FakeDevice(0), DevicePropertyDriverKeyName, bytes - 1, STATUS_BUFFER_TOO_SMALL, u""},
+          {FakeDevice(1), DevicePropertyDriverKeyName, 512, STATUS_SUCCESS, kBase + u"\\0007"},
+          {FakeDevice(0), DevicePropertyClassGuid, 512, STATUS_INVALID_PARAMETER_2, u""},
+          {FakeDevice(2), DevicePropertyDriverKeyName, 512, STATUS_OBJECT_NAME_NOT_FOUND, u""},
+      };
+  for (const auto& [device, property, length, status, text] : names) {
+    SCOPED_TRACE(length);
+    std::vector<char16_t> buffer(256, u'#');
+    ULONG result = 0;
+    EXPECT_EQ(IoGetDeviceProperty(device, property, length, buffer.data(), &result), status);
+    if (!NT_SUCCESS(status)) {
+      EXPECT_TRUE(status != STATUS_BUFFER_TOO_SMALL || result == bytes) << result;
+      EXPECT_EQ(buffer[0], u'#');
+      continue;
+    }
+    EXPECT_EQ(result, (text.size() + 1) * 2);
+    EXPECT_EQ(std::u16string(buffer.data()), text);
+  }
   UnbindDeviceRegistryKey(FakeDevice(0));
   HANDLE key = nullptr;
   EXPECT_EQ(IoOpenDeviceRegistryKey(FakeDevice(0), PLUGPLAY_REGKEY_DRIVER, 0x20000, &key),
             STATUS_OBJECT_NAME_NOT_FOUND);
-  EXPECT_FALSE(BindDeviceRegistryKey(FakeDevice(0), u"SYSTEM\\NotAbsolute"));
-}
-
-TEST_F(Registry, DriverKeyNameIsTheClassRelativePathEndingInTheInstance) {
-  const std::u16string expected = u"{6BDD1FC6-810F-11D0-BEC7-08002BE2092F}\\0003";
-  EXPECT_EQ(DeviceSoftwareKeyPath(3),
-            u"\\REGISTRY\\MACHINE\\SYSTEM\\CurrentControlSet\\Control\\Class\\" + expected);
-  ASSERT_TRUE(BindDeviceRegistryKey(FakeDevice(0), DeviceSoftwareKeyPath(3)));
-  ASSERT_TRUE(BindDeviceRegistryKey(FakeDevice(1), kBase + u"\\0007"));
-  const ULONG bytes = (43 + 1) * 2;  // 38 of the GUID, a backslash, four digits, the zero
-  struct Case {
-    const char* label;
-    DEVICE_OBJECT* device;
-    DEVICE_REGISTRY_PROPERTY property;
-    ULONG length;
-    NTSTATUS status;
-    std::u16string text;  // expected on success
-  } const cases[] = {
-      {"exactly fits", FakeDevice(0), DevicePropertyDriverKeyName, bytes, STATUS_SUCCESS, expected},
-      {"one byte short", FakeDevice(0), DevicePropertyDriverKeyName, bytes - 1,
-       STATUS_BUFFER_TOO_SMALL, u""},
-      {"bound outside the class key", FakeDevice(1), DevicePropertyDriverKeyName, 512,
-       STATUS_SUCCESS, kBase + u"\\0007"},
-      {"another property", FakeDevice(0), DevicePropertyClassGuid, 512, STATUS_INVALID_PARAMETER_2,
-       u""},
-      {"unbound device", FakeDevice(2), DevicePropertyDriverKeyName, 512,
-       STATUS_OBJECT_NAME_NOT_FOUND, u""},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.label);
-    std::vector<char16_t> buffer(256, u'#');
-    ULONG result = 0;
-    EXPECT_EQ(IoGetDeviceProperty(c.device, c.property, c.length, buffer.data(), &result),
-              c.status);
-    if (!NT_SUCCESS(c.status)) {
-      EXPECT_TRUE(c.status != STATUS_BUFFER_TOO_SMALL || result == bytes) << result;
-      EXPECT_EQ(buffer[0], u'#');
-      continue;
-    }
-    EXPECT_EQ(result, (c.text.size() + 1) * 2);
-    EXPECT_EQ(std::u16string(buffer.data()), c.text);
-  }
 }
 
 TEST_F(Registry, BadArgumentsGiveAStatusNotACrash) {
@@ -472,8 +430,7 @@ TEST_F(Registry, BadArgumentsGiveAStatusNotACrash) {
   ASSERT_EQ(CreateKey(nullptr, kBase, &key), STATUS_SUCCESS);
   ASSERT_EQ(CreateKey(nullptr, kBase, &closed), STATUS_SUCCESS);
   ASSERT_EQ(ZwClose(closed), STATUS_SUCCESS);
-  UNICODE_STRING name = Counted(u"Value");
-  UNICODE_STRING odd = {3, 4, const_cast<WCHAR*>(u"ab")};
+  UNICODE_STRING name = Counted(u"Value"), odd = {3, 4, const_cast<WCHAR*>(u"ab")};
   UNICODE_STRING noBuffer = {4, 4, nullptr};
   OBJECT_ATTRIBUTES attributes, oddAttributes;
   InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE, key, nullptr);
@@ -482,18 +439,18 @@ TEST_F(Registry, BadArgumentsGiveAStatusNotACrash) {
   ULONG needed = 0;
   uint32_t dword = 0;
   auto query = [&](HANDLE h, UNICODE_STRING* n, int kind, ULONG* result) {
-    return ZwQueryValueKey(h, n, static_cast<KEY_VALUE_INFORMATION_CLASS>(kind), record, 32,
-                           result);
+    return ZwQueryValueKey(h, n, KEY_VALUE_INFORMATION_CLASS(kind), record, 32, result);
+  };
+  auto create = [&](HANDLE* to, OBJECT_ATTRIBUTES* a) {
+    return ZwCreateKey(to, KEY_ALL_ACCESS, a, 0, nullptr, 0, nullptr);
   };
   const int partial = KeyValuePartialInformation;
   const NTSTATUS inval = STATUS_INVALID_PARAMETER, handle = STATUS_INVALID_HANDLE;
   const std::pair<std::function<NTSTATUS()>, NTSTATUS> cases[] = {
-      {[&] { return ZwCreateKey(nullptr, KEY_ALL_ACCESS, &attributes, 0, nullptr, 0, nullptr); },
-       inval},
-      {[&] { return ZwCreateKey(&out, KEY_ALL_ACCESS, nullptr, 0, nullptr, 0, nullptr); }, inval},
+      {[&] { return create(nullptr, &attributes); }, inval},
+      {[&] { return create(&out, nullptr); }, inval},
       {[&] { return CreateKey(closed, u"x", &out); }, handle},
-      {[&] { return ZwCreateKey(&out, KEY_ALL_ACCESS, &oddAttributes, 0, nullptr, 0, nullptr); },
-       STATUS_OBJECT_NAME_INVALID},
+      {[&] { return create(&out, &oddAttributes); }, STATUS_OBJECT_NAME_INVALID},
       {[&] { return query(closed, &name, partial, &needed); }, handle},
       {[&] { return query(key, &name, partial, nullptr); }, inval},
       {[&] { return query(key, &name, KeyValueBasicInformation, &needed); },
@@ -502,23 +459,19 @@ TEST_F(Registry, BadArgumentsGiveAStatusNotACrash) {
       {[&] { return query(key, &noBuffer, partial, &needed); }, inval},
       {[&] { return ZwSetValueKey(key, &name, 0, REG_DWORD, nullptr, 4); }, inval},
       {[&] { return ZwSetValueKey(closed, &name, 0, REG_DWORD, &dword, 4); }, handle},
-      {[&] {  // more than a megabyte
-         return ZwSetValueKey(key, &name, 0, REG_BINARY, record, ULONG(RegistryMaxValueBytes + 1));
-       },
+      {[&] { return ZwSetValueKey(key, &name, 0, REG_BINARY, record, RegistryMaxValueBytes + 1); },
        inval},
       {[&] { return RtlWriteRegistryValue(0, nullptr, u"V", REG_DWORD, &dword, 4); }, inval},
       {[&] { return IoOpenDeviceRegistryKey(FakeDevice(0), PLUGPLAY_REGKEY_DRIVER, 0, nullptr); },
        inval},
   };
   for (size_t i = 0; i < std::size(cases); ++i) EXPECT_EQ(cases[i].first(), cases[i].second) << i;
-  std::vector<RegistryValueEntry> values;
-  ASSERT_TRUE(ListRegistryValues(kBase, &values));
-  EXPECT_TRUE(values.empty());
+  EXPECT_EQ(Listed(kBase), Listing{});
   EXPECT_EQ(ZwClose(key), STATUS_SUCCESS);
 }
 
-// The driver's usual round, four registry calls: open the device key, create a
-// property key below it, write the value, read it back; close innermost first.
+// The driver's usual round, four registry calls: open the device key, create a property key
+// below it, write the value, read it back; close innermost first.
 NTSTATUS SavePropertyValue(uint32_t value) {
   HANDLE device = nullptr, property = nullptr;
   NTSTATUS status =
@@ -543,25 +496,20 @@ TEST_F(Registry, EachCallFailsInTurnAndTheNextRoundWorks) {
   uint64_t before = RegistryCallCount();
   ASSERT_EQ(SavePropertyValue(2), STATUS_SUCCESS);
   EXPECT_EQ(RegistryCallCount() - before, 4u);
-  for (uint64_t nth = 1;; ++nth) {
+  for (uint64_t nth = 1; nth <= 4; ++nth) {
     SCOPED_TRACE(nth);
-    ASSERT_LE(nth, 5u);
     const int64_t kept = Dword(propertyKey, u"CurrentValue");
     RegistryFailOperation(nth, STATUS_INSUFFICIENT_RESOURCES);
-    NTSTATUS status = SavePropertyValue(100 + static_cast<uint32_t>(nth));
-    const int64_t value = Dword(propertyKey, u"CurrentValue");
-    if (NT_SUCCESS(status)) {
-      EXPECT_EQ(nth, 5u);
-      EXPECT_EQ(value, 105);
-      RegistryFailOperation(0, STATUS_SUCCESS);
-      break;
-    }
-    EXPECT_EQ(status, STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(SavePropertyValue(100 + uint32_t(nth)), STATUS_INSUFFICIENT_RESOURCES);
     // Up to the failed write the value is as it was; a failed read comes after it.
-    EXPECT_EQ(value, nth <= 3 ? kept : int64_t(100 + nth));
+    EXPECT_EQ(Dword(propertyKey, u"CurrentValue"), nth <= 3 ? kept : int64_t(100 + nth));
     EXPECT_EQ(OpenPlatformHandles(HandleKind::RegistryKey), handlesBefore_);
     EXPECT_EQ(SavePropertyValue(200), STATUS_SUCCESS) << "the fault is spent";
   }
+  RegistryFailOperation(5, STATUS_INSUFFICIENT_RESOURCES);  // past the round: nothing fails
+  EXPECT_EQ(SavePropertyValue(105), STATUS_SUCCESS);
+  EXPECT_EQ(Dword(propertyKey, u"CurrentValue"), 105);
+  RegistryFailOperation(0, STATUS_SUCCESS);
   // With `every`, the chosen call and all after it fail until turned off.
   RegistryFailOperation(2, STATUS_ACCESS_DENIED, true);
   EXPECT_EQ(SavePropertyValue(3), STATUS_ACCESS_DENIED);
@@ -573,7 +521,7 @@ TEST_F(Registry, EachCallFailsInTurnAndTheNextRoundWorks) {
 // ---------------------------------------------------------------- the text form
 
 TEST_F(Registry, EachTextValueFormReadsToItsTypeAndBytes) {
-  struct Case { std::string line; std::u16string name; ULONG type; Bytes data; } const cases[] = {
+  const std::tuple<std::string, std::u16string, ULONG, Bytes> cases[] = {
       {"\"FrameRate\"=dword:0000001e", u"FrameRate", REG_DWORD, {0x1e, 0, 0, 0}},
       {"\"Short\"=DWORD:A", u"Short", REG_DWORD, {0x0a, 0, 0, 0}},
       {"@=dword:ffffffff", u"", REG_DWORD, {0xff, 0xff, 0xff, 0xff}},
@@ -592,16 +540,12 @@ TEST_F(Registry, EachTextValueFormReadsToItsTypeAndBytes) {
       {"\"Folded\"=hex:00,01,\\\r\n  02,03,\\\r\n  04", u"Folded", REG_BINARY, {0, 1, 2, 3, 4}},
       {"\"Wrapped\"=hex:\\\r\n  0a", u"Wrapped", REG_BINARY, {0x0a}},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.line);
+  for (const auto& [line, name, type, data] : cases) {
+    SCOPED_TRACE(line);
     ResetRegistry();
     std::string error;
-    ASSERT_TRUE(LoadRegistryText(kHeader + kBaseLine + c.line + "\r\n", "c.reg", &error)) << error;
-    std::vector<RegistryValueEntry> values;
-    ASSERT_TRUE(ListRegistryValues(kBase, &values));
-    ASSERT_EQ(values.size(), 1u);
-    EXPECT_TRUE(values[0].name == c.name && values[0].type == c.type);
-    EXPECT_EQ(values[0].data, c.data);
+    ASSERT_TRUE(LoadRegistryText(kHeader + kBaseLine + line + "\r\n", "c.reg", &error)) << error;
+    EXPECT_EQ(Listed(kBase), (Listing{{name, type, data}}));
   }
 }
 
@@ -623,11 +567,7 @@ TEST_F(Registry, TextKeyLinesDeletionsAndCommentsMergeIntoTheTree) {
   std::vector<std::u16string> keys;
   ASSERT_TRUE(ListRegistrySubKeys(kBase, &keys));
   EXPECT_EQ(keys, (std::vector<std::u16string>{u"Keep", u"Old"}));
-  std::vector<RegistryValueEntry> values;
-  ASSERT_TRUE(ListRegistryValues(kBase + u"\\Keep", &values));
-  ASSERT_EQ(values.size(), 1u);
-  EXPECT_TRUE(values[0].name == u"A");
-  EXPECT_EQ(values[0].data, (Bytes{5, 0, 0, 0}));
+  EXPECT_EQ(Listed(kBase + u"\\Keep"), (Listing{{u"A", REG_DWORD, {5, 0, 0, 0}}}));
 }
 
 TEST_F(Registry, Utf16LittleEndianTextReadsLikeItsUtf8Form) {
@@ -653,17 +593,11 @@ TEST_F(Registry, Utf16LittleEndianTextReadsLikeItsUtf8Form) {
 }
 
 TEST_F(Registry, MalformedTextNamesItsLineAndChangesNothing) {
-  struct Case {
-    std::string text;  // after the header and the key line unless `whole`
-    bool whole;
-    int line;
-    std::string what;
-  };
-  // Lines 1 and 2: header and blank line; 3: the key; 4: a good value; 5: the case.
+  // Text after the header and the key line (line 3), unless whole; then the line named and what
+  // is said. Line 4 is a good value, line 5 the fault.
   const std::string good = "\"Loaded\"=dword:1\r\n";
-  const Case cases[] = {
+  const std::tuple<std::string, bool, int, std::string> cases[] = {
       {"[HKLM\\X]\r\n", true, 1, "expected \"Windows Registry Editor Version 5.00\""},
-      {"REGEDIT4\r\n\r\n[HKEY_LOCAL_MACHINE\\X]\r\n", true, 1, "expected"},
       {"\r\n\r\n" + kHeader + "\"V\"=dword:1\r\n", true, 5, "value line before any key line"},
       {good + "[HKEY_LOCAL_MACHINE\\SOFTWARE\\X\r\n", false, 5, "without a closing ']'"},
       {good + "[HKEY_CURRENT_USER\\Software]\r\n", false, 5, "unknown root key"},
@@ -698,15 +632,15 @@ TEST_F(Registry, MalformedTextNamesItsLineAndChangesNothing) {
   };
   ASSERT_TRUE(SetRegistryDword(kBase, u"Marker", 42));
   const std::string before = SaveRegistryText();
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.text);
+  for (const auto& [text, whole, line, what] : cases) {
+    SCOPED_TRACE(text);
     std::string error;
-    const std::string text =
-        c.whole ? c.text : kHeader + "[HKLM\\SOFTWARE\\Mr740Test\\Loaded]\r\n" + c.text;
-    EXPECT_FALSE(LoadRegistryText(text, "cam.reg", &error));
-    const std::string prefix = "cam.reg:" + std::to_string(c.line) + ": ";
+    EXPECT_FALSE(
+        LoadRegistryText(whole ? text : kHeader + "[HKLM\\SOFTWARE\\Mr740Test\\Loaded]\r\n" + text,
+                         "cam.reg", &error));
+    const std::string prefix = "cam.reg:" + std::to_string(line) + ": ";
     EXPECT_EQ(error.substr(0, prefix.size()), prefix) << error;
-    EXPECT_NE(error.find(c.what), std::string::npos) << error;
+    EXPECT_NE(error.find(what), std::string::npos) << error;
     EXPECT_EQ(SaveRegistryText(), before);
   }
 }
@@ -733,14 +667,18 @@ TEST_F(Registry, SavedTextIsStableReadsBackToTheSameTreeAndFoldsAt80Columns) {
   Bytes large(300);
   for (size_t i = 0; i < large.size(); ++i) large[i] = uint8_t(i * 37 + 5);
   const std::u16string odd = kBase + u"\\Odd \"name\" [x] \u00E9\U0001F600";
-  ASSERT_TRUE(SetRegistryBinary(odd, u"Large", large));
-  ASSERT_TRUE(SetRegistryBinary(odd, std::u16string(70, u'n'), {1, 2}));  // breaks after "hex:"
-  ASSERT_TRUE(SetRegistryValue(odd, u"Line break", REG_SZ, {'a', 0, '\n', 0, 0, 0}));
-  ASSERT_TRUE(SetRegistryValue(odd, u"No zero", REG_SZ, {'a', 0}));
-  ASSERT_TRUE(SetRegistryValue(odd, u"Odd length", REG_SZ, {'a', 0, 0}));
-  ASSERT_TRUE(SetRegistryValue(odd, u"Half pair", REG_SZ, {0x3D, 0xD8, 0, 0}));
-  ASSERT_TRUE(SetRegistryValue(odd, u"Empty dword", REG_DWORD, {}));
-  ASSERT_TRUE(SetRegistryValue(odd, u"\\\"", 0x12345678, {9}));
+  const std::tuple<std::u16string, ULONG, Bytes> values[] = {
+      {u"Large", REG_BINARY, large},
+      {std::u16string(70, u'n'), REG_BINARY, {1, 2}},  // breaks after "hex:"
+      {u"Line break", REG_SZ, {'a', 0, '\n', 0, 0, 0}},
+      {u"No zero", REG_SZ, {'a', 0}},
+      {u"Odd length", REG_SZ, {'a', 0, 0}},
+      {u"Half pair", REG_SZ, {0x3D, 0xD8, 0, 0}},
+      {u"Empty dword", REG_DWORD, {}},
+      {u"\\\"", 0x12345678, {9}},
+  };
+  for (const auto& [name, type, data] : values)
+    ASSERT_TRUE(SetRegistryValue(odd, name, type, data));
   std::u16string deep = kBase;
   for (int level = 0; level < 40; ++level) deep += level % 2 ? u"\\d" : u"\\D";
   ASSERT_TRUE(SetRegistryDword(deep, u"Bottom", 1));
@@ -789,10 +727,10 @@ TEST_F(Registry, AnInterruptedSaveLeavesTheOldFileAndNamesTheTextCannotHoldFail)
   ASSERT_TRUE(SetRegistryDword(kBase, u"LensPos", 3));
   ASSERT_TRUE(SaveRegistryFile(file.string(), &error)) << error;
   EXPECT_FALSE(fs::exists(tmp));
-  EXPECT_NE(ReadFile(file).find("\"LensPos\"=dword:00000003\r\n"), std::string::npos);
+  const std::string kept = ReadFile(file);
+  EXPECT_NE(kept.find("\"LensPos\"=dword:00000003\r\n"), std::string::npos);
 
   // What the text form cannot hold fails the save and keeps the file.
-  const std::string kept = ReadFile(file);
   ASSERT_TRUE(CreateRegistryKeyPath(kBase + u"\\two\nlines"));
   EXPECT_FALSE(SaveRegistryFile(file.string(), &error));
   EXPECT_NE(error.find("cannot hold"), std::string::npos) << error;
@@ -828,7 +766,7 @@ TEST_F(Registry, DriverChangesSurviveARestart) {
   // ResetRegistry detaches without saving what is pending.
   SetRegistrySaveInterval(std::chrono::hours(1));
   ASSERT_TRUE(SetRegistryDword(kBase, u"Saved", 1));  // saved at once
-  ASSERT_TRUE(DriverSetDword(kBase, u"Pending", 1));   // within the interval
+  ASSERT_TRUE(DriverSetDword(kBase, u"Pending", 1));  // within the interval
   ResetRegistry();
   EXPECT_EQ(AttachedRegistryFile(), "");
   EXPECT_NE(ReadFile(file).find("\"Saved\"=dword:00000001"), std::string::npos);
@@ -873,8 +811,7 @@ TEST_F(Registry, QuickChangesCoalesceAndUnchangedBytesAreNoChange) {
   SetRegistrySaveInterval(std::chrono::milliseconds(0));
   const uint32_t four = 4;
   auto service = [&] {
-    return RtlWriteRegistryValue(0, ServiceKeyPath, u"PrpKeyNumber", REG_DWORD, &four, 4) ==
-           STATUS_SUCCESS;
+    return !RtlWriteRegistryValue(0, ServiceKeyPath, u"PrpKeyNumber", REG_DWORD, &four, 4);
   };
   HANDLE key = nullptr;
   const std::string deletion = kHeader + "[-HKLM\\SOFTWARE\\Mr740Test\\New]\r\n";
@@ -913,7 +850,8 @@ TEST_F(RegistryThreads, ConcurrentWritersLoseNoValue) {
           ++failures[t];
           continue;
         }
-        failures[t] += SetDword(key, valueName("T", t, i), uint32_t(t * 1000 + i)) != STATUS_SUCCESS;
+        failures[t] +=
+            SetDword(key, valueName("T", t, i), uint32_t(t * 1000 + i)) != STATUS_SUCCESS;
         failures[t] += SetDword(key, u"Last", uint32_t(t)) != STATUS_SUCCESS;
         ULONG type = 0;
         Bytes data;
@@ -931,10 +869,8 @@ TEST_F(RegistryThreads, ConcurrentWritersLoseNoValue) {
     }
   });
   for (auto& thread : threads) thread.join();
-  for (int t = 0; t <= kThreads; ++t) EXPECT_EQ(failures[t], 0) << "thread " << t;
-  std::vector<RegistryValueEntry> values;
-  ASSERT_TRUE(ListRegistryValues(shared, &values));
-  EXPECT_EQ(values.size(), size_t(kThreads * kRounds + 1));
+  EXPECT_EQ(failures, std::vector<int>(kThreads + 1, 0));
+  EXPECT_EQ(Listed(shared).size(), size_t(kThreads * kRounds + 1));
   for (int t = 0; t < kThreads; ++t) {
     for (int i = 0; i < kRounds; ++i) EXPECT_EQ(Dword(shared, valueName("t", t, i)), t * 1000 + i);
   }
@@ -954,11 +890,12 @@ TEST_F(RegistryThreads, ConcurrentDriverWritersAllReachTheFile) {
   std::vector<int> failures(kThreads, 0);
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
-      for (int i = 0; i < kRounds; ++i) failures[t] += !DriverSetDword(key(t), name(i), t * 100 + i);
+      for (int i = 0; i < kRounds; ++i)
+        failures[t] += !DriverSetDword(key(t), name(i), t * 100 + i);
     });
   }
   for (auto& thread : threads) thread.join();
-  for (int t = 0; t < kThreads; ++t) EXPECT_EQ(failures[t], 0) << "thread " << t;
+  EXPECT_EQ(failures, std::vector<int>(kThreads, 0));
   DetachRegistryFile();
   EXPECT_EQ(RegistryFileLastError(), "");
   ResetRegistry();

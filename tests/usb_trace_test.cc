@@ -1,6 +1,6 @@
-// The USB trace files: the text lines a person reads, and the pcap file that
-// Wireshark and tshark decode, checked against the published pcap and usbmon
-// layouts byte by byte (offsets written out here, not taken from the writer).
+// The USB trace files: the text lines a person reads, and the pcap file Wireshark decodes,
+// checked against the published pcap and usbmon layouts byte by byte (offsets written out here,
+// not taken from the writer).
 
 #include <gtest/gtest.h>
 
@@ -13,6 +13,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "host/capture_host.h"
@@ -88,10 +89,10 @@ TEST_F(UsbTraceFile, TextLinesShowEveryFieldOfARequestAndOfAStreamChange) {
     // off again.
     trace->Control(Rec{t0, 2, 0x4200, 0x000A, true, true, 1, {0x76}, STATUS_SUCCESS});
     trace->Control(Rec{t0 + 15000, 1, 0x4212, 0x0012, false, false, 0, {}, STATUS_UNSUCCESSFUL});
-    trace->Control(Rec{t0 + 20000, 3, 0x4200, 0x0017, false, true, 3, {0x11, 0x61, 0xC3},
-                       STATUS_SUCCESS});
-    trace->Control(Rec{t0 + 20001, 2, 0x4200, 0x000B, true, true, 1, {},
-                       STATUS_DEVICE_NOT_CONNECTED});
+    trace->Control(
+        Rec{t0 + 20000, 3, 0x4200, 0x0017, false, true, 3, {0x11, 0x61, 0xC3}, STATUS_SUCCESS});
+    trace->Control(
+        Rec{t0 + 20001, 2, 0x4200, 0x000B, true, true, 1, {}, STATUS_DEVICE_NOT_CONNECTED});
     trace->Stream({t0 + 10000000, 1, 5, 3072, STATUS_SUCCESS});
     trace->Stream({t0 + 25000000, 1, 0, 0, STATUS_SUCCESS});
   }
@@ -112,7 +113,7 @@ TEST_F(UsbTraceFile, TextLinesShowEveryFieldOfARequestAndOfAStreamChange) {
 }
 
 TEST_F(UsbTraceFile, PcapHasTheUsbmonLinkTypeAndDecodesFieldByField) {
-  const int64_t unix2020 = 15778368000000000;  // 2020-01-01 in 100 ns since 1970
+  const int64_t unix2020 = 15778368000000000;                 // 2020-01-01 in 100 ns since 1970
   const int64_t t = 116444736000000000 + unix2020 + 1234560;  // + 0.123456 s
   {
     std::string error;
@@ -128,8 +129,8 @@ TEST_F(UsbTraceFile, PcapHasTheUsbmonLinkTypeAndDecodesFieldByField) {
   ASSERT_GE(file.size(), 24u);
   // The classic pcap global header, little-endian, microsecond stamps, version
   // 2.4, LINKTYPE_USB_LINUX_MMAPPED (220).
-  EXPECT_EQ(std::vector<uint32_t>({Le32(&file[0]), Le32(&file[4]), Le32(&file[8]), Le32(&file[12]),
-                                   Le32(&file[20])}),
+  EXPECT_EQ(std::vector<uint32_t>(
+                {Le32(&file[0]), Le32(&file[4]), Le32(&file[8]), Le32(&file[12]), Le32(&file[20])}),
             std::vector<uint32_t>({0xA1B2C3D4u, 0x00040002u, 0, 0, 220}));
   EXPECT_GE(Le32(&file[16]), 64u + 64u);
   const std::vector<PcapRecord> records = Records(file);
@@ -137,62 +138,40 @@ TEST_F(UsbTraceFile, PcapHasTheUsbmonLinkTypeAndDecodesFieldByField) {
   EXPECT_EQ(Le32(&file[24]), 1577836800u) << "record seconds";
   EXPECT_EQ(Le32(&file[28]), 123456u) << "record microseconds";
 
-  struct Expected {
-    char type;
-    uint8_t endpoint;
-    bool setup;
-    uint8_t setupBytes[8];
-    int32_t status;
-    uint32_t length;
-    std::vector<uint8_t> data;
-  };
+  // Per record: type, endpoint, setup packet (none on completions), status, URB length, data.
+  using Setup = std::vector<uint8_t>;
   const int32_t inProgress = -EINPROGRESS;
-  const Expected expected[] = {
+  const std::tuple<char, uint8_t, Setup, int32_t, uint32_t, std::vector<uint8_t>> expected[] = {
       // Burst write: vendor OUT, the data on the submission.
-      {'S', 0x00, true, {0x40, 3, 0x00, 0x42, 0x17, 0x00, 3, 0}, inProgress, 3, {0x11, 0x61, 0xC3}},
-      {'C', 0x00, false, {}, 0, 3, {}},
+      {'S', 0x00, {0x40, 3, 0x00, 0x42, 0x17, 0x00, 3, 0}, inProgress, 3, {0x11, 0x61, 0xC3}},
+      {'C', 0x00, {}, 0, 3, {}},
       // One-byte read: vendor IN, the data on the completion.
-      {'S', 0x80, true, {0xC0, 2, 0x00, 0x00, 0x04, 0x00, 1, 0}, inProgress, 1, {}},
-      {'C', 0x80, false, {}, 0, 1, {0x04}},
+      {'S', 0x80, {0xC0, 2, 0x00, 0x00, 0x04, 0x00, 1, 0}, inProgress, 1, {}},
+      {'C', 0x80, {}, 0, 1, {0x04}},
       // Write without data stage that the camera stalls.
-      {'S', 0x00, true, {0x40, 1, 0x01, 0x60, 0x00, 0x80, 0, 0}, inProgress, 0, {}},
-      {'C', 0x00, false, {}, -EPIPE, 0, {}},
+      {'S', 0x00, {0x40, 1, 0x01, 0x60, 0x00, 0x80, 0, 0}, inProgress, 0, {}},
+      {'C', 0x00, {}, -EPIPE, 0, {}},
       // A block read on a camera that has gone.
-      {'S', 0x80, true, {0xC0, 6, 0x03, 0x00, 0x00, 0x00, 64, 0}, inProgress, 64, {}},
-      {'C', 0x80, false, {}, -ENODEV, 0, {}},
+      {'S', 0x80, {0xC0, 6, 0x03, 0x00, 0x00, 0x00, 64, 0}, inProgress, 64, {}},
+      {'C', 0x80, {}, -ENODEV, 0, {}},
       // The stream on alternate setting 4: SET_INTERFACE to interface 1.
-      {'S', 0x00, true, {0x01, 11, 0x04, 0x00, 0x01, 0x00, 0, 0}, inProgress, 0, {}},
-      {'C', 0x00, false, {}, 0, 0, {}},
+      {'S', 0x00, {0x01, 11, 0x04, 0x00, 0x01, 0x00, 0, 0}, inProgress, 0, {}},
+      {'C', 0x00, {}, 0, 0, {}},
   };
   for (size_t i = 0; i < records.size(); ++i) {
     SCOPED_TRACE("record " + std::to_string(i));
     const uint8_t* e = records[i].event;
-    const Expected& x = expected[i];
-    EXPECT_EQ(e[8], uint8_t(x.type));
-    EXPECT_EQ(e[9], 2) << "transfer type control";
-    EXPECT_EQ(e[10], x.endpoint);
-    EXPECT_EQ(e[11], 2) << "device";
-    EXPECT_EQ(Le16(e + 12), 1) << "bus";
-    EXPECT_EQ(e[14], x.setup ? 0 : '-') << "setup flag";
-    EXPECT_EQ(Le32(e + 16), 1577836800u) << "seconds (low word)";
-    EXPECT_EQ(Le32(e + 20), 0u) << "seconds (high word)";
-    EXPECT_EQ(Le32(e + 24), 123456u) << "microseconds";
-    EXPECT_EQ(int32_t(Le32(e + 28)), x.status);
-    EXPECT_EQ(Le32(e + 32), x.length) << "URB length";
-    if (x.setup) {
-      EXPECT_EQ(std::vector<uint8_t>(e + 40, e + 48), std::vector<uint8_t>(x.setupBytes, x.setupBytes + 8));
-    }
-    EXPECT_EQ(std::vector<uint8_t>(records[i].data, records[i].data + records[i].captured), x.data);
-    if (!x.data.empty()) {
-      EXPECT_EQ(e[15], 0) << "data flag: data present";
-    }
-    // Submission and completion of one transfer share the URB id, and no
-    // other transfer has it.
-    if (i % 2 == 1) {
-      EXPECT_EQ(std::memcmp(e, records[i - 1].event, 8), 0);
-    } else if (i > 0) {
-      EXPECT_NE(std::memcmp(e, records[i - 1].event, 8), 0);
-    }
+    const auto& [type, endpoint, setup, status, length, data] = expected[i];
+    // Type, control transfer, endpoint, device 2, bus 1, setup flag; 2020-01-01 0.123456 s.
+    EXPECT_EQ(std::vector<uint32_t>({e[8], e[9], e[10], e[11], Le16(e + 12), e[14], Le32(e + 16),
+                                     Le32(e + 20), Le32(e + 24), Le32(e + 28), Le32(e + 32)}),
+              std::vector<uint32_t>({uint8_t(type), 2, endpoint, 2, 1, setup.empty() ? '-' : 0u,
+                                     1577836800u, 0, 123456, uint32_t(status), length}));
+    EXPECT_EQ(setup.empty() ? setup : Setup(e + 40, e + 48), setup);
+    EXPECT_EQ(std::vector<uint8_t>(records[i].data, records[i].data + records[i].captured), data);
+    EXPECT_EQ(data.empty() ? 0 : e[15], 0) << "data flag: data present";
+    // Submission and completion of one transfer share the URB id, and no other transfer has it.
+    EXPECT_EQ(i > 0 && std::memcmp(e, records[i - 1].event, 8) == 0, i % 2 == 1);
   }
 }
 
