@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <tuple>
 #include <vector>
 
 #include "emulator/emulated_camera.h"
@@ -15,24 +16,22 @@ namespace {
 using namespace emutest;
 
 EmulatedCameraConfig LensCamera(EmulatedLensKind kind, int32_t start = 60) {
-  EmulatedCameraConfig config;
-  config.sensors = {EmulatedSensorConfig{EmulatedSensorKind::OV7670}};
+  EmulatedCameraConfig config = WithSensor(EmulatedSensorKind::OV7670);
   config.lens = kind;
   config.lensStartPosition = start;
   return config;
 }
 
 TEST(EmulatedLens, CoilPatternsStepTheMotor) {
+  // At 60 the rotor rests on phase 3. Phase bits go to register bits 1, 2, 3
+  // and 7: phase 3 is 0x06, 6 is 0x0C, 12 is 0x88, 9 is 0x82.
   struct Case {
     const char* name;
-    uint8_t enable;  // register 6
+    uint8_t enable;               // register 6
     std::vector<uint8_t> writes;  // register 0
     int32_t moved;
     uint64_t stalls;
-  };
-  // Start at 60: the rotor rests on phase 3. Phase bits go to register bits
-  // 1, 2, 3 and 7: phase 3 is 0x06, 6 is 0x0C, 12 is 0x88, 9 is 0x82.
-  const Case cases[] = {
+  } const cases[] = {
       {"four steps forward", 0x8E, {0x4C, 0xC8, 0xC2, 0x46}, 4, 0},
       {"three steps back from phase 3", 0x8E, {0xC2, 0xC8, 0x4C}, -3, 0},
       {"released coils hold, then a step", 0x8E, {0x40, 0x4C}, 1, 0},
@@ -46,8 +45,8 @@ TEST(EmulatedLens, CoilPatternsStepTheMotor) {
     EmulatedCamera cam(LensCamera(EmulatedLensKind::NoHomeSwitch));
     ASSERT_EQ(Write(cam, 0, 6, c.enable), STATUS_SUCCESS);
     for (uint8_t value : c.writes) ASSERT_EQ(Write(cam, 0, 0, value), STATUS_SUCCESS);
-    EXPECT_EQ(cam.LensPosition(), 60 + c.moved) << c.name;
-    EXPECT_EQ(cam.LensStalls(), c.stalls) << c.name;
+    EXPECT_EQ(std::pair(cam.LensPosition(), cam.LensStalls()), std::pair(60 + c.moved, c.stalls))
+        << c.name;
   }
   // Enabling the outputs after the pattern is written drives it then.
   EmulatedCamera cam(LensCamera(EmulatedLensKind::NoHomeSwitch));
@@ -77,19 +76,13 @@ void DriverMove(EmulatedCamera& cam, int steps, uint8_t* phase) {
 }
 
 TEST(EmulatedLens, EndStopsHoldTheLens) {
-  struct Case {
-    int32_t start;
-    int steps;
-    int32_t end;
-  };
-  for (const Case& c : {Case{2, -6, 0}, Case{148, 6, 150}, Case{0, -3, 0}, Case{150, -4, 146}}) {
-    EmulatedCamera cam(LensCamera(EmulatedLensKind::NoHomeSwitch, c.start));
+  for (const auto& [start, steps, end] :
+       {std::tuple{2, -6, 0}, {148, 6, 150}, {0, -3, 0}, {150, -4, 146}}) {
+    EmulatedCamera cam(LensCamera(EmulatedLensKind::NoHomeSwitch, start));
     ASSERT_EQ(Write(cam, 0, 6, 0x8E), STATUS_SUCCESS);
-    // Start the driver's phase on the rotor's so that no step is lost.
-    const uint8_t cycle[4] = {3, 6, 12, 9};
-    uint8_t phase = cycle[c.start % 4];
-    DriverMove(cam, c.steps, &phase);
-    EXPECT_EQ(cam.LensPosition(), c.end) << c.start << " by " << c.steps;
+    uint8_t phase = uint8_t((const uint8_t[]){3, 6, 12, 9}[start % 4]);  // the rotor's phase
+    DriverMove(cam, steps, &phase);
+    EXPECT_EQ(cam.LensPosition(), end) << start << " by " << steps;
   }
 }
 
@@ -97,11 +90,8 @@ TEST(EmulatedLens, HomeSwitchShowsInRegisterSevenAndTheHeader) {
   struct Case {
     EmulatedLensKind kind;
     int32_t position;
-    bool button;
-    bool register7Bit0;
-    bool headerFlag;
-  };
-  const Case cases[] = {
+    bool button, register7Bit0, headerFlag;
+  } const cases[] = {
       {EmulatedLensKind::HomeSwitch, 139, false, true, false},
       {EmulatedLensKind::HomeSwitch, 140, false, false, true},
       {EmulatedLensKind::HomeSwitch, 150, false, false, true},
@@ -118,8 +108,7 @@ TEST(EmulatedLens, HomeSwitchShowsInRegisterSevenAndTheHeader) {
     EXPECT_EQ((r7 & 1) != 0, c.register7Bit0) << int(c.kind) << " at " << c.position;
     EXPECT_EQ(cam.LensHomeSwitchClosed(), c.kind == EmulatedLensKind::HomeSwitch && c.headerFlag);
     ASSERT_EQ(Write(cam, 0x42, 0x12, 0x10), STATUS_SUCCESS);
-    ASSERT_EQ(cam.SelectAlternateSetting(5), STATUS_SUCCESS);
-    ASSERT_EQ(cam.ControlTransfer(5, 1, 0, nullptr, nullptr, false), STATUS_SUCCESS);
+    ASSERT_EQ(StartStream(cam), STATUS_SUCCESS);
     CollectedFrame frame;
     uint64_t pulled = 0;
     ASSERT_TRUE(CollectFrame(cam, &frame, &pulled));
