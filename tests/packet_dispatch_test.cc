@@ -259,7 +259,7 @@ TEST_F(DispatchTest, TheFirstRunAfterAStartStaysAwayFromTheImageLibrary) {
 
 TEST_F(DispatchTest, PowerStatesBeyondOnAndOffAreRefusedAndTheHostStillCalled) {
   const NTSTATUS ok = STATUS_SUCCESS, refused = STATUS_NOT_IMPLEMENTED, untouched = 0x1234;
-  // Unspecified, D0 to D3, the maximum, and beyond.
+  // No state, D0 to D3, the maximum, and beyond.
   const std::pair<int32_t, NTSTATUS> cases[] = {{0, refused},   {1, ok},        {2, refused},
                                                 {3, refused},   {4, ok},        {5, refused},
                                                 {6, untouched}, {-1, untouched}};
