@@ -149,6 +149,32 @@ TEST(FuncRawToYuv, ResamplingKeepsColoursAndTheLayoutOfThePicture) {
   }
 }
 
+// Growing blends the two raw pixels around each output pixel: a steep grey
+// ramp stays a straight ramp, 3 greys a pixel at four times (raw x' = x / 4 -
+// 0.375). Taking the nearest raw pixel instead would step by 12 every four
+// pixels. Along both axes, with and without a handle.
+TEST(FuncRawToYuv, GrowingInterpolatesBetweenRawPixels) {
+  FuncHandle func;
+  const uint32_t rawW = 16, rawH = 16, w = 64, h = 64;
+  for (uint64_t handle : {func.Handle, uint64_t{0}}) {
+    for (int vertical = 0; vertical < 2; ++vertical) {
+      SCOPED_TRACE(testing::Message() << (vertical ? "vertical" : "horizontal")
+                                      << (handle ? " with" : " without") << " a handle");
+      std::vector<uint8_t> raw(rawW * rawH), yuyv(2 * w * h);
+      for (uint32_t i = 0; i < rawW * rawH; ++i)
+        raw[i] = static_cast<uint8_t>(10 + 12 * (vertical ? i / rawW : i % rawW));
+      FUNC_RawToYuv(handle, raw.data(), rawW, rawH, yuyv.data(), w, h);
+      // Away from the edges, where the demosaic mirrors.
+      for (uint32_t a = 12; a < w - 12; ++a) {
+        const double grey = 5.5 + 3 * a;
+        const uint32_t x = vertical ? 2 * a % w : a, y = vertical ? a : 2 * a % h;
+        SCOPED_TRACE(testing::Message() << "x " << x << " y " << y);
+        ExpectNear(PixelOf(yuyv, w, x, y), ReferenceYuv(grey, grey, grey), "ramp");
+      }
+    }
+  }
+}
+
 TEST(FuncRawToYuv, BadSizesPaintBlackOrDoNothing) {
   FuncHandle func;
   std::vector<uint8_t> out(2 * 5 * 3, 0xEE), black(out.size(), 128);
