@@ -106,7 +106,7 @@ TEST(FuncRawToYuv, GreyRampsSurviveTheDemosaicAlongBothAxes) {
   }
 }
 
-// Flat patches of every bar colour keep their BT.601 values at every ratio
+// Flat patches of bar colours keep their BT.601 values at every ratio
 // (RGB24 and I420 are checked exactly on their own below). At 64 pixels wide, a
 // picture red in its left half and blue in its right keeps the halves where
 // they were (a wrong column mapping mixes or swaps them); they blend near the
@@ -117,10 +117,10 @@ TEST(FuncRawToYuv, ResamplingKeepsColoursAndTheLayoutOfThePicture) {
   struct Case {
     uint32_t rawW, rawH, w, h;
   };
-  // Half, twice, a quarter, four times, then uneven ratios and the same size.
-  const Case cases[] = {{128, 96, 64, 48}, {32, 24, 64, 48},  {256, 192, 64, 48},
-                        {16, 12, 64, 48},  {100, 75, 64, 48}, {30, 22, 61, 47},
-                        {320, 240, 33, 7}, {5, 3, 17, 9},     {64, 48, 64, 48}};
+  // Half, twice, a quarter, uneven ratios (to an odd size, from a tiny frame)
+  // and the same size.
+  const Case cases[] = {{128, 96, 64, 48}, {32, 24, 64, 48}, {256, 192, 64, 48},
+                        {30, 22, 61, 47},  {5, 3, 17, 9},    {64, 48, 64, 48}};
   const Rgb8 red = kBars[5], blue = kBars[6];
   FuncHandle func;
   for (uint64_t handle : {func.Handle, uint64_t{0}}) {
@@ -128,8 +128,7 @@ TEST(FuncRawToYuv, ResamplingKeepsColoursAndTheLayoutOfThePicture) {
       SCOPED_TRACE(testing::Message() << k.rawW << "x" << k.rawH << " -> " << k.w << "x" << k.h
                                       << (handle ? " with" : " without") << " a handle");
       std::vector<uint8_t> yuyv(2 * k.w * k.h);
-      for (const Rgb8& c : {kBars[0], kBars[1], kBars[2], kBars[3], kBars[4], kBars[5], kBars[6],
-                            kBars[7], Rgb8{235, 120, 30}}) {
+      for (const Rgb8& c : {kBars[0], kBars[3], kBars[5], kBars[6], kBars[7]}) {
         SCOPED_TRACE(testing::Message() << "colour " << c.R << "," << c.G << "," << c.B);
         std::vector<uint8_t> raw = MakeBayer(k.rawW, k.rawH, [&](uint32_t) { return c; });
         FUNC_RawToYuv(handle, raw.data(), k.rawW, k.rawH, yuyv.data(), k.w, k.h);
@@ -226,7 +225,7 @@ TEST(FuncYuvToI420, PlanesAreLaidOutYThenCbThenCrWithRoundDownMeans) {
     uint32_t w, h;
   };
   FuncHandle func;
-  for (const Case& k : {Case{64, 4}, {6, 2}, {5, 3}, {7, 1}, {1, 1}, {33, 5}, {48, 6}}) {
+  for (const Case& k : {Case{64, 4}, {5, 3}, {7, 1}, {1, 1}}) {
     SCOPED_TRACE(testing::Message() << k.w << "x" << k.h);
     std::vector<uint8_t> yuyv(2 * k.w * k.h);
     for (uint32_t i = 0, x, y; i < k.w * k.h; ++i) {
@@ -251,8 +250,8 @@ TEST(FuncYuvToI420, PlanesAreLaidOutYThenCbThenCrWithRoundDownMeans) {
 
 // The vector rows give the bytes of the portable ones on every width, with
 // buffers that end where the allocation ends (an overread is caught by
-// AddressSanitizer) and start unaligned; through the whole-picture drivers
-// as well, on odd sizes.
+// AddressSanitizer) and start unaligned. The whole-picture routines, vector
+// against portable, run in the companion_sizes fuzz target.
 TEST(FuncRows, VectorRowsMatchPortableRowsOnOddWidthsAndBufferEnds) {
   if (!FuncCpuHasAvx2()) GTEST_SKIP() << "no AVX2 on this processor";
   const uint32_t seed = 740;
@@ -293,28 +292,6 @@ TEST(FuncRows, VectorRowsMatchPortableRowsOnOddWidthsAndBufferEnds) {
     }
     EXPECT_EQ(want, got) << "I420 rows";
   }
-
-  FuncHandle best, portable;
-  FuncUsePortableRows(portable.Handle);
-  for (uint32_t w : {37u, 64u, 1u, 35u, 100u}) {
-    for (uint32_t h : {1u, 2u, 5u}) {
-      SCOPED_TRACE(testing::Message() << w << "x" << h << " seed " << seed);
-      std::vector<uint8_t> raw(w * h), yuyv(2 * w * h), wire(4 * w * h);
-      fill(raw), fill(yuyv), fill(wire);
-      // Raw to YUYV at the same size, from twice the size and to another
-      // size; YUYV to RGB24 and to I420: one output area each.
-      auto all = [&](uint64_t f) {
-        std::vector<uint8_t> o(5 * 3 * w * h);
-        FUNC_RawToYuv(f, raw.data(), w, h, &o[0], w, h);
-        FUNC_RawToYuv(f, wire.data(), 2 * w, 2 * h, &o[3 * w * h], w, h);
-        FUNC_RawToYuv(f, raw.data(), w, h, &o[6 * w * h], w / 2 + 1, h / 2 + 1);
-        FUNC_YuvToBmp(f, yuyv.data(), w, h, &o[9 * w * h]);
-        FUNC_YuvToI420(f, yuyv.data(), w, h, &o[12 * w * h]);
-        return o;
-      };
-      EXPECT_EQ(all(best.Handle), all(portable.Handle));
-    }
-  }
 }
 
 TEST(FuncLibrary, HandleComesFromItsOwnPoolTagAndGoesBackAtExit) {
@@ -329,16 +306,12 @@ TEST(FuncLibrary, HandleComesFromItsOwnPoolTagAndGoesBackAtExit) {
   std::vector<uint8_t> yuyvIn(2 * 8, 128), bgrOut(3 * 8);
   FUNC_YuvToBmp(handle, yuyvIn.data(), 8, 1, bgrOut.data());
   EXPECT_EQ(PoolLiveBlocks(FuncPoolTag), 0u);
-
-  // Out of pool: no handle, and the conversions still work without one.
+  // Out of pool: no handle (conversions without one: the resampling tests).
   PoolFailAllocation(1);
   handle = FUNC_Init();
   PoolFailAllocation(0);
   EXPECT_EQ(handle, 0u);
   EXPECT_EQ(PoolLiveBlocks(FuncPoolTag), 0u);
-  std::vector<uint8_t> raw = MakeBayer(40, 4, [](uint32_t) { return kBars[3]; }), yuyv(2 * 40 * 4);
-  FUNC_RawToYuv(0, raw.data(), 40, 4, yuyv.data(), 40, 4);
-  ExpectNear(PixelOf(yuyv, 40, 20, 2), Want(kBars[3]), "null handle");
   FUNC_Exit(0);
 }
 
