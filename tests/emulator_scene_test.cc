@@ -1,6 +1,6 @@
 // The emulated camera's scenes: wire bytes of each layout, geometry, light,
-// dead pixels and sensor defects against the driver's repairs, the face and
-// focus target against the driver's measures, picture files, the text form.
+// dead pixels and sensor defects against the driver's repairs, the focus
+// target against the driver's measure, picture files, the text form.
 
 #include <gtest/gtest.h>
 #include <png.h>
@@ -126,10 +126,7 @@ TEST(EmulatedScene, MirrorFlipAndFieldPickTheirPartOfThePicture) {
   for (size_t i = 0; i < noise.size(); ++i) noise[i] = uint8_t(i * 37 % 251);
   const std::string picture = "image=" + folder.File("odd.ppm", Ppm(5, 3, 255, noise));
   const std::tuple<std::string, bool, bool> cases[] = {
-      // scene, mirror, flip
-      {"bars", true, false},  {"bars", false, true},   {"bars", true, true},
-      {"face", true, false},  {"object", false, true}, {picture, true, false},
-      {picture, false, true}, {picture, true, true}};
+      {"bars", true, true}, {"face", true, false}, {picture, false, true}};  // mirror, flip
   const uint32_t w = 40, h = 30;
   for (const auto& [scene, mirror, flip] : cases) {
     auto source = Scene(scene);
@@ -149,7 +146,8 @@ TEST(EmulatedScene, MirrorFlipAndFieldPickTheirPartOfThePicture) {
   }
   // The left half of the array at half the width is the left half of the
   // whole array's frame.
-  for (const char* scene : {"bars", "focus", "face"}) {
+  {
+    const char* scene = "face";
     auto source = Scene(scene);
     const std::vector<uint8_t> whole = Render(source, Request(64, 24, L::Bayer));
     FrameRequest r = Request(32, 24, L::Bayer);
@@ -161,10 +159,8 @@ TEST(EmulatedScene, MirrorFlipAndFieldPickTheirPartOfThePicture) {
 }
 
 TEST(EmulatedScene, MovingScenesMoveWithTheFrameIndexAndRepeatExactly) {
-  const std::pair<const char*, bool> cases[] = {// scene, moves
-                                                {"object", true},          {"face", true},
-                                                {"object,speed=0", false}, {"face,speed=0", false},
-                                                {"bars", false},           {"focus", false}};
+  const std::pair<const char*, bool> cases[] = {
+      {"object", true}, {"face,speed=0", false}, {"bars", false}};  // scene, moves
   for (const auto& [scene, moves] : cases) {
     auto source = Scene(scene);
     FrameRequest r = Request(80, 60, L::Yuyv);
@@ -189,15 +185,9 @@ TEST(EmulatedScene, PictureLevelsFollowTheLightAndItsSizeTheFrame) {
   using V = std::vector<uint8_t>;
   const std::tuple<const std::string&, uint32_t, uint32_t, int32_t, V> cases[] = {
       // scene, width, light, brightness, frame
-      {grey, 6, 256, 0, V(24, 100)},
-      {grey, 6, 512, 0, V(24, 200)},
-      {grey, 6, 128, 0, V(24, 50)},
-      {grey, 6, 1024, 0, V(24, 255)},
-      {grey, 6, 256, 40, V(24, 140)},
-      {grey, 6, 256, -120, V(24, 0)},
-      {grey, 6, 384, -30, V(24, 120)},
-      {cols, 2, 256, 0, {50, 125}},
-      {cols, 8, 256, 0, {0, 0, 100, 100, 200, 200, 50, 50}}};
+      {grey, 6, 256, 0, V(24, 100)},  {grey, 6, 512, 0, V(24, 200)},
+      {grey, 6, 256, -120, V(24, 0)}, {grey, 6, 384, -30, V(24, 120)},
+      {cols, 2, 256, 0, {50, 125}},   {cols, 8, 256, 0, {0, 0, 100, 100, 200, 200, 50, 50}}};
   for (const auto& [scene, width, light, brightness, expected] : cases) {
     FrameRequest r = Request(width, uint32_t(expected.size() / width), L::Bayer);
     r.lightScale256 = light, r.brightness = brightness;
@@ -210,12 +200,12 @@ TEST(EmulatedScene, DarknessLowersTheMeanForItsFrames) {
   const double normal = MeanLuma(Render(Scene("bars"), r));
   // Luma above black (16) divided alike, within a level and a half.
   const double eighth = 16 + (normal - 16) / 8;
-  const std::tuple<const char*, uint64_t, double> cases[] = {
-      // scene, frame, mean (<0: normal)
-      {"bars,dark=8", 0, eighth},      {"bars,dark=off", 0, 16},
-      {"bars,dark=8@10-20", 9, -1},    {"bars,dark=8@10-20", 10, eighth},
-      {"bars,dark=off@10-20", 19, 16}, {"bars,dark=8@10-20", 20, -1},
-      {"bars,dark=1", 0, -1}};
+  const std::tuple<const char*, uint64_t, double> cases[] = {// scene, frame, mean (<0: normal)
+                                                             {"bars,dark=8@10-20", 9, -1},
+                                                             {"bars,dark=8@10-20", 10, eighth},
+                                                             {"bars,dark=off@10-20", 19, 16},
+                                                             {"bars,dark=8@10-20", 20, -1},
+                                                             {"bars,dark=1", 0, -1}};
   for (const auto& [scene, frame, mean] : cases) {
     r.frameIndex = frame;
     const std::vector<uint8_t> f = Render(Scene(scene), r);
@@ -231,11 +221,8 @@ TEST(EmulatedScene, DeadPixelsStickWhereTheDriverLooksForThem) {
   // takes a sample for dead when it differs by at least its threshold from
   // its colour's samples two columns and two lines either side.
   const std::string scene = "focus,dead=4:3:255,dead=9:5:0,dead=500:500:255";
-  const std::pair<L, std::string> cases[] = {{L::Bayer, ""},
-                                             {L::Yuyv, ""},
-                                             {L::Yuv420, ""},
-                                             {L::Bayer, ",dark=off"},
-                                             {L::Yuyv, ",dark=16"}};
+  const std::pair<L, std::string> cases[] = {
+      {L::Yuyv, ""}, {L::Yuv420, ""}, {L::Bayer, ",dark=off"}, {L::Yuyv, ",dark=16"}};
   for (const auto& [layout, darkness] : cases) {
     const std::vector<uint8_t> f = Render(Scene(scene + darkness), Request(64, 48, layout));
     ASSERT_EQ(f.size(), WireFrameBytes(64, 48, layout));
@@ -285,11 +272,10 @@ TEST(EmulatedScene, SensorDefectsAreWhatTheDriversRepairsUndo) {
   const std::string grey = "image=" + folder.File("g.ppm", Ppm(1, 1, 255, {200, 180, 160}));
   using Repair = void (*)(std::vector<uint8_t>*, size_t, size_t);
   const std::tuple<const char*, L, uint32_t, uint32_t, Repair> cases[] = {
-      {"MI2020", L::Bayer, 800, 8, RepairMi2020}, {"MI2020", L::Bayer, 1600, 8, RepairMi2020},
-      {"MI2020", L::Bayer, 640, 8, nullptr},      {"MI2020", L::Yuyv, 800, 8, nullptr},
-      {"MI2021", L::Bayer, 800, 8, nullptr},      {"OV2640", L::Bayer, 1280, 6, RepairOv2640},
-      {"OV2640", L::Bayer, 1024, 6, nullptr},     {"OV2640", L::Yuyv, 1280, 6, nullptr},
-      {"OV7670", L::Yuyv, 64, 6, RepairOv7670},   {"OV7670", L::Bayer, 64, 6, nullptr}};
+      {"MI2020", L::Bayer, 800, 8, RepairMi2020},  {"MI2020", L::Bayer, 640, 8, nullptr},
+      {"MI2020", L::Yuyv, 800, 8, nullptr},        {"MI2021", L::Bayer, 800, 8, nullptr},
+      {"OV2640", L::Bayer, 1280, 6, RepairOv2640}, {"OV2640", L::Bayer, 1024, 6, nullptr},
+      {"OV7670", L::Yuyv, 64, 6, RepairOv7670},    {"OV7670", L::Bayer, 64, 6, nullptr}};
   auto source = Scene(grey), clean = Scene(grey + ",defects=off");
   for (const auto& [sensor, layout, width, height, repair] : cases) {
     FrameRequest r = Request(width, height, layout, 1600, 1200);
@@ -301,77 +287,6 @@ TEST(EmulatedScene, SensorDefectsAreWhatTheDriversRepairsUndo) {
       repair(&f, width, height);
     }
     EXPECT_EQ(f, expected) << sensor << " " << width;
-  }
-}
-
-// The driver's sampling of a YUY2 picture onto its 160 x 120 grid and its
-// test against skin colour 0 (Cb 108, Cr 152 as a signed byte, tolerance
-// 16), both bytes read as signed numbers.
-std::vector<uint8_t> SkinGrid(const std::vector<uint8_t>& f, uint32_t width, uint32_t height) {
-  const uint32_t sx = width / 160, sy = height / 120, mx = width % 160 / 2, my = height % 120 / 2;
-  std::vector<uint8_t> mask(160 * 120);
-  for (uint32_t j = 0; j < 120; ++j) {
-    for (uint32_t i = 0; i < 160; ++i) {
-      const size_t n = size_t(my + j * sy) * width + mx + i * sx, o = 2 * n;
-      const uint8_t own = f[o + 1], other = i == 0 ? f[o + 3] : f[o - 1];
-      const int cb = int8_t(n % 2 == 0 ? own : other), cr = int8_t(n % 2 == 0 ? other : own);
-      mask[j * 160 + i] = (std::abs(cb - 108) + std::abs(cr - int8_t(152))) / 2 <= 16;
-    }
-  }
-  return mask;
-}
-
-// The tallest window 2 wide to 3 high that is more than two thirds skin:
-// its height, or 0.
-int TallestFaceWindow(const std::vector<uint8_t>& mask) {
-  std::vector<int> sum(161 * 121, 0);  // sum[(y) * 161 + x] of cells above and left
-  for (int y = 0; y < 120; ++y) {
-    for (int x = 0; x < 160; ++x) {
-      sum[(y + 1) * 161 + x + 1] =
-          mask[y * 160 + x] + sum[y * 161 + x + 1] + sum[(y + 1) * 161 + x] - sum[y * 161 + x];
-    }
-  }
-  for (int h = 119; h >= 3; --h) {
-    const int w = 2 * h / 3, need = 2 * h * w / 3;
-    for (int y = 0; y + h <= 120; ++y) {
-      for (int x = 0; x + w <= 160; ++x) {
-        const int count = sum[(y + h) * 161 + x + w] - sum[y * 161 + x + w] -
-                          sum[(y + h) * 161 + x] + sum[y * 161 + x];
-        if (count > need) return h;
-      }
-    }
-  }
-  return 0;
-}
-
-TEST(EmulatedScene, FaceIsOneSkinBlobTheDetectorAccepts) {
-  const std::tuple<uint32_t, uint32_t, uint32_t, uint32_t, uint32_t, uint64_t> cases[] = {
-      // array width, height, frame width, height, light, frame index
-      {640, 480, 160, 120, 256, 0},
-      {640, 480, 320, 240, 256, 45},
-      {1600, 1200, 352, 288, 256, 90},
-      {640, 480, 320, 240, 128, 0},
-      {640, 480, 320, 240, 384, 200}};
-  auto source = Scene("face,speed=4");
-  for (const auto& [aw, ah, width, height, light, frame] : cases) {
-    FrameRequest r = Request(width, height, L::Yuyv, aw, ah);
-    r.lightScale256 = light, r.frameIndex = frame;
-    const std::vector<uint8_t> mask = SkinGrid(Render(source, r), width, height);
-    SCOPED_TRACE(testing::Message()
-                 << width << "x" << height << " light " << light << " frame " << frame);
-    // All skin lies in one box taller than wide that it mostly fills.
-    int left = 160, right = -1, top = 120, bottom = -1, cells = 0;
-    for (int i = 0; i < 160 * 120; ++i) {
-      if (!mask[i]) continue;
-      ++cells, left = std::min(left, i % 160), right = std::max(right, i % 160);
-      top = std::min(top, i / 160), bottom = std::max(bottom, i / 160);
-    }
-    ASSERT_GT(cells, 0);
-    EXPECT_GT(cells * 10, (right - left + 1) * (bottom - top + 1) * 6);
-    EXPECT_GT(bottom - top, right - left);
-    // A 2 : 3 window more than two thirds skin of more than 300 cells.
-    const int h = TallestFaceWindow(mask);
-    EXPECT_GT(h * (2 * h / 3), 300) << "tallest window " << h;
   }
 }
 
@@ -401,19 +316,15 @@ uint64_t DriverSharpness(const std::vector<uint8_t>& f, int width, int height) {
 
 TEST(EmulatedScene, FocusTargetIsSharpestAtTheFocusPosition) {
   const std::pair<const char*, int32_t> cases[] = {// scene, where it must be sharpest
-                                                   {"focus", 100},
-                                                   {"focus,focus=70", 70},
-                                                   {"focus,blur=8", 100},
+                                                   {"focus,focus=70,blur=8", 70},
                                                    {"bars", 100}};
   for (const auto& [scene, focus] : cases) {
     auto source = Scene(scene);
     FrameRequest r = Request(160, 120, L::Yuyv);
     r.lensFocusPosition = 100;
     const std::vector<uint8_t> sharp = Render(source, r);
-    for (int32_t position : {0, 60, 150}) {  // without a lens the motor changes nothing
-      r.lensPosition = position;
-      EXPECT_EQ(Render(source, r), sharp) << scene << " without a lens at " << position;
-    }
+    r.lensPosition = 0;
+    EXPECT_EQ(Render(source, r), sharp) << scene << ": without a lens the motor changes nothing";
     r.lensFitted = true;
     auto measure = [&](int32_t position) {
       r.lensPosition = position;
@@ -432,102 +343,61 @@ TEST(EmulatedScene, FocusTargetIsSharpestAtTheFocusPosition) {
 }
 
 TEST(EmulatedScene, PictureFilesLoadAndBadOnesAreRefused) {
+  // A PNG with alpha comes out on black; 16-bit and small-maxval PPM scale to 8 bits.
   TempFolder f;
-  const std::vector<uint8_t> rgb = {255, 0, 0, 0, 255, 0, 0, 0, 255, 10, 20, 30};  // 2 x 2
-  const std::vector<uint8_t> grey = {0, 255};                                      // 2 x 1
-  const std::vector<uint8_t> rgba = {200, 100, 50, 255, 200, 100, 50, 0};          // 2 x 1
-  struct Case {
-    const char* name;
-    std::string path;
-    bool loads = false;
-    uint32_t width = 0, height = 0;
-    std::vector<uint8_t> pixels;
-  };
-  const Case cases[] = {
-      {"PNG RGB", f.Png("rgb.png", 2, 2, PNG_FORMAT_RGB, rgb), true, 2, 2, rgb},
-      {"PNG grey",
-       f.Png("grey.png", 2, 1, PNG_FORMAT_GRAY, grey),
-       true,
+  using V = std::vector<uint8_t>;
+  const std::tuple<std::string, uint32_t, V> loads[] = {
+      {f.Png("a.png", 2, 1, PNG_FORMAT_RGBA, {200, 100, 50, 255, 200, 100, 50, 0}),
        2,
-       1,
-       {0, 0, 0, 255, 255, 255}},
-      {"PNG with alpha on black",
-       f.Png("rgba.png", 2, 1, PNG_FORMAT_RGBA, rgba),
-       true,
-       2,
-       1,
        {200, 100, 50, 0, 0, 0}},
-      {"PPM 8-bit", f.File("a.ppm", Ppm(2, 2, 255, rgb)), true, 2, 2, rgb},
-      {"PPM 16-bit",
-       f.File("b.ppm", Ppm(1, 1, 65535, {0xFF, 0xFF, 0x80, 0, 0, 0})),
-       true,
-       1,
-       1,
-       {255, 128, 0}},
-      {"PPM maxval 15", f.File("c.ppm", Ppm(1, 1, 15, {15, 7, 0})), true, 1, 1, {255, 119, 0}},
-      {"missing", f.File("x", "") + ".none"},
-      {"empty", f.File("empty.ppm", "")},
-      {"PPM cut short", f.File("short.ppm", Ppm(2, 2, 255, {1, 2, 3, 4, 5}))},
-      {"PPM zero width", f.File("zero.ppm", Ppm(0, 2, 255, {}))},
-      {"PPM huge", f.File("huge.ppm", Ppm(100000, 100000, 255, {}))},
-      {"PPM maxval 0", f.File("m0.ppm", Ppm(1, 1, 0, {1, 2, 3}))},
-      {"ASCII PPM", f.File("p3.ppm", "P3\n1 1\n255\n1 2 3\n")},
-      {"text", f.File("t.png", "hello, world")},
-      {"PNG cut short", f.File("cut.png", std::string("\x89PNG\r\n\x1a\n\0\0\0\x0dIHDR", 16))},
-  };
-  for (const Case& c : cases) {
+      {f.File("b.ppm", Ppm(1, 1, 65535, {255, 255, 128, 0, 0, 0})), 1, {255, 128, 0}},
+      {f.File("c.ppm", Ppm(1, 1, 15, {15, 7, 0})), 1, {255, 119, 0}}};
+  for (const auto& [path, width, rgb] : loads) {
+    SceneImage image;
+    std::string error;
+    ASSERT_TRUE(LoadSceneImage(path, &image, &error)) << error;
+    EXPECT_EQ(std::tuple(image.width, image.height, image.rgb), std::tuple(width, 1u, rgb)) << path;
+  }
+  // Missing, not a picture, PPM and PNG cut short, too big.
+  const std::string refused[] = {
+      f.File("x", "") + ".none", f.File("t.png", "hello, world"),
+      f.File("short.ppm", Ppm(2, 2, 255, {1, 2, 3, 4, 5})),
+      f.File("cut.png", std::string("\x89PNG\r\n\x1a\n\0\0\0\x0dIHDR", 16)),
+      f.File("huge.ppm", Ppm(100000, 100000, 255, {}))};
+  for (const std::string& path : refused) {
     SceneImage image;
     image.width = 77;
     std::string error, makeError;
-    EXPECT_EQ(LoadSceneImage(c.path, &image, &error), c.loads) << c.name << ": " << error;
+    EXPECT_FALSE(LoadSceneImage(path, &image, &error)) << path;
+    EXPECT_EQ(image.width, 77u) << path << ": left as it was";
+    EXPECT_NE(error.find(path), std::string::npos) << error;
     SceneConfig config;
     config.kind = SceneKind::Image;
-    config.imagePath = c.path;
-    EXPECT_EQ(MakeSceneSource(config, &makeError) != nullptr, c.loads) << c.name;
-    if (c.loads) {
-      EXPECT_EQ(std::tuple(image.width, image.height, image.rgb),
-                std::tuple(c.width, c.height, c.pixels))
-          << c.name;
-    } else {
-      EXPECT_EQ(image.width, 77u) << c.name << ": left as it was";
-      EXPECT_NE(error.find(c.path), std::string::npos) << c.name << ": " << error;
-      EXPECT_FALSE(makeError.empty()) << c.name;
-    }
+    config.imagePath = path;
+    EXPECT_TRUE(MakeSceneSource(config, &makeError) == nullptr && !makeError.empty()) << path;
   }
 }
 
+// What the other tests do not read back: button events, a path with a
+// space, and each text starting from the defaults.
 TEST(EmulatedScene, TextFormSetsTheConfiguration) {
   SceneConfig c;
   std::string error;
-  ASSERT_TRUE(
-      ParseSceneText("face,speed=6,dead=10:20:255,dead=3:4:0,dark=8@48-96,focus=-5,"
-                     "blur=12,defects=off,button=30-40,button=50,orient=1",
-                     &c, &error))
-      << error;
-  EXPECT_EQ(
-      std::tuple(c.kind, c.speed, c.focusPosition, c.blurPerStep16, c.sensorDefects,
-                 c.orientationInput, c.darkDivisor, c.lightsOff, c.darkFromFrame, c.darkUntilFrame),
-      std::tuple(SceneKind::Face, 6u, -5, 12u, false, true, 8u, false, 48u, 96u));
-  std::vector<std::tuple<uint32_t, uint32_t, uint8_t>> dead;
-  for (const DeadPixel& d : c.deadPixels) dead.emplace_back(d.x, d.y, d.value);
-  EXPECT_EQ(dead, (decltype(dead){{10, 20, 255}, {3, 4, 0}}));
+  ASSERT_TRUE(ParseSceneText("face,dead=10:20:255,button=30-40,button=50", &c, &error)) << error;
   std::vector<std::pair<uint64_t, bool>> button;
   for (const SceneButtonEvent& b : c.buttonEvents) button.emplace_back(b.frame, b.down);
   EXPECT_EQ(button, (decltype(button){{30, true}, {40, false}, {50, true}}));
   ASSERT_TRUE(ParseSceneText("image=/tmp/a b.png,dark=off@5", &c, &error)) << error;
   EXPECT_EQ(std::tuple(c.kind, c.imagePath, c.lightsOff, c.darkFromFrame, c.darkUntilFrame),
             std::tuple(SceneKind::Image, std::string("/tmp/a b.png"), true, 5u, UINT64_MAX));
-  EXPECT_TRUE(c.deadPixels.empty()) << "each text starts from the defaults";
-  ASSERT_TRUE(ParseSceneText("", &c, &error));
-  EXPECT_EQ(c.kind, SceneKind::ColourBars);
+  EXPECT_TRUE(c.deadPixels.empty() && c.buttonEvents.empty()) << "each text starts afresh";
 }
 
 TEST(EmulatedScene, TextAndConfigurationsOutOfRangeAreRefused) {
-  const char* bad[] = {
-      "faces",      "face,bars", "face,",        ",face",      "speed=1001",      "speed=-1",
-      "speed=4x",   "dead=1:2",  "dead=1:2:256", "dead=a:2:3", "dark=0",          "dark=257",
-      "dark=8@9-9", "dark=8@x",  "focus=",       "blur=257",   "defects=maybe",   "button=9-3",
-      "button=",    "orient=2",  "image=",       "face=1",     "bars,image=x.png"};
+  // One of each kind of fault: word, second kind, empty item, number out of
+  // range, short triple, empty span, backward button, empty path.
+  const char* bad[] = {"faces",    "face,bars",  "face,",      "speed=1001",
+                       "dead=1:2", "dark=8@9-9", "button=9-3", "image="};
   for (const char* text : bad) {
     SceneConfig c;
     c.speed = 77;
@@ -539,9 +409,7 @@ TEST(EmulatedScene, TextAndConfigurationsOutOfRangeAreRefused) {
   const std::pair<const char*, void (*)(SceneConfig*)> cases[] = {
       {"defaults", [](SceneConfig*) {}},
       {"speed", [](SceneConfig* c) { c->speed = 1001; }},
-      {"dark 0", [](SceneConfig* c) { c->darkDivisor = 0; }},
       {"empty dark span", [](SceneConfig* c) { c->darkFromFrame = c->darkUntilFrame = 4; }},
-      {"blur", [](SceneConfig* c) { c->blurPerStep16 = 300; }},
       {"image without a path", [](SceneConfig* c) { c->kind = SceneKind::Image; }}};
   for (const auto& [name, change] : cases) {
     SceneConfig c;
