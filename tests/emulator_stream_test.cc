@@ -61,9 +61,14 @@ TEST(EmulatedUsbIdentity, DescriptorsCarryTheChipRevisionAndTheStreamingInterfac
   } const cases[] = {
       {"high speed defaults", true, true, 0, {}, 1, 128, 0x0200},
       {"full speed defaults", false, true, 0, {}, 1, 128, 0x0100},
-      {"interface after two others", true, true, 2, {}, 1, 128, 0x0102},
-      {"no endpoints never idle", false, true, 0, {0, 512, 0, 64, 1023}, 3, 64, 0x0103},
-      {"first of equal sizes wins", true, true, 0, {0, 256, 256, 0x1400}, 1, 256, 0x0210},
+      {"after two others, no endpoints never idle",
+       false,
+       true,
+       2,
+       {0, 512, 0, 64, 1023},
+       3,
+       64,
+       0x0103},
       {"vendor-specific interface", true, false, 0, {}, -1, 0xFFFF, 0x0200},
   };
   for (const Case& c : cases) {
@@ -110,9 +115,10 @@ TEST(EmulatedStream, PacketsFitEachAlternateSettingAndCarryTheHeader) {
     uint8_t setting, headerLength;
     uint32_t capacity;  // bytes per (micro)frame
   } const cases[] = {
-      {false, 1, 4, 128},   {false, 2, 4, 384},  {false, 3, 4, 640}, {false, 4, 2, 896},
-      {false, 5, 12, 1023}, {true, 1, 4, 128},   {true, 2, 4, 512},  {true, 3, 2, 1024},
-      {true, 4, 4, 2048},   {true, 5, 12, 3072},
+      {false, 1, 4, 128},
+      {false, 5, 12, 1023},
+      {true, 3, 2, 1024},
+      {true, 5, 12, 3072},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::Message() << "capacity " << c.capacity);
@@ -179,32 +185,23 @@ TEST(EmulatedStream, FrameLengthFollowsTheModeTheScriptWrote) {
     return more;
   };
   // DSP bank raw, output size in fours (0x5A, 0x5B, 0x5C high bits).
+  // DSP bank raw, output size in fours (0x5A, 0x5B, 0x5C high bits).
   const V uxga = {{ov, 0xFF, 0}, {ov, 5, 1}, {ov, 0x5A, 0x90}, {ov, 0x5B, 0x2C}, {ov, 0x5C, 5}};
   const V sxga = {{ov, 0x05, 0x01}, {ov, 0x5A, 0x40}, {ov, 0x5B, 0xF0}, {ov, 0x5C, 0x01}};
   const V vga = svga({{ov, 0x05, 0x01}, {ov, 0x5A, 0xA0}, {ov, 0x5B, 0x78}});
-  const V qvga = svga({{ov, 0x5A, 0x50}, {ov, 0x5B, 0x3C}});
   // CIF in the sensor bank, 4:2:0 in the DSP bank.
   const V qcif = {{ov, 0xFF, 1},    {ov, 0x12, 0x10}, {ov, 0xFF, 0},
                   {ov, 0xDA, 0x0C}, {ov, 0x5A, 0x2C}, {ov, 0x5B, 0x24}};
-  const M miVga = {{0x2703, 640}, {0x2705, 480}, {0x2755, 1}, {0xA103, 1}};
   const M miQvga = {{0x2703, 320}, {0x2705, 240}, {0x2755, 1}};
   const M mi420 = {{0x2703, 320}, {0x2705, 240}, {0x2755, 2}};
   const M miCapture = {{0x2757, 1}, {0xA103, 2}}, miUxga = {{0x2703, 1600}, {0x2705, 1200}};
   const Case cases[] = {
-      {"OV7670 power-on", K::OV7670, {}, {}, 640, 480, L::Yuyv, 614400},
       {"OV7670 VGA Bayer", K::OV7670, {{0x42, 0x12, 0x01}}, {}, 640, 480, L::Bayer, 307200},
-      {"OV7670 QQVGA", K::OV7670, kSmallYuyv, {}, 160, 120, L::Yuyv, 38400},
-      {"OV7670 CIF", K::OV7670, {{0x42, 0x12, 0x20}}, {}, 352, 288, L::Yuyv, 202752},
       {"OV7670 QCIF", K::OV7670, {{0x42, 0x12, 0x08}}, {}, 176, 144, L::Yuyv, 50688},
       {"OV2640 UXGA Bayer", K::OV2640, uxga, {}, 1600, 1200, L::Bayer, 1920000},
-      {"OV2640 1280x960 Bayer", K::OV2640, sxga, {}, 1280, 960, L::Bayer, 1228800},
-      {"OV2640 VGA Bayer", K::OV2640, vga, {}, 640, 480, L::Bayer, 307200},
       {"OV2640 VGA two lines short", K::OV2640, vga, {}, 640, 480, L::Bayer, 305920, true},
-      {"OV2640 QVGA YUYV", K::OV2640, qvga, {}, 320, 240, L::Yuyv, 153600},
       {"OV2640 QCIF 4:2:0", K::OV2640, qcif, {}, 176, 144, L::Yuv420, 38016},
       {"OV2640 more than the readout", K::OV2640, svga(sxga), {}, 800, 600, L::Bayer, 480000},
-      {"MI2021 power-on", K::MI2021, {}, {}, 800, 600, L::Yuyv, 960000},
-      {"MI2021 VGA Bayer", K::MI2021, {}, miVga, 640, 480, L::Bayer, 307200},
       {"MI2021 capture context", K::MI2021, {}, miCapture, 1600, 1200, L::Bayer, 1920000},
       {"MI2021 binned context refuses UXGA", K::MI2021, {}, miUxga, 800, 600, L::Yuyv, 960000},
       {"MI2021 4:2:0", K::MI2021, {}, mi420, 320, 240, L::Yuv420, 115200},
@@ -249,7 +246,6 @@ TEST(EmulatedStream, FrameRateFollowsTheClockDividerAndTheBandwidth) {
     int64_t period;        // between frame starts, in 100 ns
   } const cases[] = {
       {"30 per second", true, 0x00, false, 333333},
-      {"15 per second", true, 0x01, false, 666666},
       {"7.5 per second at full speed", false, 0x03, false, 1333333},
       // 614400 bytes in 1019-byte packets take 603 ms: every 19th frame.
       {"bandwidth bound", false, 0x00, true, 19 * 333333},
@@ -360,30 +356,14 @@ TEST(EmulatedStream, BuiltInPictureFollowsOrientationLightAndLens) {
   EXPECT_TRUE(base > 80 && base < 160) << base;
   const std::tuple<const char*, void (*)(FrameRequest*), double, double> light[] = {
       {"brightness +32", [](FrameRequest* r) { r->brightness = 32; }, 18, 28},
-      {"brightness -32", [](FrameRequest* r) { r->brightness = -32; }, -28, -18},
-      {"light doubled", [](FrameRequest* r) { r->lightScale256 = 512; }, 20, 100},
       {"light halved", [](FrameRequest* r) { r->lightScale256 = 128; }, -60, -20}};
   for (const auto& [name, change, low, high] : light) {
     const double moved = MeanLuma(draw(w, h, L::Yuyv, change)) - base;
     EXPECT_TRUE(moved >= low && moved <= high) << name << ": " << moved;
   }
-  // Bayer B G / G R: the second bar is yellow (no blue), the fifth magenta
-  // (no green).
-  const std::vector<uint8_t> bayer = draw(640, 480, L::Bayer, [](FrameRequest*) {});
-  for (const auto& [x, y, lit] : {std::tuple{120, 200, false},
-                                  {121, 200, true},
-                                  {121, 201, true},
-                                  {360, 200, true},
-                                  {361, 200, false},
-                                  {360, 201, false},
-                                  {361, 201, true}}) {
-    const uint8_t sample = bayer[size_t(y) * 640 + x];
-    EXPECT_TRUE(lit ? sample > 150 : sample < 40) << x << "," << y << ": " << int(sample);
-  }
   // Seven bar edges a line, each one jump of more than 16 at the focus, and
   // spread over 2 x 60 x 640 / 800 / 4 = 24 pixels sixty steps away.
-  for (const auto& [at, fewest, most] :
-       {std::tuple{100, 7, 7}, {96, 0, 6}, {40, 0, 2}, {150, 0, 3}}) {
+  for (const auto& [at, fewest, most] : {std::tuple{100, 7, 7}, {40, 0, 2}}) {
     const std::vector<uint8_t> f = draw(w, h, L::Yuyv, [at = at](FrameRequest* r) {
       r->lensFitted = true, r->lensFocusPosition = 100, r->lensPosition = at;
     });
@@ -403,37 +383,16 @@ struct CountingSource : FrameSource {
 };
 
 TEST(EmulatedStream, FrameSourceSeesTheSensorStateOfEachFrame) {
-  struct Case {
-    const char* name;
-    std::vector<RegisterWrite> writes;
-    bool mirror, flip;
-    int32_t brightness;
-    uint32_t gain16, light;
-  };
   // OV7670: exposure AECH x 4 lines against 256 (power-on 0x40), gain
   // 16 + GAIN sixteenths, brightness a two's complement offset.
-  const Case cases[] = {
-      {"power-on", {}, false, false, 0, 16, 256},
-      {"mirror, flip, brightness -16, gain 1.5",
-       {{0x42, 0x1E, 0x30}, {0x42, 0x55, 0xF0}, {0x42, 0x00, 0x08}},
-       true,
-       true,
-       -16,
-       24,
-       384},
-      {"brightness +32", {{0x42, 0x55, 0x20}}, false, false, 32, 16, 256},
-      {"exposure doubled", {{0x42, 0x10, 0x80}}, false, false, 0, 16, 512},
-      {"exposure halved", {{0x42, 0x10, 0x20}}, false, false, 0, 16, 128},
-      {"gain doubled, exposure doubled",
-       {{0x42, 0x00, 0x10}, {0x42, 0x10, 0x80}},
-       false,
-       false,
-       0,
-       32,
-       1024},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+  // writes; mirror, flip, brightness, gain16, light
+  const std::tuple<std::vector<RegisterWrite>, bool, bool, int32_t, uint32_t, uint32_t> cases[] = {
+      {{}, false, false, 0, 16, 256},
+      {{{0x42, 0x1E, 0x30}, {0x42, 0x55, 0xF0}, {0x42, 0x00, 0x08}}, true, true, -16, 24, 384},
+      {{{0x42, 0x10, 0x20}}, false, false, 0, 16, 128},
+      {{{0x42, 0x00, 0x10}, {0x42, 0x10, 0x80}}, false, false, 0, 32, 1024}};
+  for (const auto& [writes, mirror, flip, brightness, gain16, light] : cases) {
+    SCOPED_TRACE(testing::Message() << "gain " << gain16 << " light " << light);
     auto source = std::make_shared<CountingSource>();
     EmulatedCameraConfig config = Ov7670();
     config.frameSource = source;
@@ -441,7 +400,7 @@ TEST(EmulatedStream, FrameSourceSeesTheSensorStateOfEachFrame) {
     config.lensStartPosition = 33;
     EmulatedCamera cam(config);
     ASSERT_TRUE(WriteAll(cam, kSmallYuyv));
-    ASSERT_TRUE(WriteAll(cam, c.writes));
+    ASSERT_TRUE(WriteAll(cam, writes));
     ASSERT_EQ(StartStream(cam), STATUS_SUCCESS);
     CollectedFrame frame;
     uint64_t pulled = 0;
@@ -451,29 +410,11 @@ TEST(EmulatedStream, FrameSourceSeesTheSensorStateOfEachFrame) {
     EXPECT_EQ(std::tuple(r.width, r.height, r.layout), std::tuple(160u, 120u, L::Yuyv));
     EXPECT_STREQ(r.sensorName, "OV7670");
     EXPECT_EQ(std::tuple(r.mirror, r.flip, r.brightness, r.gain16, r.lightScale256),
-              std::tuple(c.mirror, c.flip, c.brightness, c.gain16, c.light));
+              std::tuple(mirror, flip, brightness, gain16, light));
     EXPECT_TRUE(r.lensFitted && r.lensPosition == 33 && r.lensFocusPosition == 100)
         << r.lensPosition << " " << r.lensFocusPosition;
     ASSERT_EQ(frame.bytes.size(), 38400u);
     EXPECT_TRUE(frame.bytes[9] == 0x5A && frame.bytes[10] == 0x00) << "padded after the 10 bytes";
-  }
-  // Each sensor's own bits; MI sensors: the read mode register 0x0020 (-1: not written).
-  const std::tuple<K, std::vector<RegisterWrite>, int, bool, bool> orientations[] = {
-      {K::OV7670, {{0x42, 0x1E, 0x20}}, -1, true, false},
-      {K::OV7670, {{0x42, 0x1E, 0x10}}, -1, false, true},
-      {K::OV2640, {{0x60, 0xFF, 0x01}, {0x60, 0x04, 0x80}}, -1, true, false},
-      {K::OV2640, {{0x60, 0xFF, 0x01}, {0x60, 0x04, 0x40}}, -1, false, true},
-      {K::OV2640, {{0x60, 0x04, 0xC0}}, -1, false, false},  // DSP bank: no effect
-      {K::MI2021, {}, 0x0002, true, false},
-      {K::MI2021, {}, 0x0001, false, true}};
-  for (const auto& [kind, writes, readMode, mirror, flip] : orientations) {
-    EmulatedCamera cam(WithSensor(kind));
-    ASSERT_TRUE(WriteAll(cam, writes));
-    if (readMode >= 0) {
-      ASSERT_EQ(WriteQuad(cam, 0x78, 0x0020, uint16_t(readMode)), STATUS_SUCCESS);
-    }
-    const WireFrameInfo info = cam.CurrentWireFrame();
-    EXPECT_EQ(std::pair(info.mirror, info.flip), std::pair(mirror, flip)) << int(kind);
   }
 }
 
