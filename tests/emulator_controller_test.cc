@@ -36,8 +36,6 @@ TEST(EmulatedController, RequestsAnswerInTheirWireForms) {
       {"wide read of the controller", 8, 0x0001, 0x0012, true, 2, bad},
       {"request 0", 0, 0, 0, false, -1, bad},
       {"request 4", 4, 0, 0, false, -1, bad},
-      {"request 9", 9, 0, 0, true, 1, bad},
-      {"request 10", 10, 0, 0, false, -1, bad},
       {"request 12", 12, 0, 0, false, -1, bad},
       {"request 255", 255, 0, 0, false, -1, bad},
   };
@@ -83,7 +81,6 @@ TEST(EmulatedController, InputBitsOfTheControllerRegistersFollowTheCamera) {
   // Register 4 bit 2 is set at full speed, whatever the configuration says.
   for (const auto& [highSpeed, register4, expected] : {std::tuple{true, 0x00, 0x00},
                                                        {false, 0x00, 0x04},
-                                                       {true, 0x01, 0x01},
                                                        {false, 0x05, 0x05},
                                                        {true, 0x04, 0x00}}) {
     EmulatedCameraConfig config;
@@ -284,21 +281,6 @@ TEST(EmulatedController, RestartLeavesTheBusUntilTheCameraComesBack) {
   ASSERT_EQ(Read(cam, 0, 4, &value4), STATUS_SUCCESS);
   ASSERT_EQ(Read(cam, 0, 0x30, &value30), STATUS_SUCCESS);
   EXPECT_EQ(value4 | value30, 0) << "back at high speed, registers from power-on";
-}
-
-TEST(EmulatedController, RequestLogKeepsEachRequestWithItsAnswer) {
-  EmulatedCamera cam;
-  cam.SetRequestLogging(true);
-  ASSERT_EQ(Write(cam, 0, 0x31, 0x9C), STATUS_SUCCESS);
-  uint8_t value = 0;
-  ASSERT_EQ(Read(cam, 0, 0x31, &value), STATUS_SUCCESS);
-  EXPECT_EQ(cam.ControlTransfer(9, 0, 0, nullptr, nullptr, false), STATUS_UNSUCCESSFUL);
-  const std::vector<ControlRequestInfo> log = cam.RequestLog();
-  ASSERT_EQ(log.size(), 3u);
-  EXPECT_EQ(log[0].value, 0x009C);
-  EXPECT_EQ(log[1].data, std::vector<uint8_t>{0x9C});
-  EXPECT_TRUE(log[2].status == STATUS_UNSUCCESSFUL && log[2].sequence == 3u);
-  EXPECT_EQ(cam.RequestCount(), 3u);
 }
 
 }  // namespace

@@ -23,8 +23,8 @@ TEST(EmulatedFaults, NthRequestFailsAloneAndHasNoEffect) {
     uint64_t nth;
     NTSTATUS status;
   };
-  for (const Case& c : {Case{1, STATUS_IO_DEVICE_ERROR}, Case{2, STATUS_UNSUCCESSFUL},
-                        Case{6, STATUS_DEVICE_NOT_CONNECTED}, Case{7, STATUS_CANCELLED}}) {
+  // The first request after the arming, and one past those made.
+  for (const Case& c : {Case{1, STATUS_IO_DEVICE_ERROR}, Case{7, STATUS_CANCELLED}}) {
     EmulatedCamera cam;
     uint8_t value = 0;
     ASSERT_EQ(Read(cam, 0, 4, &value), STATUS_SUCCESS);  // requests before the arming don't count
@@ -80,10 +80,7 @@ TEST(EmulatedFaults, UnpluggedCameraAnswersNothingAndStopsItsStream) {
   EXPECT_FALSE(cam.IsStreaming());
   // request, value, index, in, data length (-1: no data stage)
   const std::tuple<uint8_t, uint16_t, uint16_t, bool, int> cases[] = {
-      {1, 0x0020, 6, false, -1}, {2, 0, 4, true, 1},    {3, 0x6000, 0x0200, false, 2},
-      {5, 0, 0, false, -1},      {6, 0, 0, true, 64},   {7, 0, 0, false, -1},
-      {8, 0x6003, 0, true, 2},   {11, 0, 0, false, -1}, {9, 0, 0, false, -1},
-  };
+      {1, 0x0020, 6, false, -1}, {2, 0, 4, true, 1}, {6, 0, 0, true, 64}, {9, 0, 0, false, -1}};
   for (const auto& [request, value, index, in, size] : cases) {
     uint8_t buffer[64] = {};
     uint32_t length = size < 0 ? 0 : uint32_t(size);
@@ -117,11 +114,6 @@ TEST(EmulatedFaults, SpoiledPacketsDifferFromTheCleanStreamOnlyWhereAsked) {
        [](V p) { return p.resize(10), p; }},
       {"invert the flags of a frame end", F::CorruptByte, R::FrameEnd, 1, 1,
        [](V p) { return p[1] = uint8_t(~p[1]), p; }},
-      {"invert a data packet's payload", F::CorruptPayload, R::FrameData, 0, 1,
-       [](V p) {
-         for (size_t k = p[0]; k < p.size(); ++k) p[k] = uint8_t(~p[k]);
-         return p;
-       }},
       {"start header claims 3 bytes more", F::HeaderBeyondPacket, R::FrameStart, 3, 2,
        [](V p) { return p[0] = uint8_t(p.size() + 3), p; }},
   };

@@ -1,12 +1,8 @@
 // The software serial bus target: the driver's bit-banged read of a 16-bit
-// register, request by request as the driver makes it, and transfers given
-// as recorded line sequences.
+// register, request by request as the driver makes it.
 
 #include <gtest/gtest.h>
 
-#include <cctype>
-#include <cstdio>
-#include <string>
 #include <vector>
 
 #include "emulator/emulated_camera.h"
@@ -80,10 +76,8 @@ TEST(EmulatedSoftBus, DriverReadOfASixteenBitRegisterReturnsTheSensorsValue) {
     uint16_t reg, setTo, expected;  // setTo: written first through the burst; 0: leave
   } const cases[] = {
       {0x0000, 0, 0x1519},       // chip version
-      {0x0009, 0, 0x0100},       // integration time at power-on
-      {0x0020, 0x0003, 0x0003},  // read mode, mirror and flip
       {0x1234, 0xA55A, 0xA55A},  // alternating bits
-      {0x7FFF, 0xFFFF, 0xFFFF}, {0x8001, 0x0080, 0x0080},
+      {0x8001, 0xFFFF, 0xFFFF},
   };
   EmulatedCamera cam(Mi2020OnRevision1());
   // The state the driver's detection leaves: lines driven low.
@@ -117,89 +111,6 @@ TEST(EmulatedSoftBus, McuVariablesReadThroughTheDataRegisterAndAnAbsentAddressIs
   EXPECT_EQ(std::vector<uint8_t>(acks, acks + 4), std::vector<uint8_t>(4, 0x40));
   // The next transfer to the right address works: the start resets the target.
   EXPECT_EQ(bus.ReadRegister16(0x7A, 0x00, 0x00, acks), 0x1519);
-}
-
-// Plays a recorded transfer: "S" start, "P" stop, two hex digits a byte sent
-// by the host with its acknowledge clock, "r" a byte read with the host's
-// acknowledge, "n" a byte read with no acknowledge. Returns the acknowledge
-// levels of the bytes sent ('A' low, 'N' high) and the bytes read, in order.
-std::string PlayTransfer(EmulatedCamera& cam, const std::string& script) {
-  // Each pair of levels is written to register 7 in turn: clock bit 5, data bit 6.
-  auto drive = [&](std::initializer_list<std::pair<bool, bool>> steps) {
-    for (const auto& [clock, data] : steps)
-      Write(cam, 0, 7, uint8_t((clock ? 0x20 : 0) | (data ? 0x40 : 0)));
-  };
-  auto dataLevel = [&]() {
-    uint8_t value = 0;
-    Read(cam, 0, 7, &value);
-    return (value & 0x40) != 0;
-  };
-  Write(cam, 0, 13, 0x60);
-  drive({{true, true}});
-  std::string result;
-  for (size_t i = 0; i < script.size(); ++i) {
-    const char c = script[i];
-    if (c == 'S') {
-      drive({{false, true}, {true, true}, {true, false}, {false, false}});
-    } else if (c == 'P') {
-      drive({{false, false}, {true, false}, {true, true}});
-    } else if (c == 'r' || c == 'n') {
-      Write(cam, 0, 13, 0x20);  // release data
-      uint8_t byte = 0;
-      for (int bit = 0; bit < 8; ++bit) {
-        drive({{true, true}});
-        byte = uint8_t(byte << 1 | (dataLevel() ? 1 : 0));
-        drive({{false, true}});
-      }
-      Write(cam, 0, 13, 0x60);
-      const bool nack = c == 'n';
-      drive({{false, nack}, {true, nack}, {false, nack}});
-      char text[3];
-      std::snprintf(text, sizeof text, "%02X", byte);
-      result += text;
-    } else if (std::isxdigit(uint8_t(c)) && i + 1 < script.size()) {
-      const uint8_t byte = uint8_t(std::stoi(script.substr(i++, 2), nullptr, 16));
-      for (int bit = 7; bit >= 0; --bit) {
-        const bool level = (byte >> bit) & 1;
-        drive({{false, level}, {true, level}, {false, level}});
-      }
-      Write(cam, 0, 13, 0x20);  // release data for the acknowledge
-      drive({{false, true}, {true, true}});
-      result += dataLevel() ? 'N' : 'A';
-      drive({{false, true}});
-      Write(cam, 0, 13, 0x60);
-    }
-  }
-  return result;
-}
-
-TEST(EmulatedSoftBus, RecordedTransfersWriteAndReadRegisters) {
-  struct Case {
-    EmulatedSensorKind kind;
-    const char* script;
-    std::string answer;
-    uint8_t bus;
-    uint16_t reg, value;  // the register afterwards
-  } const cases[] = {
-      // MI2020: register 0x0020 = 0x0003, then read it back.
-      {EmulatedSensorKind::MI2020, "S 7A 00 20 00 03 P S 7A 00 20 S 7B r n P", "AAAAAAAAA0003",
-       0x7A, 0x0020, 0x0003},
-      // Two registers in one write: 0x1000 and 0x1001.
-      {EmulatedSensorKind::MI2020, "S 7A 10 00 12 34 56 78 P S 7A 10 01 S 7B r n P",
-       "AAAAAAAAAAA5678", 0x7A, 0x1000, 0x1234},
-      // OV7670, 8-bit: brightness register 0x55 = 0x20, read back with the next.
-      {EmulatedSensorKind::OV7670, "S 42 55 20 P S 42 0A S 43 r r n P", "AAAAAA767300", 0x42,
-       0x0055, 0x0020},
-      // Nobody at 0x30.
-      {EmulatedSensorKind::OV7670, "S 30 00 P", "NN", 0x42, 0x0055, 0x0000},
-  };
-  for (const Case& c : cases) {
-    EmulatedCamera cam(WithSensor(c.kind, 0x0100));
-    EXPECT_EQ(PlayTransfer(cam, c.script), c.answer) << c.script;
-    uint16_t value = 0xEEEE;
-    ASSERT_TRUE(cam.PeekSensorRegister(c.bus, c.reg, &value));
-    EXPECT_EQ(value, c.value) << c.script;
-  }
 }
 
 }  // namespace
