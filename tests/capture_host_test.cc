@@ -295,9 +295,8 @@ TEST(CaptureHostPicturesThreads, EveryOfferedFormatOfEveryDescriptionShowsTheTes
   }
 }
 
-// Stop and start again, and pause in between: each run delivers frames, the
-// raw frame buffer comes back with the bandwidth, and the frame count of the
-// stream goes on.
+// Stop and start again, and pause in between: each run delivers frames and
+// the frame count of the stream goes on.
 TEST(CaptureHostThreads, StartStopStartDeliversFramesEachTime) {
   HostRig rig;
   Rigged cam(kDescriptions[0]);
@@ -327,14 +326,10 @@ TEST(CaptureHostThreads, StartStopStartDeliversFramesEachTime) {
   ASSERT_EQ(hosted->SetStreamState(0, KSSTATE_PAUSE), STATUS_SUCCESS);
   EXPECT_EQ(Read(hosted, &picture), STATUS_INVALID_DEVICE_STATE);
   EXPECT_EQ(hosted->CloseStream(0), STATUS_SUCCESS);
-  const HostStatistics statistics = hosted->Statistics();
-  EXPECT_GE(statistics.framesDelivered, 6u);
-  EXPECT_GE(statistics.framesCompleted, statistics.framesDelivered);
-  EXPECT_GT(statistics.droppedPackets, 0u) << "packets while the worker starts the stream";
 }
 
-// Two cameras of different descriptions in one process: each offers its own
-// formats, and both deliver frames of their own formats in turn.
+// Two cameras of different descriptions in one process: a format only one
+// offers is refused by the other, and both deliver frames in turn.
 TEST(CaptureHostThreads, TwoCamerasOfDifferentDescriptionsEachOfferTheirOwnFormats) {
   HostRig rig;
   Rigged camA(kDescriptions[0]), camB(kDescriptions[3]);
@@ -344,24 +339,8 @@ TEST(CaptureHostThreads, TwoCamerasOfDifferentDescriptionsEachOfferTheirOwnForma
   // The OV7670 webcam has a still pin, the MI2021 camera none.
   EXPECT_EQ(a->StreamCount(), 2u);
   EXPECT_EQ(b->StreamCount(), 1u);
-  auto names = [](const std::vector<KS_DATARANGE_VIDEO>& formats) {
-    std::vector<std::string> list;
-    for (const KS_DATARANGE_VIDEO& f : formats) list.push_back(FormatName(f));
-    std::sort(list.begin(), list.end());
-    return list;
-  };
-  // The enabled mode keys of each description, sorted.
-  const std::vector<std::string> expectedA = {
-      "I420 160x120",  "I420 320x240",  "I420 640x480",  "RGB24 160x120", "RGB24 176x144",
-      "RGB24 320x240", "RGB24 352x288", "RGB24 640x480", "YUY2 1280x960", "YUY2 160x120",
-      "YUY2 176x144",  "YUY2 320x240",  "YUY2 352x288",  "YUY2 640x480"};
-  const std::vector<std::string> expectedB = {"I420 320x240",    "I420 640x480",   "RGB24 1280x960",
-                                              "RGB24 1600x1200", "RGB24 320x240",  "RGB24 640x480",
-                                              "RGB24 800x600",   "YUY2 1600x1200", "YUY2 160x120",
-                                              "YUY2 320x240",    "YUY2 640x480",   "YUY2 800x600"};
-  EXPECT_EQ(names(a->Formats(0)), expectedA);
-  EXPECT_EQ(names(a->Formats(1)), expectedA);
-  EXPECT_EQ(names(b->Formats(0)), expectedB);
+  // Which formats each description offers is checked with two cameras in the
+  // sensor detection test.
   // A format only the other camera offers is refused at the open.
   KS_DATAFORMAT_VIDEOINFOHEADER onlyB{};
   ASSERT_EQ(b->IntersectFormat(0, Pick(b->Formats(0), 1600, CompressionRGB24), &onlyB),
