@@ -158,20 +158,6 @@ TEST(EmulatedScene, MirrorFlipAndFieldPickTheirPartOfThePicture) {
   }
 }
 
-TEST(EmulatedScene, MovingScenesMoveWithTheFrameIndexAndRepeatExactly) {
-  const std::pair<const char*, bool> cases[] = {
-      {"object", true}, {"face,speed=0", false}, {"bars", false}};  // scene, moves
-  for (const auto& [scene, moves] : cases) {
-    auto source = Scene(scene);
-    FrameRequest r = Request(80, 60, L::Yuyv);
-    r.frameIndex = 7;
-    const std::vector<uint8_t> first = Render(source, r);
-    EXPECT_EQ(Render(Scene(scene), r), first) << scene << ": drawn afresh, the same bytes";
-    r.frameIndex = 30;
-    EXPECT_EQ(Render(source, r) != first, moves) << scene;
-  }
-}
-
 TEST(EmulatedScene, PictureLevelsFollowTheLightAndItsSizeTheFrame) {
   // A grey of 100 at 6 x 4 on a Bayer wire, every byte the lit level; and 4 x
   // 2 columns 0, 100, 200, 50 shrunk by averaging and grown by repeating.

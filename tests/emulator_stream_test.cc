@@ -323,7 +323,7 @@ TEST(EmulatedStream, StreamStopsAndStartsOnRequestFiveAndWireRegistersAgree) {
   EXPECT_FALSE(cam.WireRegistersAgree()) << "Bayer said, YUYV sent";
 }
 
-TEST(EmulatedStream, BuiltInPictureFollowsOrientationLightAndLens) {
+TEST(EmulatedStream, BuiltInPictureFollowsOrientationAndLens) {
   auto draw = [](uint32_t w, uint32_t h, L layout, std::function<void(FrameRequest*)> change) {
     FrameRequest r;
     std::tie(r.width, r.height, r.layout) = std::tuple(w, h, layout);
@@ -335,7 +335,7 @@ TEST(EmulatedStream, BuiltInPictureFollowsOrientationLightAndLens) {
     EXPECT_EQ(bytes.size(), WireFrameBytes(w, h, layout));
     return bytes;
   };
-  const uint32_t w = 160, h = 120;
+  const uint32_t w = 160;
   const std::vector<uint8_t> vga = draw(640, 480, L::Yuyv, [](FrameRequest*) {});
   for (const bool mirror : {true, false}) {
     const std::vector<uint8_t> turned =
@@ -350,21 +350,10 @@ TEST(EmulatedStream, BuiltInPictureFollowsOrientationLightAndLens) {
     EXPECT_NE(turned, vga);
     EXPECT_EQ(wrong, 0u) << (mirror ? "mirror" : "flip");
   }
-  // Brightness +32 adds (66 + 129 + 25) / 256 x 32 = 27.5 luma where nothing
-  // clips (the white and yellow bars do).
-  const double base = MeanLuma(draw(w, h, L::Yuyv, [](FrameRequest*) {}));
-  EXPECT_TRUE(base > 80 && base < 160) << base;
-  const std::tuple<const char*, void (*)(FrameRequest*), double, double> light[] = {
-      {"brightness +32", [](FrameRequest* r) { r->brightness = 32; }, 18, 28},
-      {"light halved", [](FrameRequest* r) { r->lightScale256 = 128; }, -60, -20}};
-  for (const auto& [name, change, low, high] : light) {
-    const double moved = MeanLuma(draw(w, h, L::Yuyv, change)) - base;
-    EXPECT_TRUE(moved >= low && moved <= high) << name << ": " << moved;
-  }
   // Seven bar edges a line, each one jump of more than 16 at the focus, and
   // spread over 2 x 60 x 640 / 800 / 4 = 24 pixels sixty steps away.
   for (const auto& [at, fewest, most] : {std::tuple{100, 7, 7}, {40, 0, 2}}) {
-    const std::vector<uint8_t> f = draw(w, h, L::Yuyv, [at = at](FrameRequest* r) {
+    const std::vector<uint8_t> f = draw(w, 120, L::Yuyv, [at = at](FrameRequest* r) {
       r->lensFitted = true, r->lensFocusPosition = 100, r->lensPosition = at;
     });
     int edges = 0;
