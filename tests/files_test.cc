@@ -101,25 +101,15 @@ TEST_F(Files, ObjectNamesMapOntoHostPathsOrAreRefusedAsMalformed) {
   const std::pair<std::u16string, const char*> cases[] = {
       {u"\\??\\T:\\Cameras\\OV7670\\Cam.txt", "/Cameras/OV7670/Cam.txt"},
       {u"\\??\\t:\\a.txt", "/a.txt"},
-      {u"\\??\\T:\\with blank\\x y.TXT", "/with blank/x y.TXT"},
       {u"\\??\\T:\\caf\u00E9.txt", "/caf\xC3\xA9.txt"},
       {u"\\??\\Q:\\a.txt", nullptr},
       {u"\\??\\T:\\a\\..\\..\\b", nullptr},
-      {u"\\??\\T:\\a\\.\\b", nullptr},
-      {u"\\??\\T:\\a\\\\b", nullptr},
-      {u"\\??\\T:\\a\\", nullptr},
-      {u"\\??\\T:\\", nullptr},
-      {u"\\??\\T:a.txt", nullptr},
       {u"\\??\\T:\\a/../b", nullptr},
+      {u"\\??\\T:\\a\\\\b", nullptr},
       {u"\\??\\T:\\a*.txt", nullptr},
-      {u"\\??\\T:\\a\x01.txt", nullptr},
-      {u"\\??\\1:\\a.txt", nullptr},
       {u"T:\\a.txt", nullptr},
-      {u"\\DosDevices\\T:\\a.txt", nullptr},
-      {u"\\??\\\\T:\\a.txt", nullptr},
-      {std::u16string(u"\\??\\T:\\a") + char16_t(0xD800) + u"b", nullptr}};
+  };
   EXPECT_FALSE(MapDosDrive('1', root_));
-  EXPECT_FALSE(MapDosDrive('[', root_));
   for (const auto& [name, hostPath] : cases) {
     SCOPED_TRACE(NarrowAscii(name));
     std::string path = "unchanged";
@@ -135,7 +125,6 @@ TEST_F(Files, CreateFileOpensCreatesOrRefusesByNameAndFindsOtherCase) {
   Write("/cams/A.TXT", "upper");
   Write("/cams/A.txt", "mixed");
   fs::create_directories(root_ + "/CAMS");  // exact folder for an upper-case name
-  ASSERT_TRUE(MapDosDrive('U', root_ + "/no such folder"));
   constexpr ULONG CI = OBJ_CASE_INSENSITIVE;
   const NTSTATUS ok = STATUS_SUCCESS, noPath = STATUS_OBJECT_PATH_NOT_FOUND;
   const uint64_t opened = FILE_OPENED, created = FILE_CREATED;
@@ -146,25 +135,18 @@ TEST_F(Files, CreateFileOpensCreatesOrRefusesByNameAndFindsOtherCase) {
   const Case cases[] = {
       {u"Cameras\\OV7670\\Cam.txt", FILE_OPEN_IF, CI, ok, opened, "/Cameras/OV7670/Cam.txt",
        "script"},
-      {u"Cameras\\OV7670\\Cam.txt", FILE_OPEN, CI, ok, opened, "/Cameras/OV7670/Cam.txt", "script"},
       {u"Empty\\New.txt", FILE_OPEN_IF, CI, ok, created, "/Empty/New.txt", ""},
       {u"Empty\\Other.txt", FILE_OPEN, CI, STATUS_OBJECT_NAME_NOT_FOUND, 0, "", ""},
       {u"Missing\\Cam.txt", FILE_OPEN_IF, CI, noPath, 0, "", ""},
-      {u"Cameras\\OV7670\\Cam.txt\\x", FILE_OPEN_IF, CI, noPath, 0, "", ""},
-      {u"\\??\\Q:\\Cam.txt", FILE_OPEN_IF, CI, noPath, 0, "", ""},
-      {u"\\??\\U:\\Cam.txt", FILE_OPEN_IF, CI, noPath, 0, "", ""},
-      {u"C:\\Cam.txt", FILE_OPEN_IF, CI, STATUS_OBJECT_NAME_INVALID, 0, "", ""},
       {u"Empty", FILE_OPEN_IF, CI, STATUS_ACCESS_DENIED, 0, "", ""},
       {u"Cam.txt", FILE_OVERWRITE_IF, CI, STATUS_NOT_SUPPORTED, 0, "", ""},
       // Other case: found at every level when the name asks for it ...
       {u"CAMERAS\\ov7670\\cam.TXT", FILE_OPEN_IF, CI, ok, opened, "/Cameras/OV7670/Cam.txt",
        "script"},
-      // ... and not when it does not: the folder is missing, the file is new.
+      // ... and not when it does not.
       {u"CAMERAS\\OV7670\\Cam.txt", FILE_OPEN_IF, 0, noPath, 0, "", ""},
-      {u"Cameras\\OV7670\\CAM.TXT", FILE_OPEN_IF, 0, ok, created, "/Cameras/OV7670/CAM.TXT", ""},
       // The exact name first, else the smallest match: "A.TXT" < "A.txt" < "a.txt".
       {u"cams\\a.txt", FILE_OPEN_IF, CI, ok, opened, "/cams/a.txt", "lower"},
-      {u"cams\\A.TXT", FILE_OPEN_IF, CI, ok, opened, "/cams/A.TXT", "upper"},
       {u"cams\\a.TXT", FILE_OPEN_IF, CI, ok, opened, "/cams/A.TXT", "upper"},
       {u"CAMS\\a.txt", FILE_OPEN_IF, CI, ok, created, "/CAMS/a.txt", ""},  // exact folder wins
   };
@@ -190,7 +172,6 @@ TEST_F(Files, CreateFileOpensCreatesOrRefusesByNameAndFindsOtherCase) {
   std::sort(top.begin(), top.end());
   EXPECT_EQ(top, (std::vector<std::string>{"CAMS", "Cameras", "Empty", "cams"}));
   EXPECT_FALSE(fs::exists(root_ + "/Empty/Other.txt"));
-  MapDosDrive('U', "");
 }
 
 TEST_F(Files, ReadsBringTheBytesAtTheirOffsetAndEndOfFileAtOrPastTheEnd) {
@@ -203,10 +184,8 @@ TEST_F(Files, ReadsBringTheBytesAtTheirOffsetAndEndOfFileAtOrPastTheEnd) {
   const std::tuple<int64_t, ULONG, NTSTATUS, uint64_t> cases[] = {
       {0, 128, STATUS_SUCCESS, 128},
       {256, 128, STATUS_SUCCESS, 44},
-      {299, 128, STATUS_SUCCESS, 1},
       {300, 128, STATUS_END_OF_FILE, 0},
       {int64_t(1) << 40, 128, STATUS_END_OF_FILE, 0},
-      {17, 0, STATUS_SUCCESS, 0},
       {-1, 128, STATUS_INVALID_PARAMETER, 0}};
   for (const auto& [offset, length, status, bytes] : cases) {
     SCOPED_TRACE(offset);
@@ -222,53 +201,31 @@ TEST_F(Files, ReadsBringTheBytesAtTheirOffsetAndEndOfFileAtOrPastTheEnd) {
   EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
 }
 
-TEST_F(Files, ReadRefusesBadHandlesAndArguments) {
-  Write("/Cam.txt", "x\r\n");
+TEST_F(Files, ReadRefusesBadHandlesAndArgumentsAndAnInjectedFailureLeavesTheBuffer) {
+  Write("/Cam.txt", "0123456789");
   HANDLE handle = nullptr, writeOnly = nullptr;
   ASSERT_EQ(OpenAsDriver(u"\\??\\T:\\Cam.txt", &handle), STATUS_SUCCESS);
   ASSERT_EQ(OpenAsDriver(u"\\??\\T:\\Cam.txt", &writeOnly, FILE_OPEN_IF, OBJ_CASE_INSENSITIVE,
                          FILE_WRITE_DATA),
             STATUS_SUCCESS);
-  char buffer[8];
+  char buffer[4] = {'#', '#', '#', '#'};
   LARGE_INTEGER at;
   at.QuadPart = 0;
   KEVENT event{};
-  ULONG key = 0;
   IO_STATUS_BLOCK io{};
-  auto read = [&](HANDLE h, KEVENT* e, IO_STATUS_BLOCK* status, void* into, ULONG* k) {
-    return ZwReadFile(h, e, nullptr, nullptr, status, into, 8, &at, k);
+  auto read = [&](HANDLE h, KEVENT* e) {
+    return ZwReadFile(h, e, nullptr, nullptr, &io, buffer, 4, &at, nullptr);
   };
-  EXPECT_EQ(read(nullptr, nullptr, &io, buffer, nullptr), STATUS_INVALID_HANDLE);
-  EXPECT_EQ(read(&event, nullptr, &io, buffer, nullptr), STATUS_INVALID_HANDLE);
-  EXPECT_EQ(read(handle, &event, &io, buffer, nullptr), STATUS_INVALID_PARAMETER);
-  EXPECT_EQ(read(handle, nullptr, &io, buffer, &key), STATUS_INVALID_PARAMETER);
-  EXPECT_EQ(read(handle, nullptr, nullptr, buffer, nullptr), STATUS_INVALID_PARAMETER);
-  EXPECT_EQ(read(handle, nullptr, &io, nullptr, nullptr), STATUS_INVALID_PARAMETER);
-  EXPECT_EQ(read(writeOnly, nullptr, &io, buffer, nullptr), STATUS_ACCESS_DENIED);
+  EXPECT_EQ(read(nullptr, nullptr), STATUS_INVALID_HANDLE);
+  EXPECT_EQ(read(handle, &event), STATUS_INVALID_PARAMETER);  // no asynchronous reads
+  EXPECT_EQ(read(writeOnly, nullptr), STATUS_ACCESS_DENIED);
   EXPECT_EQ(ZwClose(writeOnly), STATUS_SUCCESS);
-  EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
-  EXPECT_EQ(read(handle, nullptr, &io, buffer, nullptr), STATUS_INVALID_HANDLE);
-  EXPECT_EQ(ZwClose(handle), STATUS_INVALID_HANDLE);
+  EXPECT_EQ(read(writeOnly, nullptr), STATUS_INVALID_HANDLE);
+  EXPECT_EQ(ZwClose(writeOnly), STATUS_INVALID_HANDLE);
 
-  // The tool's direct way in: existing regular files only.
-  ASSERT_TRUE(OpenHostFileForReading(root_ + "/Cam.txt", &handle));
-  uint64_t got = 0;
-  EXPECT_EQ(ReadAt(handle, 1, buffer, 8, &got), STATUS_SUCCESS);
-  EXPECT_EQ(std::string(buffer, got), "\r\n");
-  EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
-  handle = nullptr;
-  EXPECT_FALSE(OpenHostFileForReading(root_ + "/none.txt", &handle));
-  EXPECT_FALSE(OpenHostFileForReading(root_, &handle));
-  EXPECT_EQ(handle, nullptr);
-}
-
-TEST_F(Files, InjectedReadFailureHitsTheNthReadOnceAndLeavesTheBuffer) {
-  Write("/Cam.txt", "0123456789");
-  HANDLE handle = nullptr;
-  ASSERT_EQ(OpenAsDriver(u"\\??\\T:\\Cam.txt", &handle), STATUS_SUCCESS);
+  // The injected failure hits the nth read once, brings no bytes and leaves the buffer.
   const uint64_t before = FileReadCount();
   FileFailRead(2, STATUS_IO_DEVICE_ERROR);
-  char buffer[4] = {'#', '#', '#', '#'};
   uint64_t got = 0;
   EXPECT_EQ(ReadAt(handle, 0, buffer, 4, &got), STATUS_SUCCESS);
   std::memset(buffer, '#', 4);
@@ -278,10 +235,14 @@ TEST_F(Files, InjectedReadFailureHitsTheNthReadOnceAndLeavesTheBuffer) {
   EXPECT_EQ(ReadAt(handle, 4, buffer, 4, &got), STATUS_SUCCESS);
   EXPECT_EQ(std::string(buffer, 4), "4567");
   EXPECT_EQ(FileReadCount() - before, 3u);
-  FileFailRead(1, STATUS_IO_DEVICE_ERROR);
-  FileFailRead(0, STATUS_SUCCESS);  // off again: no read fails
-  EXPECT_EQ(ReadAt(handle, 0, buffer, 4, &got), STATUS_SUCCESS);
   EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
+
+  // The tool's direct way in: existing regular files only.
+  ASSERT_TRUE(OpenHostFileForReading(root_ + "/Cam.txt", &handle));
+  EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
+  handle = nullptr;
+  EXPECT_FALSE(OpenHostFileForReading(root_, &handle));
+  EXPECT_EQ(handle, nullptr);
 }
 
 // Two threads read two scripts through their own handles while a third opens and closes the

@@ -111,15 +111,6 @@ Bytes Wide(const std::string& text) {
   return bytes;
 }
 
-// Every key and value below `key` in order, each with its full path.
-using Flat = std::vector<std::tuple<std::u16string, std::u16string, ULONG, Bytes>>;
-void Flatten(const RegistryKeySnapshot& key, const std::u16string& path, Flat* out) {
-  const std::u16string full = path + u"\\" + key.name;
-  out->emplace_back(full, u"", ~0u, Bytes{});  // the key itself
-  for (const auto& v : key.values) out->emplace_back(full, v.name, v.type, v.data);
-  for (const auto& sub : key.subKeys) Flatten(sub, full, out);
-}
-
 class Registry : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -161,17 +152,12 @@ TEST_F(Registry, CreateMakesEveryMissingLevelAndReportsTheLastOne) {
       {u"a\\b", false, kBase + u"\\a\\b", ok, opened, u"a\\b", {u"a"}},
       {u"Alpha", false, other, ok, opened, u"alpha", {u"Alpha"}},
       {u"a", true, u"A\\b\\c", ok, made, u"a\\b\\c", {u"a"}},
-      {u"", true, u"", ok, opened, u"", {}},  // the key itself
       {u"", true, longName, ok, made, longName, {longName}},
       {u"", true, longName + u"k", bad, 0, u"", {}},
       {u"", true, deepest, ok, made, deepest, {u"d"}},
       {u"", true, deepest + u"\\d", bad, 0, u"", {}},
       {u"", true, u"a\\\\b", bad, 0, u"", {}},
-      {u"", true, u"a\\", bad, 0, u"", {}},
-      {u"", true, u"\\a", bad, 0, u"", {}},
-      {u"", true, std::u16string(u"a\0b", 3), bad, 0, u"", {}},
       {u"", false, u"\\Machine\\x", STATUS_OBJECT_PATH_NOT_FOUND, 0, u"", {}},
-      {u"", false, u"REGISTRY\\MACHINE", bad, 0, u"", {}},
   };
   for (const auto& [existing, relative, path, status, disposition, exists, children] : cases) {
     SCOPED_TRACE(NarrowAscii(path));
@@ -195,21 +181,25 @@ TEST_F(Registry, CreateMakesEveryMissingLevelAndReportsTheLastOne) {
   }
 }
 
-TEST_F(Registry, HandlesOnOneKeyShareItAndOutliveEachOther) {
+TEST_F(Registry, KeyHandlesShareTheirKeyAndValueNamesKeepTheirFirstSpelling) {
+  const std::u16string path = kBase + u"\\PropertySetting";
   HANDLE first = nullptr, second = nullptr;
-  ASSERT_EQ(CreateKey(nullptr, kBase + u"\\PropertySetting", &first), STATUS_SUCCESS);
+  ASSERT_EQ(CreateKey(nullptr, path, &first), STATUS_SUCCESS);
   ASSERT_EQ(CreateKey(nullptr, kBase + u"\\propertysetting", &second), STATUS_SUCCESS);
-  ASSERT_EQ(SetDword(first, u"LensPos", 42), STATUS_SUCCESS);
+  ASSERT_EQ(SetDword(first, u"CurrentValue", 1), STATUS_SUCCESS);
+  ASSERT_EQ(SetDword(first, u"CurrentFlag", 2), STATUS_SUCCESS);
+  ASSERT_EQ(SetDword(first, u"", 3), STATUS_SUCCESS);  // the key's default value
   EXPECT_EQ(ZwClose(first), STATUS_SUCCESS);
+  // The second handle outlives the first and writes over the values whatever their case.
+  ASSERT_EQ(SetDword(second, u"CURRENTVALUE", 4), STATUS_SUCCESS);
+  const uint8_t two[2] = {9, 8};
+  ASSERT_EQ(SetValue(second, u"currentflag", REG_BINARY, two, 2), STATUS_SUCCESS);
+  EXPECT_EQ(Listed(path), (Listing{{u"CurrentValue", REG_DWORD, {4, 0, 0, 0}},
+                                   {u"CurrentFlag", REG_BINARY, {9, 8}},
+                                   {u"", REG_DWORD, {3, 0, 0, 0}}}));
   ULONG type = 0;
   Bytes data;
-  ASSERT_EQ(QueryValue(second, u"LensPos", &type, &data), STATUS_SUCCESS);
-  EXPECT_EQ(data, (Bytes{42, 0, 0, 0}));
-  EXPECT_EQ(QueryValue(first, u"LensPos", &type, &data), STATUS_INVALID_HANDLE);
-  // A reset leaves the open handle working on a key no longer in the tree.
-  ResetRegistry();
-  EXPECT_EQ(SetDword(second, u"LensPos", 43), STATUS_SUCCESS);
-  EXPECT_FALSE(RegistryKeyExists(kBase + u"\\PropertySetting"));
+  EXPECT_EQ(QueryValue(first, u"CurrentValue", &type, &data), STATUS_INVALID_HANDLE);
   EXPECT_EQ(ZwClose(second), STATUS_SUCCESS);
 }
 
@@ -217,40 +207,18 @@ TEST_F(Registry, ValueRecordsAreSizedByTheBufferLengthAndNothingIsWrittenPastThe
   const Bytes blob = {0x11, 0x22, 0x33, 0x44, 0x55};
   ASSERT_TRUE(SetRegistryBinary(kBase, u"Blob", blob));
   ASSERT_TRUE(SetRegistryValue(kBase, u"Pos", REG_DWORD, {0x78, 0x56, 0x34, 0x12}));
-  ASSERT_TRUE(SetRegistryDword(kBase, u"", 7));
   HANDLE key = nullptr;
   ASSERT_EQ(CreateKey(nullptr, kBase, &key), STATUS_SUCCESS);
-  // The partial record: TitleIndex, Type, DataLength, then the data; 17 bytes for "Blob".
-  const std::tuple<ULONG, NTSTATUS, bool, bool> partial[] = {
-      {0, STATUS_BUFFER_TOO_SMALL, false, false}, {11, STATUS_BUFFER_TOO_SMALL, false, false},
-      {12, STATUS_BUFFER_OVERFLOW, true, false},  {16, STATUS_BUFFER_OVERFLOW, true, false},
-      {17, STATUS_SUCCESS, true, true},           {64, STATUS_SUCCESS, true, true},
-  };
-  UNICODE_STRING blobName = Counted(u"blob");
-  for (const auto& [length, status, headerFilled, dataCopied] : partial) {
-    SCOPED_TRACE(length);
-    Bytes buffer(66, 0xCC), expected(66, 0xCC);  // one byte in, so the record is not aligned
-    ULONG needed = 0;
-    EXPECT_EQ(ZwQueryValueKey(key, &blobName, KeyValuePartialInformation,
-                              length == 0 ? nullptr : &buffer[1], length, &needed),
-              status);
-    EXPECT_EQ(needed, 17u);
-    const uint32_t header[3] = {0, REG_BINARY, 5};
-    if (headerFilled) std::memcpy(&expected[1], header, 12);
-    if (dataCopied) std::copy(blob.begin(), blob.end(), &expected[13]);
-    EXPECT_EQ(buffer, expected);
-  }
-  // The full record: TitleIndex, Type, DataOffset, DataLength, NameLength, the name at 20, the
-  // data on the next four-byte boundary ("Pos": 26 rounds up to 28; "Blob": 28 already).
+  // The full record, as the driver reads every value: TitleIndex, Type, DataOffset, DataLength,
+  // NameLength, the name at 20, the data on the next four-byte boundary ("Pos": 26 rounds up to
+  // 28; "Blob": 28 already).
   const std::tuple<std::u16string, ULONG, NTSTATUS, ULONG, ULONG, ULONG, size_t> full[] = {
       // name, buffer length, status, needed, data offset and length, name bytes copied
       {u"Pos", 19, STATUS_BUFFER_TOO_SMALL, 32, 28, 4, 0},
       {u"Pos", 20, STATUS_BUFFER_OVERFLOW, 32, 28, 4, 0},
-      {u"Pos", 23, STATUS_BUFFER_OVERFLOW, 32, 28, 4, 3},
       {u"Pos", 31, STATUS_BUFFER_OVERFLOW, 32, 28, 4, 6},
       {u"Pos", 32, STATUS_SUCCESS, 32, 28, 4, 6},
       {u"Blob", 33, STATUS_SUCCESS, 33, 28, 5, 8},
-      {u"", 24, STATUS_SUCCESS, 24, 20, 4, 0},
   };
   for (const auto& [name, length, status, needed, dataOffset, dataLength, nameCopied] : full) {
     SCOPED_TRACE(NarrowAscii(name) + " in " + std::to_string(length));
@@ -280,69 +248,6 @@ TEST_F(Registry, ValueRecordsAreSizedByTheBufferLengthAndNothingIsWrittenPastThe
     EXPECT_EQ(Bytes(record + written, record + 64), Bytes(64 - written, 0xCC));
     EXPECT_EQ(buffer[0], 0xCC);
   }
-  uint8_t record[32];
-  ULONG untouched = 0xDEAD;
-  UNICODE_STRING missing = Counted(u"Blobs");
-  EXPECT_EQ(ZwQueryValueKey(key, &missing, KeyValuePartialInformation, record, 32, &untouched),
-            STATUS_OBJECT_NAME_NOT_FOUND);
-  EXPECT_EQ(untouched, 0xDEADu);
-  EXPECT_EQ(ZwClose(key), STATUS_SUCCESS);
-}
-
-TEST_F(Registry, DwordStringAndBinaryRoundTripBetweenDriverAndControlSide) {
-  const std::u16string path = kBase + u"\\InitialSetting";
-  Bytes large(300);
-  for (size_t i = 0; i < large.size(); ++i) large[i] = static_cast<uint8_t>(i * 7 + 1);
-  // Name, type, bytes, and whether the driver writes it (else the control side did).
-  const std::tuple<std::u16string, ULONG, Bytes, bool> cases[] = {
-      {u"FrameRate", REG_DWORD, {0x78, 0x56, 0x34, 0x12}, true},  // little-endian
-      {u"SensorName", REG_SZ, {'O', 0, 'V', 0, '7', 0, '6', 0, 0, 0}, true},
-      {u"Empty", REG_BINARY, {}, true},
-      {u"PhysTable", REG_BINARY, large, true},
-      {u"SeparateCtrl", REG_DWORD, {0xD4, 0xC3, 0xB2, 0xA1}, false},
-      {u"Script", REG_SZ, Wide("C:\\mr740.scr"), false},
-  };
-  ASSERT_TRUE(SetRegistryDword(path, u"SeparateCtrl", 0xA1B2C3D4));
-  ASSERT_TRUE(SetRegistryString(path, u"Script", u"C:\\mr740.scr"));
-  HANDLE key = nullptr;
-  ASSERT_EQ(CreateKey(nullptr, path, &key), STATUS_SUCCESS);
-  for (const auto& [name, type, bytes, driverWrites] : cases) {
-    SCOPED_TRACE(NarrowAscii(name));
-    if (driverWrites) {
-      ASSERT_EQ(SetValue(key, name, type, bytes.data(), ULONG(bytes.size())), STATUS_SUCCESS);
-    }
-    ULONG gotType = 0;
-    Bytes data;
-    ASSERT_EQ(QueryValue(key, name, &gotType, &data), STATUS_SUCCESS);
-    EXPECT_EQ(std::tie(gotType, data), std::tie(type, bytes));
-    RegistryValueEntry entry;
-    ASSERT_TRUE(GetRegistryValue(path, name, &entry));
-    EXPECT_EQ(std::tie(entry.type, entry.data), std::tie(type, bytes));
-  }
-  std::u16string sensor;
-  EXPECT_TRUE(GetRegistryString(path, u"SensorName", &sensor));
-  EXPECT_EQ(sensor, u"OV76");
-  // A string is not a DWORD, a four-byte binary is.
-  uint32_t dword = 7;
-  EXPECT_FALSE(GetRegistryDword(path, u"Script", &dword));
-  EXPECT_EQ(dword, 7u);
-  ASSERT_TRUE(SetRegistryBinary(kBase, u"Four", {1, 0, 0, 0}));
-  EXPECT_EQ(Dword(kBase, u"Four"), 1);
-  EXPECT_EQ(ZwClose(key), STATUS_SUCCESS);
-}
-
-TEST_F(Registry, ValueNamesCompareWithoutCaseAndKeepTheirFirstSpelling) {
-  HANDLE key = nullptr;
-  ASSERT_EQ(CreateKey(nullptr, kBase, &key), STATUS_SUCCESS);
-  ASSERT_EQ(SetDword(key, u"CurrentValue", 1), STATUS_SUCCESS);
-  ASSERT_EQ(SetDword(key, u"CurrentFlag", 2), STATUS_SUCCESS);
-  ASSERT_EQ(SetDword(key, u"", 3), STATUS_SUCCESS);  // the key's default value
-  ASSERT_EQ(SetDword(key, u"CURRENTVALUE", 4), STATUS_SUCCESS);
-  const uint8_t two[2] = {9, 8};
-  ASSERT_EQ(SetValue(key, u"currentflag", REG_BINARY, two, 2), STATUS_SUCCESS);
-  EXPECT_EQ(Listed(kBase), (Listing{{u"CurrentValue", REG_DWORD, {4, 0, 0, 0}},
-                                    {u"CurrentFlag", REG_BINARY, {9, 8}},
-                                    {u"", REG_DWORD, {3, 0, 0, 0}}}));
   EXPECT_EQ(ZwClose(key), STATUS_SUCCESS);
 }
 
@@ -352,14 +257,11 @@ TEST_F(Registry, DeviceOpensAndNamesTheSoftwareKeyBoundToIt) {
   EXPECT_EQ(softwareKey,
             u"\\REGISTRY\\MACHINE\\SYSTEM\\CurrentControlSet\\Control\\Class\\" + instance);
   ASSERT_TRUE(BindDeviceRegistryKey(FakeDevice(0), softwareKey));
-  ASSERT_TRUE(BindDeviceRegistryKey(FakeDevice(1), kBase + u"\\0007"));
   EXPECT_FALSE(BindDeviceRegistryKey(FakeDevice(3), u"SYSTEM\\NotAbsolute"));
   const std::tuple<DEVICE_OBJECT*, ULONG, NTSTATUS> opens[] = {
       {FakeDevice(0), PLUGPLAY_REGKEY_DRIVER, STATUS_SUCCESS},
       {FakeDevice(2), PLUGPLAY_REGKEY_DRIVER, STATUS_OBJECT_NAME_NOT_FOUND},  // unbound
-      {FakeDevice(3), PLUGPLAY_REGKEY_DRIVER, STATUS_OBJECT_NAME_NOT_FOUND},  // binding refused
-      {nullptr, PLUGPLAY_REGKEY_DRIVER, STATUS_INVALID_PARAMETER},
-      {FakeDevice(0), PLUGPLAY_REGKEY_DEVICE, STATUS_INVALID_PARAMETER},  // the hardware key
+      {FakeDevice(0), PLUGPLAY_REGKEY_DEVICE, STATUS_INVALID_PARAMETER},      // the hardware key
   };
   for (const auto& [device, keyType, status] : opens) {
     HANDLE key = kUntouched, sub = nullptr;
@@ -376,16 +278,13 @@ TEST_F(Registry, DeviceOpensAndNamesTheSoftwareKeyBoundToIt) {
   EXPECT_TRUE(GetRegistryDword(softwareKey, u"StreamOpen", nullptr));
   EXPECT_TRUE(RegistryKeyExists(softwareKey + u"\\ov7670\\propertysetting"));
 
-  // The driver key name: class-relative when below the class key, else the whole path.
+  // The driver key name, class-relative, and a buffer one byte short of it.
   const ULONG bytes = (43 + 1) * 2;  // 38 of the GUID, a backslash, four digits, the zero
   using Name =
       std::tuple<DEVICE_OBJECT*, DEVICE_REGISTRY_PROPERTY, ULONG, NTSTATUS, std::u16string>;
   const Name names[] = {
       {FakeDevice(0), DevicePropertyDriverKeyName, bytes, STATUS_SUCCESS, instance},
       {FakeDevice(0), DevicePropertyDriverKeyName, bytes - 1, STATUS_BUFFER_TOO_SMALL, u""},
-      {FakeDevice(1), DevicePropertyDriverKeyName, 512, STATUS_SUCCESS, kBase + u"\\0007"},
-      {FakeDevice(0), DevicePropertyClassGuid, 512, STATUS_INVALID_PARAMETER_2, u""},
-      {FakeDevice(2), DevicePropertyDriverKeyName, 512, STATUS_OBJECT_NAME_NOT_FOUND, u""},
   };
   for (const auto& [device, property, length, status, text] : names) {
     SCOPED_TRACE(length);
@@ -400,10 +299,6 @@ TEST_F(Registry, DeviceOpensAndNamesTheSoftwareKeyBoundToIt) {
     EXPECT_EQ(result, (text.size() + 1) * 2);
     EXPECT_EQ(std::u16string(buffer.data()), text);
   }
-  UnbindDeviceRegistryKey(FakeDevice(0));
-  HANDLE key = nullptr;
-  EXPECT_EQ(IoOpenDeviceRegistryKey(FakeDevice(0), PLUGPLAY_REGKEY_DRIVER, 0x20000, &key),
-            STATUS_OBJECT_NAME_NOT_FOUND);
 }
 
 TEST_F(Registry, BadArgumentsGiveAStatusNotACrash) {
@@ -412,41 +307,29 @@ TEST_F(Registry, BadArgumentsGiveAStatusNotACrash) {
   ASSERT_EQ(CreateKey(nullptr, kBase, &closed), STATUS_SUCCESS);
   ASSERT_EQ(ZwClose(closed), STATUS_SUCCESS);
   UNICODE_STRING name = Counted(u"Value"), odd = {3, 4, const_cast<WCHAR*>(u"ab")};
-  UNICODE_STRING noBuffer = {4, 4, nullptr};
   OBJECT_ATTRIBUTES attributes, oddAttributes;
   InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE, key, nullptr);
   InitializeObjectAttributes(&oddAttributes, &odd, 0, key, nullptr);
   uint8_t record[32];
   ULONG needed = 0;
   uint32_t dword = 0;
-  auto query = [&](HANDLE h, UNICODE_STRING* n, int kind, ULONG* result) {
-    return ZwQueryValueKey(h, n, KEY_VALUE_INFORMATION_CLASS(kind), record, 32, result);
-  };
   auto create = [&](HANDLE* to, OBJECT_ATTRIBUTES* a) {
     return ZwCreateKey(to, KEY_ALL_ACCESS, a, 0, nullptr, 0, nullptr);
   };
-  const int partial = KeyValuePartialInformation;
-  const NTSTATUS inval = STATUS_INVALID_PARAMETER, handle = STATUS_INVALID_HANDLE;
+  const NTSTATUS inval = STATUS_INVALID_PARAMETER;
   const std::pair<std::function<NTSTATUS()>, NTSTATUS> cases[] = {
       {[&] { return create(nullptr, &attributes); }, inval},
-      {[&] { return create(&out, nullptr); }, inval},
-      {[&] { return CreateKey(closed, u"x", &out); }, handle},
+      {[&] { return CreateKey(closed, u"x", &out); }, STATUS_INVALID_HANDLE},
       {[&] { return create(&out, &oddAttributes); }, STATUS_OBJECT_NAME_INVALID},
-      {[&] { return query(closed, &name, partial, &needed); }, handle},
-      {[&] { return query(key, &name, partial, nullptr); }, inval},
-      {[&] { return query(key, &name, KeyValueBasicInformation, &needed); },
-       STATUS_NOT_IMPLEMENTED},
-      {[&] { return query(key, &name, 77, &needed); }, inval},
-      {[&] { return query(key, &noBuffer, partial, &needed); }, inval},
+      {[&] {
+         return ZwQueryValueKey(key, &name, KEY_VALUE_INFORMATION_CLASS(77), record, 32, &needed);
+       },
+       inval},
       {[&] { return ZwSetValueKey(key, &name, 0, REG_DWORD, nullptr, 4); }, inval},
-      {[&] { return ZwSetValueKey(closed, &name, 0, REG_DWORD, &dword, 4); }, handle},
       {[&] { return ZwSetValueKey(key, &name, 0, REG_BINARY, record, RegistryMaxValueBytes + 1); },
        inval},
-      {[&] { return RtlWriteRegistryValue(0, nullptr, u"V", REG_DWORD, &dword, 4); }, inval},
       {[&] { return RtlWriteRegistryValue(1, u"Services\\X", u"V", REG_DWORD, &dword, 4); },
        inval},  // absolute paths only
-      {[&] { return IoOpenDeviceRegistryKey(FakeDevice(0), PLUGPLAY_REGKEY_DRIVER, 0, nullptr); },
-       inval},
   };
   for (size_t i = 0; i < std::size(cases); ++i) EXPECT_EQ(cases[i].first(), cases[i].second) << i;
   EXPECT_EQ(Listed(kBase), Listing{});
@@ -493,35 +376,22 @@ TEST_F(Registry, EachCallFailsInTurnAndTheNextRoundWorks) {
   EXPECT_EQ(SavePropertyValue(105), STATUS_SUCCESS);
   EXPECT_EQ(Dword(propertyKey, u"CurrentValue"), 105);
   RegistryFailOperation(0, STATUS_SUCCESS);
-  // With `every`, the chosen call and all after it fail until turned off.
-  RegistryFailOperation(2, STATUS_ACCESS_DENIED, true);
-  EXPECT_EQ(SavePropertyValue(3), STATUS_ACCESS_DENIED);
-  EXPECT_EQ(SavePropertyValue(3), STATUS_ACCESS_DENIED);
-  RegistryFailOperation(0, STATUS_SUCCESS);
-  EXPECT_EQ(SavePropertyValue(3), STATUS_SUCCESS);
 }
 
 // ---------------------------------------------------------------- the text form
 
 TEST_F(Registry, EachTextValueFormReadsToItsTypeAndBytes) {
   const std::tuple<std::string, std::u16string, ULONG, Bytes> cases[] = {
-      {"\"FrameRate\"=dword:0000001e", u"FrameRate", REG_DWORD, {0x1e, 0, 0, 0}},
       {"\"Short\"=DWORD:A", u"Short", REG_DWORD, {0x0a, 0, 0, 0}},
       {"@=dword:ffffffff", u"", REG_DWORD, {0xff, 0xff, 0xff, 0xff}},
       {"  \"Spaced\" = dword:12345678  ", u"Spaced", REG_DWORD, {0x78, 0x56, 0x34, 0x12}},
-      {"\"Script\"=\"C:\\\\cam\\\\a.scr\"", u"Script", REG_SZ, Wide("C:\\cam\\a.scr")},
-      {"\"Q\"=\"say \\\"hi\\\"\"", u"Q", REG_SZ, Wide("say \"hi\"")},
-      {"\"Empty\"=\"\"", u"Empty", REG_SZ, {0, 0}},
+      {"\"Script\"=\"C:\\\\cam \\\"1\\\".scr\"", u"Script", REG_SZ, Wide("C:\\cam \"1\".scr")},
       // U+00C4 and U+20AC in UTF-8.
       {"\"Euro\"=\"\xC3\x84\xE2\x82\xAC\"", u"Euro", REG_SZ, {0xC4, 0x00, 0xAC, 0x20, 0, 0}},
       {"\"Name \\\"q\\\" \\\\ x\"=dword:1", u"Name \"q\" \\ x", REG_DWORD, {1, 0, 0, 0}},
-      {"\"Blob\"=hex:01,02,ff", u"Blob", REG_BINARY, {1, 2, 0xff}},
       {"\"NoBytes\"=hex:", u"NoBytes", REG_BINARY, {}},
-      {"\"None\"=hex(0):", u"None", REG_NONE, {}},
-      {"\"Qword\"=hex(b):01,00,00,00,00,00,00,80", u"Qword", 11, {1, 0, 0, 0, 0, 0, 0, 0x80}},
       {"\"Odd\"=hex(deadbeef):7", u"Odd", 0xdeadbeef, {7}},
-      {"\"Folded\"=hex:00,01,\\\r\n  02,03,\\\r\n  04", u"Folded", REG_BINARY, {0, 1, 2, 3, 4}},
-      {"\"Wrapped\"=hex:\\\r\n  0a", u"Wrapped", REG_BINARY, {0x0a}},
+      {"\"Folded\"=hex:\\\r\n  00,01,\\\r\n  02", u"Folded", REG_BINARY, {0, 1, 2}},
   };
   for (const auto& [line, name, type, data] : cases) {
     SCOPED_TRACE(line);
@@ -551,67 +421,40 @@ TEST_F(Registry, TextKeyLinesDeletionsAndCommentsMergeIntoTheTree) {
   ASSERT_TRUE(ListRegistrySubKeys(kBase, &keys));
   EXPECT_EQ(keys, (std::vector<std::u16string>{u"Keep", u"Old"}));
   EXPECT_EQ(Listed(kBase + u"\\Keep"), (Listing{{u"A", REG_DWORD, {5, 0, 0, 0}}}));
-}
 
-TEST_F(Registry, Utf16LittleEndianTextReadsLikeItsUtf8Form) {
-  // U+00C4 in a key name, U+1F600 (a surrogate pair) in a string.
+  // UTF-16 as another editor saves it: U+00C4 in a key name, U+1F600 (a surrogate pair) in a
+  // string, both read as their UTF-8 form writes them.
   const std::u16string text16 =
       u"Windows Registry Editor Version 5.00\r\n\r\n"
       u"[HKEY_LOCAL_MACHINE\\SOFTWARE\\Mr740Test\\\u00C4]\r\n\"Face\"=\"\U0001F600!\"\r\n";
   std::string bytes16 = "\xFF\xFE";
   for (char16_t c : text16) bytes16 += {char(c & 0xFF), char(c >> 8)};
-  const std::string text8 = kHeader +
-                            "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Mr740Test\\\xC3\x84]\r\n"
-                            "\"Face\"=\"\xF0\x9F\x98\x80!\"\r\n";
-  std::string error;
-  ASSERT_TRUE(LoadRegistryText(bytes16, "cam16.reg", &error)) << error;
-  std::u16string face;
-  ASSERT_TRUE(GetRegistryString(kBase + u"\\\u00E4", u"face", &face));
-  EXPECT_EQ(face, (std::u16string{0xD83D, 0xDE00, u'!'}));
-  const std::string saved16 = SaveRegistryText();
   ResetRegistry();
-  ASSERT_TRUE(LoadRegistryText(text8, "cam8.reg", &error)) << error;
-  EXPECT_EQ(SaveRegistryText(), saved16);
-  EXPECT_NE(saved16.find(text8.substr(kHeader.size())), std::string::npos);
+  ASSERT_TRUE(LoadRegistryText(bytes16, "cam16.reg", &error)) << error;
+  EXPECT_EQ(SaveRegistryText(kBase),
+            kHeader + kBaseLine +
+                "\r\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Mr740Test\\\xC3\x84]\r\n"
+                "\"Face\"=\"\xF0\x9F\x98\x80!\"\r\n\r\n");
 }
 
 TEST_F(Registry, MalformedTextNamesItsLineAndChangesNothing) {
-  // Text after the header and the key line (line 3), unless whole; then the line named and what
-  // is said. Line 4 is a good value, line 5 the fault.
+  // Text after the header and the key line (line 3), unless whole; then the line named and the
+  // word that names the fault. Line 4 is a good value, line 5 the fault.
   const std::string good = "\"Loaded\"=dword:1\r\n";
   const std::tuple<std::string, bool, int, std::string> cases[] = {
-      {"[HKLM\\X]\r\n", true, 1, "expected \"Windows Registry Editor Version 5.00\""},
-      {"\r\n\r\n" + kHeader + "\"V\"=dword:1\r\n", true, 5, "value line before any key line"},
-      {good + "[HKEY_LOCAL_MACHINE\\SOFTWARE\\X\r\n", false, 5, "without a closing ']'"},
-      {good + "[HKEY_CURRENT_USER\\Software]\r\n", false, 5, "unknown root key"},
-      {good + "[HKLM\\SOFTWARE\\\\X]\r\n", false, 5, "empty key name"},
-      {good + "[HKLM\\" + std::string(256, 'k') + "]\r\n", false, 5, "longer than 255"},
-      {good + "[-HKEY_LOCAL_MACHINE]\r\n", false, 5, "cannot be deleted"},
-      {good + "[-HKLM\\SOFTWARE\\X]\r\n\"V\"=dword:1\r\n", false, 6, "below a deleted key"},
-      {good + "\"V\"=dword:123456789\r\n", false, 5, "1 to 8 hexadecimal digits"},
-      {good + "\"V\"=dword:\r\n", false, 5, "1 to 8 hexadecimal digits"},
-      {good + "\"V\"=dword:12g4\r\n", false, 5, "1 to 8 hexadecimal digits"},
-      {good + "\"V=dword:1\r\n", false, 5, "no closing quote"},
-      {good + "\"V\"dword:1\r\n", false, 5, "expected '='"},
-      {good + "\"V\"=\"C:\\cam\"\r\n", false, 5, "unknown escape"},
-      {good + "\"V\"=\"abc\r\n", false, 5, "no closing quote"},
-      {good + "\"V\"=\"abc\" x\r\n", false, 5, "after the closing quote"},
-      {good + "\"V\"=hex:1g\r\n", false, 5, "bad byte"},
-      {good + "\"V\"=hex:123\r\n", false, 5, "bad byte"},
-      {good + "\"V\"=hex:01,,02\r\n", false, 5, "empty byte"},
-      {good + "\"V\"=hex:01,02,\r\n", false, 5, "ends with a comma"},
-      {good + "\"V\"=hex(zz):01\r\n", false, 5, "hex(N)"},
-      {good + "\"V\"=hex(2)01\r\n", false, 5, "expected ':'"},
+      {"[HKLM\\X]\r\n", true, 1, "Windows Registry Editor"},
+      {"\r\n\r\n" + kHeader + "\"V\"=dword:1\r\n", true, 5, "before any key"},
+      {good + "[HKEY_LOCAL_MACHINE\\SOFTWARE\\X\r\n", false, 5, "']'"},
+      {good + "[HKEY_CURRENT_USER\\Software]\r\n", false, 5, "root"},
+      {good + "[HKLM\\" + std::string(256, 'k') + "]\r\n", false, 5, "255"},
+      {good + "[-HKLM\\SOFTWARE\\X]\r\n\"V\"=dword:1\r\n", false, 6, "deleted key"},
+      {good + "\"V\"=dword:123456789\r\n", false, 5, "hexadecimal"},
+      {good + "\"V=dword:1\r\n", false, 5, "closing quote"},
+      {good + "\"V\"=\"C:\\cam\"\r\n", false, 5, "escape"},
       {good + "\"V\"=hex:00,01,\\\r\n  02,zz\r\n", false, 6, "bad byte"},
-      {good + "\"V\"=hex:00,\\", false, 5, "past the end of the file"},
-      {good + "\"V\"=hex:00,\\\r\n\r\n", false, 6, "blank line"},
-      {good + "\"V\"=word:1\r\n", false, 5, "unknown value form"},
-      {good + "Brightness=5\r\n", false, 5, "not a key, value or comment line"},
-      {good + "\r\n\"V\"=\"\xC3\x28\"\r\n", false, 6, "invalid UTF-8"},
-      {std::string("\xFF\xFEW\0", 4), true, 1, "expected"},
+      {good + "\"V\"=hex:00,\\", false, 5, "end of the file"},
+      {good + "\r\n\"V\"=\"\xC3\x28\"\r\n", false, 6, "UTF-8"},
       {std::string("\xFF\xFEW\0i", 5), true, 1, "odd number of bytes"},
-      {std::string("\xFF\xFE\n\0\x3D\xD8", 6), true, 2, "surrogate"},
-      {"\xFE\xFFW\0", true, 1, "big-endian"},
   };
   ASSERT_TRUE(SetRegistryDword(kBase, u"Marker", 42));
   const std::string before = SaveRegistryText();
@@ -628,7 +471,7 @@ TEST_F(Registry, MalformedTextNamesItsLineAndChangesNothing) {
   }
 }
 
-TEST_F(Registry, SavedTextIsStableReadsBackToTheSameTreeAndFoldsAt80Columns) {
+TEST_F(Registry, SavedTextIsExactFoldsAt80ColumnsAndReadsBack) {
   Bytes thirty(30);
   for (size_t i = 0; i < thirty.size(); ++i) thirty[i] = uint8_t(i);
   ASSERT_TRUE(SetRegistryDword(kBase, u"FrameRate", 30));
@@ -646,60 +489,26 @@ TEST_F(Registry, SavedTextIsStableReadsBackToTheSameTreeAndFoldsAt80Columns) {
                 "\"Blob\"=hex:00,01,02,03,04,05,06,07,08,09,0a,0b,0c,0d,0e,0f,10,11,12,13,14,15,"
                 "\\\r\n  16,17,18,19,1a,1b,1c,1d\r\n\r\n");
 
-  // Every form, odd names and deep keys survive a save and a load exactly.
-  Bytes large(300);
-  for (size_t i = 0; i < large.size(); ++i) large[i] = uint8_t(i * 37 + 5);
-  const std::u16string odd = kBase + u"\\Odd \"name\" [x] \u00E9\U0001F600";
-  const std::tuple<std::u16string, ULONG, Bytes> values[] = {
-      {u"Large", REG_BINARY, large},
-      {std::u16string(70, u'n'), REG_BINARY, {1, 2}},  // breaks after "hex:"
-      {u"Line break", REG_SZ, {'a', 0, '\n', 0, 0, 0}},
-      {u"No zero", REG_SZ, {'a', 0}},
-      {u"Odd length", REG_SZ, {'a', 0, 0}},
-      {u"Half pair", REG_SZ, {0x3D, 0xD8, 0, 0}},
-      {u"Empty dword", REG_DWORD, {}},
-      {u"\\\"", 0x12345678, {9}},
-  };
-  for (const auto& [name, type, data] : values)
-    ASSERT_TRUE(SetRegistryValue(odd, name, type, data));
-  std::u16string deep = kBase;
-  for (int level = 0; level < 40; ++level) deep += level % 2 ? u"\\d" : u"\\D";
-  ASSERT_TRUE(SetRegistryDword(deep, u"Bottom", 1));
-
-  RegistryKeySnapshot original, reloaded;
-  ASSERT_TRUE(SnapshotRegistryKey(u"\\REGISTRY\\MACHINE", &original));
   const std::string saved = SaveRegistryText();
-  for (size_t at = 0, end; at < saved.size(); at = end + 2) {
-    end = saved.find("\r\n", at);
-    ASSERT_NE(end, std::string::npos);
-    EXPECT_TRUE(saved[at] == '[' || end - at <= 80) << saved.substr(at, end - at);
-  }
   ResetRegistry();
   std::string error;
   ASSERT_TRUE(LoadRegistryText(saved, "saved.reg", &error)) << error;
-  ASSERT_TRUE(SnapshotRegistryKey(u"\\REGISTRY\\MACHINE", &reloaded));
-  Flat before, after;
-  Flatten(original, u"", &before);
-  Flatten(reloaded, u"", &after);
-  EXPECT_EQ(before, after);
   EXPECT_EQ(SaveRegistryText(), saved);
 }
 
 // ---------------------------------------------------------------- the file
 
 TEST_F(Registry, AnInterruptedSaveLeavesTheOldFileAndNamesTheTextCannotHoldFail) {
-  const fs::path file = folder_ / "camera.reg", none = folder_ / "none.reg";
+  const fs::path file = folder_ / "camera.reg";
   const std::string tmp = file.string() + ".tmp";
   std::string error;
   ASSERT_TRUE(SetRegistryDword(kBase, u"LensPos", 1));
   ASSERT_TRUE(SaveRegistryFile(file.string(), &error)) << error;
   const std::string first = ReadFile(file);
-  EXPECT_FALSE(fs::exists(tmp));
 
   ASSERT_TRUE(SetRegistryDword(kBase, u"LensPos", 2));
   RegistrySaveStopBeforeRename(true);
   EXPECT_FALSE(SaveRegistryFile(file.string(), &error));
-  EXPECT_NE(error.find("before the rename"), std::string::npos) << error;
   RegistrySaveStopBeforeRename(false);
   EXPECT_EQ(ReadFile(file), first);
   EXPECT_TRUE(fs::exists(tmp));  // the crash's leftover
@@ -718,10 +527,6 @@ TEST_F(Registry, AnInterruptedSaveLeavesTheOldFileAndNamesTheTextCannotHoldFail)
   EXPECT_FALSE(SaveRegistryFile(file.string(), &error));
   EXPECT_NE(error.find("cannot hold"), std::string::npos) << error;
   EXPECT_EQ(ReadFile(file), kept);
-  EXPECT_EQ(SaveRegistryText(u"\\REGISTRY\\USER", &error), "");
-  EXPECT_EQ(SaveRegistryText(kBase + u"\\Missing"), kHeader);
-  EXPECT_FALSE(LoadRegistryFile(none.string(), &error));
-  EXPECT_EQ(error.substr(0, none.string().size()), none.string());
 }
 
 TEST_F(Registry, DriverChangesSurviveARestart) {
@@ -737,28 +542,17 @@ TEST_F(Registry, DriverChangesSurviveARestart) {
             STATUS_SUCCESS);
   DetachRegistryFile();
   EXPECT_EQ(AttachedRegistryFile(), "");
-  ASSERT_TRUE(SetRegistryDword(kBase, u"AfterDetach", 1));
-  EXPECT_EQ(ReadFile(file).find("AfterDetach"), std::string::npos);
 
   ResetRegistry();  // the restart
   ASSERT_TRUE(AttachRegistryFile(file.string(), &error)) << error;
   EXPECT_EQ(Dword(softwareKey + u"\\PropertySetting\\Brightness", u"CurrentValue"), 77);
   EXPECT_EQ(Dword(ServiceKeyPath, u"ConnectionState"), 1);
 
-  // ResetRegistry detaches without saving what is pending.
-  SetRegistrySaveInterval(std::chrono::hours(1));
-  ASSERT_TRUE(SetRegistryDword(kBase, u"Saved", 1));  // saved at once
-  ASSERT_TRUE(DriverSetDword(kBase, u"Pending", 1));  // within the interval
-  ResetRegistry();
-  EXPECT_EQ(AttachedRegistryFile(), "");
-  EXPECT_NE(ReadFile(file).find("\"Saved\"=dword:00000001"), std::string::npos);
-  EXPECT_EQ(ReadFile(file).find("Pending"), std::string::npos);
-
   // A file that does not load attaches nothing and stays as it was.
   const std::string bad = kHeader + "[HKLM\\X]\r\n\"V\"=dword:xyz\r\n";
   std::ofstream(file, std::ios::binary) << bad;
   EXPECT_FALSE(AttachRegistryFile(file.string(), &error));
-  EXPECT_EQ(error, file.string() + ":4: dword: takes 1 to 8 hexadecimal digits");
+  EXPECT_EQ(error.substr(0, file.string().size() + 4), file.string() + ":4: ") << error;
   EXPECT_EQ(AttachedRegistryFile(), "");
   EXPECT_EQ(ReadFile(file), bad);
 }
@@ -792,17 +586,17 @@ TEST_F(Registry, QuickChangesCoalesceAndUnchangedBytesAreNoChange) {
   // Without an interval every change saves, and only a change.
   SetRegistrySaveInterval(std::chrono::milliseconds(0));
   const uint32_t four = 4;
-  auto service = [&] {
-    return !RtlWriteRegistryValue(0, ServiceKeyPath, u"PrpKeyNumber", REG_DWORD, &four, 4);
-  };
   HANDLE key = nullptr;
   const std::string deletion = kHeader + "[-HKLM\\SOFTWARE\\Mr740Test\\New]\r\n";
   const std::tuple<const char*, std::function<bool()>, uint64_t> cases[] = {
       {"new value", [] { return DriverSetDword(kBase, u"C", 1); }, 3},
       {"same value", [] { return DriverSetDword(kBase, u"C", 1); }, 3},
       {"new key", [&] { return !CreateKey(nullptr, kBase + u"\\New", &key) && !ZwClose(key); }, 4},
-      {"service value", service, 5},
-      {"same service value", service, 5},
+      {"service value",
+       [&] {
+         return !RtlWriteRegistryValue(0, ServiceKeyPath, u"PrpKeyNumber", REG_DWORD, &four, 4);
+       },
+       5},
       {"deleted by a loaded file", [&] { return LoadRegistryText(deletion, "d.reg", nullptr); }, 6},
   };
   for (const auto& [label, change, saves] : cases) {
@@ -816,14 +610,21 @@ TEST_F(Registry, QuickChangesCoalesceAndUnchangedBytesAreNoChange) {
 
 // ---------------------------------------------------------------- threads
 
-TEST_F(RegistryThreads, ConcurrentWritersLoseNoValue) {
-  constexpr int kThreads = 4, kRounds = 150;
+// Driver writers on one key, and a reader through the control side, at the same time; with a
+// file attached and no save interval, every value reaches the file too.
+TEST_F(RegistryThreads, ConcurrentWritersLoseNoValueInTheTreeOrTheFile) {
+  constexpr int kThreads = 4, kRounds = 60;
+  const fs::path file = folder_ / "registry.reg";
+  std::string error;
+  SetRegistrySaveInterval(std::chrono::milliseconds(0));
+  ASSERT_TRUE(AttachRegistryFile(file.string(), &error)) << error;
   const std::u16string shared = kBase + u"\\Shared\\Common";
   auto valueName = [](std::string prefix, int t, int i) {
     return U16(prefix + std::to_string(t) + "_" + std::to_string(i));
   };
   std::vector<std::thread> threads;
   std::vector<int> failures(kThreads + 1, 0);
+  const uint64_t callsBefore = RegistryCallCount();
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
       for (int i = 0; i < kRounds; ++i) {
@@ -852,38 +653,21 @@ TEST_F(RegistryThreads, ConcurrentWritersLoseNoValue) {
   });
   for (auto& thread : threads) thread.join();
   EXPECT_EQ(failures, std::vector<int>(kThreads + 1, 0));
-  EXPECT_EQ(Listed(shared).size(), size_t(kThreads * kRounds + 1));
-  for (int t = 0; t < kThreads; ++t) {
-    for (int i = 0; i < kRounds; ++i) EXPECT_EQ(Dword(shared, valueName("t", t, i)), t * 1000 + i);
-  }
-  EXPECT_EQ(RegistryCallCount(), uint64_t(kThreads * kRounds * 4));  // four per round
-}
-
-// With a file attached and no save interval, every writer's values reach it.
-TEST_F(RegistryThreads, ConcurrentDriverWritersAllReachTheFile) {
-  constexpr int kThreads = 4, kRounds = 20;
-  const fs::path file = folder_ / "registry.reg";
-  std::string error;
-  SetRegistrySaveInterval(std::chrono::milliseconds(0));
-  ASSERT_TRUE(AttachRegistryFile(file.string(), &error)) << error;
-  auto key = [](int t) { return kBase + U16("\\T" + std::to_string(t)); };
-  auto name = [](int i) { return U16("V" + std::to_string(i)); };
-  std::vector<std::thread> threads;
-  std::vector<int> failures(kThreads, 0);
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < kRounds; ++i)
-        failures[t] += !DriverSetDword(key(t), name(i), t * 100 + i);
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(failures, std::vector<int>(kThreads, 0));
+  EXPECT_EQ(RegistryCallCount() - callsBefore, uint64_t(kThreads * kRounds * 4));  // four a round
   DetachRegistryFile();
   EXPECT_EQ(RegistryFileLastError(), "");
-  ResetRegistry();
-  ASSERT_TRUE(LoadRegistryFile(file.string(), &error)) << error;
-  for (int t = 0; t < kThreads; ++t) {
-    for (int i = 0; i < kRounds; ++i) EXPECT_EQ(Dword(key(t), name(i)), t * 100 + i);
+  for (bool fromFile : {false, true}) {
+    SCOPED_TRACE(fromFile ? "from the file" : "in the tree");
+    if (fromFile) {
+      ResetRegistry();
+      ASSERT_TRUE(LoadRegistryFile(file.string(), &error)) << error;
+    }
+    EXPECT_EQ(Listed(shared).size(), size_t(kThreads * kRounds + 1));
+    for (int t = 0; t < kThreads; ++t) {
+      for (int i = 0; i < kRounds; ++i) {
+        EXPECT_EQ(Dword(shared, valueName("t", t, i)), t * 1000 + i);
+      }
+    }
   }
 }
 
