@@ -14,17 +14,16 @@ namespace {
 using Frame = std::vector<uint8_t>;
 
 struct Plant {
-  uint32_t x, y;   // byte column and row
-  uint32_t pass;   // the scan pass whose quarter holds it
+  uint32_t x, y;  // byte column and row
+  uint32_t pass;  // the scan pass whose quarter holds it
 };
 
 // Runs frames 0 .. last of a capture on fresh copies of `planted`, the frame
 // counter cycling as the frame path drives it, and reports for each planted
 // sample the first frame in which it came out repaired to `flat`, or -1.
-std::vector<int> FirstRepairedFrame(DeviceContext* context, const Frame& planted,
-                                    uint32_t width, uint32_t height, bool yuyv,
-                                    const std::vector<Plant>& plants, uint32_t rowBytes,
-                                    uint8_t flat, int last) {
+std::vector<int> FirstRepairedFrame(DeviceContext* context, const Frame& planted, uint32_t width,
+                                    uint32_t height, bool yuyv, const std::vector<Plant>& plants,
+                                    uint32_t rowBytes, uint8_t flat, int last) {
   std::vector<int> first(plants.size(), -1);
   for (int frame = 0; frame <= last; ++frame) {
     context->FrameCounter = uint32_t(frame % 24);
@@ -48,8 +47,8 @@ std::vector<int> FirstRepairedFrame(DeviceContext* context, const Frame& planted
 // pass p is repaired from frame 24 x p on, and all are gone after 96 frames.
 TEST(DeadPixels, BayerSamplesAreRepairedInTheFramesOfTheirPass) {
   const uint32_t width = 24, height = 20;  // halves: rows 2..9 and 10..17
-  const std::vector<Plant> plants = {
-      {2, 2, 0}, {20, 9, 0}, {6, 10, 1}, {20, 17, 1}, {3, 2, 2}, {21, 9, 2}, {3, 10, 3}, {11, 17, 3}};
+  const std::vector<Plant> plants = {{2, 2, 0}, {20, 9, 0}, {6, 10, 1}, {20, 17, 1},
+                                     {3, 2, 2}, {21, 9, 2}, {3, 10, 3}, {11, 17, 3}};
   Frame planted(width * height, 100);
   for (const Plant& p : plants) planted[p.y * width + p.x] = 250;
 
@@ -98,8 +97,8 @@ TEST(DeadPixels, ASampleCloseToAnyOneNeighbourIsLeftAlone) {
   const uint32_t x = 6, y = 4;  // pass 0
   const struct {
     const char* name;
-    int dx, dy;        // the neighbour made close, or 0, 0 for none
-    uint8_t sample;    // value of the sample among neighbours of 100
+    int dx, dy;      // the neighbour made close, or 0, 0 for none
+    uint8_t sample;  // value of the sample among neighbours of 100
     bool listed;
   } cases[] = {
       {"differs from all four", 0, 0, 150, true},

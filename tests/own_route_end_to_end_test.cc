@@ -4,7 +4,6 @@
 // have run (96 frames), and a dark scene is blanked.
 
 #include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include <cstdlib>
@@ -35,8 +34,8 @@ class Ov2640Capture {
   explicit Ov2640Capture(const std::string& sceneText) : clockMode_(GetKernelClockMode()) {
     SetKernelClockMode(KernelClockMode::Virtual);
     SetDebugPrintSink(IgnoreLine, nullptr);
-    drive_ = std::filesystem::temp_directory_path() /
-             ("mr740-own-route-" + std::to_string(::getpid()));
+    drive_ =
+        std::filesystem::temp_directory_path() / ("mr740-own-route-" + std::to_string(::getpid()));
     ResetRegistry();
     InstallEmbeddedCamera("ov2640-camera", drive_.string(), stderr);
     MapDosDrive('C', drive_.string());
@@ -107,8 +106,8 @@ class Ov2640Capture {
   bool Next() {
     for (int tries = 0; tries < 4; ++tries) {
       HostFrame frame;
-      if (host_->ReadFrame(0, frame_.data(), uint32_t(frame_.size()), &frame,
-                           kFrameTimeout100ns) != STATUS_SUCCESS) {
+      if (host_->ReadFrame(0, frame_.data(), uint32_t(frame_.size()), &frame, kFrameTimeout100ns) !=
+          STATUS_SUCCESS) {
         return false;
       }
       if (frame.bytes == frame_.size()) return true;

@@ -145,9 +145,8 @@ TEST_F(OwnRoute, Mi2020RepairRewritesTheLastColumnsAndLines) {
     // Lines 0 to 3 keep their body, and their tails read a b a b c d c d.
     for (uint32_t y = 0; y < 4; ++y) {
       EXPECT_EQ(at(5, y), was(5, y));
-      const uint8_t tail[8] = {uint8_t(100 + 10 * y), uint8_t(101 + 10 * y),
-                               uint8_t(100 + 10 * y), uint8_t(101 + 10 * y),
-                               uint8_t(102 + 10 * y), uint8_t(103 + 10 * y),
+      const uint8_t tail[8] = {uint8_t(100 + 10 * y), uint8_t(101 + 10 * y), uint8_t(100 + 10 * y),
+                               uint8_t(101 + 10 * y), uint8_t(102 + 10 * y), uint8_t(103 + 10 * y),
                                uint8_t(102 + 10 * y), uint8_t(103 + 10 * y)};
       EXPECT_EQ(0, std::memcmp(&raw[y * width + width - 8], tail, 8)) << "line " << y;
     }
