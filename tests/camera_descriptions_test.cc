@@ -29,6 +29,7 @@
 #include "script/sensor_detection.h"
 #include "script/vendor_request.h"
 #include "tests/device_fixture.h"
+#include "tests/kernel_test_clock.h"
 #include "tools/script_tool.h"
 
 namespace {
@@ -324,7 +325,7 @@ struct CameraRig {
   TestDevice device;
   DebugPrintCapture log;
   const HostCalls* previousCalls = GetHostCalls();
-  KernelClockMode clockMode = GetKernelClockMode();
+  VirtualClock clock;
 
   CameraRig(const Model& model, bool highSpeed) {
     EmulatedCameraConfig config;
@@ -336,7 +337,6 @@ struct CameraRig {
     currentCamera = camera.get();
     static const HostCalls calls = ControlOnlyHostCalls(&ForwardVendorRequest);
     SetHostCalls(&calls);
-    SetKernelClockMode(KernelClockMode::Virtual);
     MapDosDrive('C', kRepository.string());
     static char pdo;
     device->PhysicalDeviceObject = reinterpret_cast<DEVICE_OBJECT*>(&pdo);
@@ -347,7 +347,6 @@ struct CameraRig {
   ~CameraRig() {
     UnbindDeviceRegistryKey(device->PhysicalDeviceObject);
     MapDosDrive('C', "");
-    SetKernelClockMode(clockMode);
     SetHostCalls(previousCalls);
     currentCamera = nullptr;
   }

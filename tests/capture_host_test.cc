@@ -20,6 +20,7 @@
 #include "platform/files_control.h"
 #include "platform/kernel_control.h"
 #include "platform/registry_control.h"
+#include "tests/kernel_test_clock.h"
 #include "tools/camera_catalog.h"
 
 namespace {
@@ -67,8 +68,6 @@ class HostRig {
  public:
   HostRig() {
     ResetRegistry();
-    clockMode_ = GetKernelClockMode();
-    SetKernelClockMode(KernelClockMode::Virtual);
     folder_ = fs::temp_directory_path() / ("mr740-host-test-" + std::to_string(::getpid()));
     fs::create_directories(folder_);
     for (const Description& description : kDescriptions) {
@@ -83,15 +82,14 @@ class HostRig {
                 PoolLiveBlocks(PoolTagWdm) == 0)
         << report;
     MapDosDrive('C', "");
-    SetKernelClockMode(clockMode_);
     std::error_code error;
     fs::remove_all(folder_, error);
     ResetRegistry();
   }
 
  private:
+  VirtualClock clock_;
   fs::path folder_;
-  KernelClockMode clockMode_ = KernelClockMode::Real;
   DebugPrintCapture log_;
 };
 

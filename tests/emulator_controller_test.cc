@@ -9,6 +9,7 @@
 #include "emulator/emulated_camera.h"
 #include "platform/kernel_control.h"
 #include "tests/emulator_test_helpers.h"
+#include "tests/kernel_test_clock.h"
 
 namespace {
 
@@ -144,8 +145,7 @@ TEST(EmulatedController, SlowSensorsAnswerTheByteOfTheLastTwoStepRead) {
 }
 
 TEST(EmulatedController, SecondStepBeforeTheSensorIsReadyFetchesTheOldByte) {
-  const KernelClockMode before = GetKernelClockMode();
-  SetKernelClockMode(KernelClockMode::Virtual);
+  VirtualClock clock;
   SetKernelClock(116444736000000000LL);
   EmulatedCameraConfig config;
   config.sensors = {EmulatedSensorConfig{K::OV2640, -1, -1, 5000}};
@@ -159,7 +159,6 @@ TEST(EmulatedController, SecondStepBeforeTheSensorIsReadyFetchesTheOldByte) {
     ASSERT_EQ(cam.ControlTransfer(2, 0x6000, 0x800A, &value, &length, true), STATUS_SUCCESS);
     EXPECT_EQ(value, pause ? 0x26 : 0x00) << "pause " << pause << " (0: the power-on latch)";
   }
-  SetKernelClockMode(before);
 }
 
 TEST(EmulatedController, SixteenBitSensorsTakeEveryDialect) {

@@ -19,17 +19,16 @@
 #include "core/host_contract.h"
 #include "emulator/emulated_camera.h"
 #include "platform/kernel_control.h"
+#include "tests/kernel_test_clock.h"
 
 class FakeCaptureHost {
  public:
-  FakeCaptureHost() : previousCalls_(GetHostCalls()), clockMode_(GetKernelClockMode()) {
+  FakeCaptureHost() : previousCalls_(GetHostCalls()) {
     Instance() = this;
     static const HostCalls calls = MakeCalls();
     SetHostCalls(&calls);
-    SetKernelClockMode(KernelClockMode::Virtual);
   }
   ~FakeCaptureHost() {
-    SetKernelClockMode(clockMode_);
     SetHostCalls(previousCalls_);
     Instance() = nullptr;
   }
@@ -227,7 +226,7 @@ class FakeCaptureHost {
   std::mutex lock_;
   std::vector<std::string> log_;
   const HostCalls* previousCalls_;
-  KernelClockMode clockMode_;
+  VirtualClock clock_;
 };
 
 // Builds a configuration descriptor: a header, then the descriptors added,

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "platform/kernel.h"
+#include "platform/kernel_control.h"
 
 // 2026-03-01 00:00:00 in 100 ns units since 1601.
 constexpr int64_t kStart = 116444736000000000LL + 1772323200LL * 10000000LL;
@@ -13,6 +14,13 @@ inline int64_t Clock() {
   KeQuerySystemTime(&now);
   return now.QuadPart;
 }
+
+// Virtual kernel time while it lives; the mode before it afterwards.
+struct VirtualClock {
+  KernelClockMode saved = GetKernelClockMode();
+  VirtualClock() { SetKernelClockMode(KernelClockMode::Virtual); }
+  ~VirtualClock() { SetKernelClockMode(saved); }
+};
 
 // Waits on `event` with a timeout as the driver gives it (negative relative).
 inline NTSTATUS WaitFor(KEVENT* event, int64_t timeout) {

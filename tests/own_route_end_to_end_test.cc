@@ -17,6 +17,7 @@
 #include "platform/files_control.h"
 #include "platform/kernel_control.h"
 #include "platform/registry_control.h"
+#include "tests/kernel_test_clock.h"
 #include "tools/camera_catalog.h"
 #include "tools/camera_models.h"
 
@@ -31,8 +32,7 @@ void IgnoreLine(void*, const char*) {}
 // `sceneText` as RGB24 at 320 x 240, with a same-size Bayer wire.
 class Ov2640Capture {
  public:
-  explicit Ov2640Capture(const std::string& sceneText) : clockMode_(GetKernelClockMode()) {
-    SetKernelClockMode(KernelClockMode::Virtual);
+  explicit Ov2640Capture(const std::string& sceneText) {
     SetDebugPrintSink(IgnoreLine, nullptr);
     drive_ =
         std::filesystem::temp_directory_path() / ("mr740-own-route-" + std::to_string(::getpid()));
@@ -96,7 +96,6 @@ class Ov2640Capture {
     std::error_code ignored;
     std::filesystem::remove_all(drive_, ignored);
     SetDebugPrintSink(nullptr, nullptr);
-    SetKernelClockMode(clockMode_);
   }
 
   const std::string& Error() const { return error_; }
@@ -117,7 +116,7 @@ class Ov2640Capture {
   const std::vector<uint8_t>& Picture() const { return frame_; }
 
  private:
-  KernelClockMode clockMode_;
+  VirtualClock clock_;  // first: restored after everything else is gone
   std::filesystem::path drive_;
   std::string error_;
   std::unique_ptr<EmulatedCamera> camera_;

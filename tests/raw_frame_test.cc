@@ -14,6 +14,7 @@
 #include "platform/kernel_control.h"
 #include "platform/registry_control.h"
 #include "tests/device_fixture.h"
+#include "tests/kernel_test_clock.h"
 
 namespace {
 
@@ -229,7 +230,7 @@ TEST(FramePath, WireSizeFollowsTheScaleMode) {
 // The meter averages the last 40 intervals and reports frames per second
 // times 100 from the 21st interval on, in engineer mode only.
 TEST(FrameRateMeter, ReportsInEngineerModeAfterTwentyOneIntervals) {
-  SetKernelClockMode(KernelClockMode::Virtual);
+  VirtualClock clock;
   ResetRegistry();
   DEVICE_OBJECT* pdo = reinterpret_cast<DEVICE_OBJECT*>(0x740);
   const std::u16string key =
@@ -274,7 +275,6 @@ TEST(FrameRateMeter, ReportsInEngineerModeAfterTwentyOneIntervals) {
   EXPECT_TRUE(GetRegistryDword(key, u"FrameRateNumber", &value));
   EXPECT_EQ(value, 2500u);
   UnbindDeviceRegistryKey(pdo);
-  SetKernelClockMode(KernelClockMode::Real);
 }
 
 }  // namespace

@@ -27,6 +27,7 @@
 #include "platform/files_control.h"
 #include "platform/kernel.h"
 #include "platform/kernel_control.h"
+#include "tests/kernel_test_clock.h"
 
 // Request or log lines as one text.
 inline std::string Joined(const std::vector<std::string>& lines,
@@ -35,13 +36,6 @@ inline std::string Joined(const std::vector<std::string>& lines,
   for (size_t i = 0; i < lines.size(); ++i) text += (i ? between : "") + lines[i];
   return text;
 }
-
-// Virtual kernel time while it lives; the mode before it afterwards.
-struct VirtualClock {
-  KernelClockMode saved = GetKernelClockMode();
-  VirtualClock() { SetKernelClockMode(KernelClockMode::Virtual); }
-  ~VirtualClock() { SetKernelClockMode(saved); }
-};
 
 // Drive C mapped onto a fresh temporary folder while it lives.
 struct TempDriveC {
